@@ -1,0 +1,21 @@
+# vorlan_room(TARGET ROOM USES TARGETS...)
+#
+# Makes TARGET the owner of the folder ROOM (relative to src/ or to the top of the tree) and lets
+# it use other rooms. A header is included as "ROOM/header.h", and this works only for targets that
+# name the room in USES: each room is reached through an include directory of its own that holds
+# nothing but a link to the room, so an include against the plan does not build.
+function(vorlan_room target room)
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "USES")
+    set(door ${CMAKE_BINARY_DIR}/rooms/${target})
+    cmake_path(GET room PARENT_PATH parent)
+    file(MAKE_DIRECTORY ${door}/${parent})
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${door}/${room} SYMBOLIC)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "INTERFACE_LIBRARY")
+        target_include_directories(${target} INTERFACE ${door})
+        target_link_libraries(${target} INTERFACE ${arg_USES})
+    else()
+        target_include_directories(${target} PUBLIC ${door})
+        target_link_libraries(${target} PUBLIC ${arg_USES} PRIVATE vorlan_warnings)
+    endif()
+endfunction()

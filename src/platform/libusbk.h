@@ -1,0 +1,155 @@
+// The interface of libusbK, the USB library that is bound at run time, as far as the USB engine
+// needs it. Implemented by libusbK.so (platform/linux/libusbk) and by the simulator's USB bus; the
+// engine calls it through the table of vorlan/burn/libusbk_table.h only.
+//
+// Every operation but LibK_LastError may be called from any thread. Unless said otherwise it
+// returns true on success; on failure the calling thread's LibK_LastError gives the cause.
+#pragma once
+
+#include <cstdint>
+
+namespace libusbk {
+
+// System codes that LibK_LastError reports. The values are those of the Windows system errors of
+// the same meaning, since they reach the logs and the engine tells some of them apart.
+enum ErrorCode : std::uint32_t {
+    kNoError = 0,
+    kInvalidFunction = 1,        // not supported by the driver
+    kAccessDenied = 5,           // the device is there, the permission is not
+    kNotEnoughMemory = 8,        //
+    kGeneralFailure = 31,        // stall, babble or any other error on the wire
+    kInvalidParameter = 87,      //
+    kSemaphoreTimeout = 121,     // a transfer without a slot ran into its limit
+    kModuleNotFound = 126,       // libusbK could not be bound
+    kBusy = 170,                 // somebody else has claimed the interface
+    kNoMoreItems = 259,          // there is no such interface, device or slot
+    kOperationAborted = 995,     // the handle was interrupted
+    kIoPending = 997,            // the transfer was started and runs on
+    kDeviceNotConnected = 1167,  // the device is gone
+    kCancelled = 1223,           // the wait ran out of time and the transfer was cancelled
+};
+
+constexpr std::uint32_t kTextSize = 256;  // bytes of every text field, terminator included
+
+// Driver ids of DeviceEntry.
+constexpr std::int32_t kDriverIdWinUsb = 2;   // "winusb.sys"
+constexpr std::int32_t kDriverIdLibusb = 10;  // libusb-1.0 over the kernel's usbfs
+
+// One device, valid during the callback or until its list is freed; copy what is needed later.
+// All texts are NUL-terminated.
+struct DeviceEntry {
+    std::uint16_t vendorId;
+    std::uint16_t productId;
+    std::int32_t driverId;
+    std::int32_t busNumber;
+    std::int32_t deviceAddress;
+    // "USB\VID_1234&PID_5678\CONTROLLER-PORT.PORT": names the physical port, so it survives
+    // re-enumeration and reboots.
+    char deviceId[kTextSize];
+    char instanceId[kTextSize];
+    char deviceInterfaceGuid[kTextSize];
+    char manufacturer[kTextSize];
+    char description[kTextSize];
+    char service[kTextSize];
+    char devicePath[kTextSize];
+};
+
+// What a list or a monitor is to hold. A field matches the whole text of a device, "*" at its end
+// any rest; an empty field matches everything.
+struct DevicePattern {
+    char deviceId[kTextSize];
+    char deviceInterfaceGuid[kTextSize];
+    char classGuid[kTextSize];
+};
+
+// Opaque objects; each is owned by the caller that made it until it is freed.
+struct Monitor;
+struct DeviceList;
+struct UsbHandle;
+struct OverlappedPool;
+struct OverlappedSlot;
+
+constexpr std::int32_t kArrival = 2;
+constexpr std::int32_t kRemoval = 4;
+
+// Called on one thread of the library, in the order of the events. It may use every operation but
+// HotK_Free on its own monitor.
+using HotPlugCallback = void (*)(Monitor* monitor, const DeviceEntry* entry, std::int32_t kind);
+
+constexpr std::uint32_t kReportConnected = 1;  // report what is connected already, as arrivals
+
+struct MonitorParameters {
+    std::uint32_t flags;
+    DevicePattern pattern;
+    HotPlugCallback callback;
+};
+
+}  // namespace libusbk
+
+extern "C" {
+
+// The calling thread's code of its last failed operation. Only HotK_Free sets kNoError on success.
+std::uint32_t LibK_LastError();
+
+// Begin and end of a binding: the library's context is made and freed here. No other operation may
+// run before LibK_Startup has succeeded or once LibK_Shutdown has begun. LibK_Shutdown gives the
+// kernel its drivers back.
+bool LibK_Startup();
+void LibK_Shutdown();
+
+// Starts reporting arrivals and removals to the callback.
+bool HotK_Init(libusbk::Monitor** monitor, const libusbk::MonitorParameters* parameters);
+// Ends the monitor and waits for a callback that is running. LibK_LastError is kNoError on success.
+bool HotK_Free(libusbk::Monitor* monitor);
+
+// A snapshot of the connected devices that match.
+bool LstK_InitEx(libusbk::DeviceList** list, std::uint32_t flags,
+                 const libusbk::DevicePattern* pattern);
+// The first entry with these ids; it lives as long as the list. Fails with kNoMoreItems.
+bool LstK_FindByVidPid(libusbk::DeviceList* list, std::uint16_t vendorId, std::uint16_t productId,
+                       const libusbk::DeviceEntry** entry);
+bool LstK_Free(libusbk::DeviceList* list);
+
+// Opens the device; its pipes work at once, with no claim. Fails with kDeviceNotConnected,
+// kAccessDenied, kNotEnoughMemory or kGeneralFailure.
+bool UsbK_Init(libusbk::UsbHandle** handle, const libusbk::DeviceEntry* entry);
+// Closes the handle. Its pools are freed before.
+bool UsbK_Free(libusbk::UsbHandle* handle);
+// numberOrIndex is an interface number unless isIndex. Fails with kNoMoreItems if there is none,
+// kBusy if somebody else has it.
+bool UsbK_ClaimInterface(libusbk::UsbHandle* handle, std::uint8_t numberOrIndex, bool isIndex);
+bool UsbK_ReleaseInterface(libusbk::UsbHandle* handle, std::uint8_t numberOrIndex, bool isIndex);
+// With a slot the transfer is started: true if it has finished inside the call, with the count,
+// else false with kIoPending or the cause. The buffer stays in use until OvlK_WaitOrCancel has
+// returned. Without a slot (null) the transfer completes inside the call and fails with
+// kSemaphoreTimeout after one second.
+bool UsbK_ReadPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8_t* buffer,
+                   std::uint32_t length, std::uint32_t* transferred, libusbk::OverlappedSlot* slot);
+bool UsbK_WritePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, const std::uint8_t* buffer,
+                    std::uint32_t length, std::uint32_t* transferred,
+                    libusbk::OverlappedSlot* slot);
+// Clears a halt of the pipe.
+bool UsbK_ResetPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
+// Empties the pipe: an IN pipe drops answers that came too late, an OUT pipe has nothing to drop.
+bool UsbK_FlushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
+// Ends all waits on the handle at once with kOperationAborted; from then on every transfer on it
+// fails with that code. A transfer that has completed before keeps its result. May be called while
+// other threads use the handle, but not while or after it is freed.
+bool UsbK_Interrupt(libusbk::UsbHandle* handle);
+
+// A pool of `count` slots for transfers on the handle; flags are 0.
+bool OvlK_Init(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle, std::int32_t count,
+               std::uint32_t flags);
+// Frees the pool with its slots; none of them may have a transfer under way.
+bool OvlK_Free(libusbk::OverlappedPool* pool);
+// Fails with kNoMoreItems when all slots are taken.
+bool OvlK_Acquire(libusbk::OverlappedSlot** slot, libusbk::OverlappedPool* pool);
+bool OvlK_Release(libusbk::OverlappedSlot* slot);
+// Makes the slot ready for its next transfer.
+bool OvlK_ReUse(libusbk::OverlappedSlot* slot);
+// Waits for the transfer of the slot. True when it ended well in time. On time-out it is cancelled:
+// false with kCancelled, and the count says exactly what moved before. After an interruption false
+// with kOperationAborted, after a failure false with its cause.
+bool OvlK_WaitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
+                       std::uint32_t* transferred);
+}

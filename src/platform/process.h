@@ -1,0 +1,17 @@
+// Facts about the running process, for log lines and for finding what lies beside the program.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace platform {
+
+std::uint32_t processId();
+
+// The system's number of the calling thread.
+std::uint32_t threadId();
+
+// Directory of the program's executable, with no trailing separator; empty if it is unknown.
+std::string executableDirectory();
+
+}  // namespace platform

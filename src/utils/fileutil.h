@@ -1,0 +1,55 @@
+// File system operations on the program's paths. They hold no state, never throw and report failure
+// by their result.
+//
+// A path that begins with "/" is the operator's and is taken as it stands. All others are the
+// program's own, such as ".\temp_image\" or "log\run.log": relative to the current directory, with
+// the backslash as separator. They keep that form wherever they are stored, joined or shown.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace fileutil {
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// The path as the system takes it. Every call of the system goes through here, and nobody else
+// converts paths.
+std::string nativePath(std::wstring_view path);
+std::string nativePath(std::string_view path);
+
+// As fopen, with a path of the program. A directory counts as not opened.
+FilePtr openFile(std::wstring_view path, const char* mode);
+FilePtr openFile(std::string_view path, const char* mode);
+
+// Whether a file or directory of that path exists; false for an empty path.
+bool fileExists(const std::wstring& path);
+
+// False also for a path that does not exist.
+bool isDirectory(const std::wstring& path);
+
+// Creates a directory with its parents. True if it exists in the end.
+bool createDirectories(const std::wstring& path);
+
+// Deletes a file, or a directory with all it holds, read-only files included. A link is removed,
+// not what it points to. What cannot be deleted stays.
+void removePath(const std::wstring& path);
+
+// The whole text of a file, with CR LF turned into a line feed and ended by the first NUL byte.
+// Empty if the file cannot be opened.
+std::string readFile(const std::wstring& path);
+
+// Whether some directory directly below `parent` whose name begins with `prefix` holds `file`, a
+// relative path that brings its own leading backslash.
+bool findInSubdirs(const std::wstring& parent, const std::wstring& prefix,
+                   const std::wstring& file);
+
+// Whether the file can be opened for reading; if not, the trace says why.
+bool isFileReadable(const std::wstring& path);
+
+}  // namespace fileutil
