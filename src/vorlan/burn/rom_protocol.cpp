@@ -177,5 +177,7 @@ std::uint32_t send_mem_command(const std::uint8_t* buf, std::uint32_t data_len,
     errorText = "Retry WritePipe has reaches max (" + std::to_string(USB_WR_RETRIES) + ")!";
     if (transfer.lastError() != libusbk::kNoError)
         return transfer.lastError();
-    return status != 0 ? status : libusbk::kGeneralFailure;
+    if (status != 0)
+        return status;
+    return libusbk::kGeneralFailure;
 }

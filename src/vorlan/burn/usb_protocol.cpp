@@ -1,6 +1,6 @@
 #include "vorlan/burn/usb_protocol.h"
 
-#include <cstddef>
+#include <algorithm>
 
 #include "utils/littleendian.h"
 
@@ -27,7 +27,7 @@ constexpr CommandTexts kCommandTexts[CMD_CODE_COUNT + 1] = {
 };
 
 const CommandTexts& textsOf(std::uint8_t cmdcode) {
-    return kCommandTexts[cmdcode < CMD_CODE_COUNT ? cmdcode : CMD_CODE_COUNT];
+    return kCommandTexts[std::min<std::uint8_t>(cmdcode, CMD_CODE_COUNT)];
 }
 
 }  // namespace
