@@ -68,8 +68,8 @@ File& File::operator=(File&& other) noexcept {
 bool File::openExisting(const std::string& path) {
     close();
     // O_NONBLOCK keeps a FIFO from holding up the caller until fstat has refused it.
-    const int descriptor =
-        restarting([&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
+    const int descriptor = restarting(
+        [&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
     if (descriptor < 0)
         return false;
     struct stat info {};
