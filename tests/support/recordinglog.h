@@ -20,13 +20,18 @@ class RecordingLog final : public hj::LogPrinter {
         lines_.emplace_back(level, line);
     }
 
-    // The lines of one level since the last call.
-    std::vector<std::string> take(int level) {
+    // The lines since the last call, with their levels.
+    std::vector<std::pair<int, std::string>> takeAll() {
         const std::lock_guard guard(lock_);
+        return std::exchange(lines_, {});
+    }
+
+    // Those of one level; the others are dropped.
+    std::vector<std::string> take(int level) {
         std::vector<std::string> taken;
-        for (const auto& [lineLevel, line] : std::exchange(lines_, {}))
+        for (auto& [lineLevel, line] : takeAll())
             if (lineLevel == level)
-                taken.push_back(line);
+                taken.push_back(std::move(line));
         return taken;
     }
 
