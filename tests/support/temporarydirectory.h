@@ -48,5 +48,7 @@ inline std::string contentOf(const std::filesystem::path& path) {
 
 inline void writeContent(const std::filesystem::path& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::absolute(path).parent_path());
+    // Some file systems flush to the disk what takes the place of old content.
+    std::filesystem::remove(path);
     std::ofstream(path, std::ios::binary) << content;
 }
