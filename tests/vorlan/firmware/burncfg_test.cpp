@@ -28,9 +28,10 @@ class BurnCfgTest : public testing::Test {
 }  // namespace
 
 TEST_F(BurnCfgTest, KeepsTheOrderOfTheFileAndAnswersForTheFirstOfAName) {
-    ASSERT_TRUE(load("{\"burn_items\":[\r\n"
-                     R"({"name":"b.bin","addr":"0x200"},{"addr":"100","name":"a.bin"},)"
-                     R"({"name":"b.bin","addr":"300","more":1}]})"));
+    ASSERT_TRUE(
+        load("{\"burn_items\":[\r\n"
+             R"({"name":"b.bin","addr":"0x200"},{"addr":"100","name":"a.bin"},)"
+             R"({"name":"b.bin","addr":"300","more":1}]})"));
     const auto items = cfg_.getItems();
     ASSERT_EQ(items.size(), 3U);
     EXPECT_EQ(items[0].file, L"b.bin");
@@ -91,9 +92,10 @@ TEST_F(BurnCfgTest, KeepsItsListUnlessTheFileIsJson) {
         EXPECT_EQ(cfg_.getItems().size(), 1U);
     }
     // These are JSON, and list nothing.
-    for (const char* content : {"{}", "[]", "5", "null", R"("burn_items")", R"({"burn_items":null})",
-                                R"({"burn_items":"x"})", R"({"burn_items":5})",
-                                R"([{"burn_items":[{"name":"a","addr":"1"}]}])"}) {
+    for (const char* content :
+         {"{}", "[]", "5", "null", R"("burn_items")", R"({"burn_items":null})",
+          R"({"burn_items":"x"})", R"({"burn_items":5})",
+          R"([{"burn_items":[{"name":"a","addr":"1"}]}])"}) {
         ASSERT_TRUE(load(R"({"burn_items":[{"name":"a","addr":"1"}]})"));
         EXPECT_TRUE(load(content)) << content;
         EXPECT_TRUE(cfg_.getItems().empty()) << content;

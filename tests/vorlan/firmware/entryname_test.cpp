@@ -41,8 +41,7 @@ TEST(EntryName, HasStepsThatOnlyLeadDown) {
     EXPECT_EQ(entryname::components(L"a\\b/c.bin"), (Steps{L"a", L"b", L"c.bin"}));
     EXPECT_EQ(entryname::components(L"./a//b/"), (Steps{L"a", L"b"}));
     EXPECT_EQ(entryname::components(L"..."), (Steps{L"..."}));
-    for (const std::wstring name :
-         {L"..", L"../a", L"a\\..", L"a/../b", L"", L".", L"/", L"./\\"})
+    for (const std::wstring name : {L"..", L"../a", L"a\\..", L"a/../b", L"", L".", L"/", L"./\\"})
         EXPECT_EQ(entryname::components(name), std::nullopt) << text::narrow(name);
     EXPECT_EQ(entryname::components(std::wstring(L"a\0b", 3)), std::nullopt);
 }

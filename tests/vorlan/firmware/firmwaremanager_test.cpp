@@ -158,8 +158,8 @@ TEST_F(FirmwareManagerTest, TreatsABrokenCfgAsNone) {
 }
 
 TEST_F(FirmwareManagerTest, KeepsTimesAndTheReadOnlyAttributeAlone) {
-    constexpr std::uint32_t kDate = ((2019U - 1980) << 25) | (3U << 21) | (14U << 16) |
-                                    (15U << 11) | (9U << 5) | (26U / 2);
+    constexpr std::uint32_t kDate =
+        ((2019U - 1980) << 25) | (3U << 21) | (14U << 16) | (15U << 11) | (9U << 5) | (26U / 2);
     PackageBuilder package = smallest();
     package.add({.name = "locked.bin", .content = "1", .readOnly = true, .dosDate = kDate});
     package.add({.name = "open.bin", .content = "1", .unixMode = 0106777});
@@ -188,9 +188,8 @@ TEST_F(FirmwareManagerTest, GivesEveryDeviceTheSameListAtTheSameTime) {
     ASSERT_TRUE(unpack(withCfg(R"({"name":"master.bin","addr":"20000"},)"
                                R"({"name":"font.bin","addr":"300000"})")
                            .add("font.bin", "f")));
-    const auto expected =
-        ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x20000),
-                    ItemAt(L"font.bin", 0x300000));
+    const auto expected = ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x20000),
+                                      ItemAt(L"font.bin", 0x300000));
     constexpr int kDevices = 16;
     std::latch start(kDevices);
     std::vector<std::vector<BurnItem>> lists(kDevices);

@@ -99,10 +99,10 @@ TEST_F(HostilePackageTest, UnpacksNoNameOutsideTheDirectory) {
     package.add("./here.bin", "4").add("deep\\er/one.bin", "5").add("bad\xFF.bin", "6");
     ASSERT_TRUE(unpack(package));
 
-    std::set<std::string> expected{"flashboot.bin", "master.bin",       "drive.bin",
-                                   "b.bin",         "here.bin",         "deep/",
-                                   "deep/er/",      "deep/er/one.bin",  "sub/",  "secret.bin",
-                                   "bad\xEF\xBF\xBD.bin"};
+    std::set<std::string> expected{"flashboot.bin", "master.bin",         "drive.bin",
+                                   "b.bin",         "here.bin",           "deep/",
+                                   "deep/er/",      "deep/er/one.bin",    "sub/",
+                                   "secret.bin",    "bad\xEF\xBF\xBD.bin"};
     for (fs::path path = absolute.relative_path(); !path.empty(); path = path.parent_path())
         expected.insert(path.string() + (path.filename() == "secret.bin" ? "" : "/"));
     EXPECT_EQ(unpacked(), expected);
@@ -151,8 +151,10 @@ TEST_F(HostilePackageTest, BurnsNoCfgItemFromOutside) {
     for (const char* name : {"..\\\\secret.bin", "../secret.bin", "sub/../../secret.bin", "..", "",
                              "..\\\\..\\\\secret.bin", "sub/../flashboot.bin"})
         items += std::string(R"({"name":")") + name + R"(","addr":"1"},)";
-    ASSERT_TRUE(unpack(smallest().add("sub/x.bin", "x").add(
-        "burn.cfg", "{\"burn_items\":[" + items + R"({"name":"sub\\x.bin","addr":"7"}]})")));
+    ASSERT_TRUE(unpack(smallest()
+                           .add("sub/x.bin", "x")
+                           .add("burn.cfg", "{\"burn_items\":[" + items +
+                                                R"({"name":"sub\\x.bin","addr":"7"}]})")));
     const auto list = manager_.getBurnItems();
     ASSERT_EQ(list.size(), 3U);
     EXPECT_EQ(list[2].file, L".\\temp_image\\sub\\x.bin");
@@ -178,8 +180,8 @@ TEST_F(HostilePackageTest, LeavesNoFileWhereAnEntryFails) {
         SCOPED_TRACE(&file - broken);
         fs::remove_all(kImages);
         writeContent(kImages / "x.bin", "from an earlier package");
-        ASSERT_TRUE(unpack(PackageBuilder().add(file).add("flashboot.bin", "boot").add(
-            "master.bin", "main")));
+        ASSERT_TRUE(unpack(
+            PackageBuilder().add(file).add("flashboot.bin", "boot").add("master.bin", "main")));
         EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin"}));
         // Of two entries of a name the last one counts, good or bad.
         ASSERT_TRUE(unpack(smallest().add("x.bin", "good").add(file)));
