@@ -19,7 +19,7 @@ class GlobalStorageTest : public testing::Test {
     std::string file() const { return directory_.read("global_storage"); }
     void setFile(const std::string& bytes) const { directory_.write("global_storage", bytes); }
 
-    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+    EnteredDirectory directory_;
     GlobalStorage storage_;
 };
 

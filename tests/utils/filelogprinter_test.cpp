@@ -35,7 +35,7 @@ class FileLogPrinterTest : public testing::Test {
     }
     std::string file() const { return directory_.read("log/run.log"); }
 
-    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+    EnteredDirectory directory_;
     bool capturing_ = true;
 };
 
