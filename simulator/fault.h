@@ -1,0 +1,143 @@
+// Scripted faults of a virtual USB device: a rule says at which message, how often and what.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace simulator {
+
+// The messages of the host, and the description that follows an answer with an error.
+enum class FaultPoint {
+    MemBegin,
+    MemData,
+    MemEnd,
+    FlashWrite,
+    VerifyOnly,
+    EraseOnly,
+    Sync,
+    GetResult,
+    SetCrc64,
+    Chunk,        // one transfer of image data to the burner image
+    Description,  // knows the faults of answers only
+};
+constexpr std::size_t kFaultPoints = 11;
+
+class Fault {
+  public:
+    enum class Kind {
+        None,
+        // The message is not carried out.
+        Swallow,
+        RomStatus,
+        Response,
+        Error,
+        Stall,
+        ShortWrite,
+        RefuseWrite,
+        Unplug,
+        // The message is carried out, its answer suffers.
+        Silence,
+        ShortAnswer,
+        CutAnswer,
+        LateAnswer,
+        WrongCmdorg,
+        Noise,
+        StallAnswer,
+        UnplugInAnswer,
+        // The data suffers, the answer does not.
+        Corrupt,
+    };
+
+    Fault() = default;
+
+    // The message reaches nobody.
+    static Fault swallow() { return Fault(Kind::Swallow); }
+    // The ROM loader refuses with this status.
+    static Fault romStatus(std::uint8_t status) { return {Kind::RomStatus, status}; }
+    // The burner image answers with this code, naming `cmdorg` or else the command.
+    static Fault response(std::uint8_t code, std::optional<std::uint8_t> cmdorg = {}) {
+        Fault fault(Kind::Response, code);
+        fault.cmdorg = cmdorg;
+        return fault;
+    }
+    // The command fails with this description. `length` is what the answer says of it, else its
+    // true length; at most 255 bytes are sent.
+    static Fault error(std::string description, std::optional<std::uint8_t> length = {}) {
+        Fault fault(Kind::Error);
+        fault.text = std::move(description);
+        fault.length = length;
+        return fault;
+    }
+    // The host's transfer fails.
+    static Fault stall() { return Fault(Kind::Stall); }
+    // The host's transfer ends well, but with this many bytes only.
+    static Fault shortWrite(std::uint32_t bytes) { return {Kind::ShortWrite, bytes}; }
+    // The device takes this many bytes and then no more, until the host gives up.
+    static Fault refuseWrite(std::uint32_t bytes = 0) { return {Kind::RefuseWrite, bytes}; }
+    // The device leaves when this many bytes of the message have moved.
+    static Fault unplug(std::uint32_t bytes = 0) { return {Kind::Unplug, bytes}; }
+
+    // No answer comes.
+    static Fault silence() { return Fault(Kind::Silence); }
+    // The answer ends after this many bytes.
+    static Fault shortAnswer(std::uint32_t bytes) { return {Kind::ShortAnswer, bytes}; }
+    // The answer comes in two: so many bytes, and the rest after the pause.
+    static Fault cutAnswer(std::uint32_t bytes, std::chrono::milliseconds pause) {
+        Fault fault(Kind::CutAnswer, bytes);
+        fault.time = pause;
+        return fault;
+    }
+    // The answer comes so much later.
+    static Fault lateAnswer(std::chrono::milliseconds time) {
+        Fault fault(Kind::LateAnswer);
+        fault.time = time;
+        return fault;
+    }
+    static Fault wrongCmdorg(std::uint8_t cmdorg) {
+        Fault fault(Kind::WrongCmdorg);
+        fault.cmdorg = cmdorg;
+        return fault;
+    }
+    // These bytes, at most 255, come as a transfer of their own before the answer.
+    static Fault noise(std::string bytes) {
+        Fault fault(Kind::Noise);
+        fault.text = std::move(bytes);
+        return fault;
+    }
+    // The transfer that fetches the answer fails.
+    static Fault stallAnswer() { return Fault(Kind::StallAnswer); }
+    // The device leaves when this many bytes of the answer have moved.
+    static Fault unplugInAnswer(std::uint32_t bytes = 0) { return {Kind::UnplugInAnswer, bytes}; }
+
+    // The byte at this offset of the chunk gets into the flash with one bit wrong.
+    static Fault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }
+
+    bool carriesOut() const { return kind == Kind::None || kind >= Kind::Silence; }
+
+    Kind kind = Kind::None;
+    std::uint32_t value = 0;  // status, code or number of bytes
+    std::optional<std::uint8_t> cmdorg;
+    std::optional<std::uint8_t> length;
+    std::chrono::milliseconds time{};
+    std::string text;
+
+  private:
+    explicit Fault(Kind faultKind) : kind(faultKind) {}
+    Fault(Kind faultKind, std::uint32_t faultValue) : kind(faultKind), value(faultValue) {}
+};
+
+// Rules are asked in the order of their making; the first that strikes takes the message, and the
+// later ones do not count it.
+struct FaultRule {
+    static constexpr std::uint32_t kAlways = UINT32_MAX;
+
+    FaultPoint where;
+    Fault what;
+    std::uint32_t skip = 0;   // messages of this kind that pass first
+    std::uint32_t times = 1;  // messages that it strikes then
+};
+
+}  // namespace simulator

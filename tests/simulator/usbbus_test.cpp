@@ -1,0 +1,3 @@
+#include "simulator/virtualusbbus.h"
+
+#include "wirehost.h"

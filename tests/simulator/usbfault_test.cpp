@@ -1,0 +1,3 @@
+#include "simulator/fault.h"
+
+#include "wirehost.h"
