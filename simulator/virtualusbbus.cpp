@@ -76,7 +76,6 @@ struct ListObject {
 struct HandleObject {
     std::shared_ptr<UsbConnection> connection;
     UsbOpening opening;
-    int pools = 0;
     std::atomic<bool> live = true;
 };
 
@@ -492,8 +491,6 @@ bool VirtualUsbBus::Core::close(libusbk::UsbHandle* handle) {
     if (object->connection->abandonAll(object->opening))
         misuse("UsbK_Free", "a transfer is under way");
     const std::lock_guard guard(lock_);
-    if (object->pools > 0)
-        misuse("UsbK_Free", "a pool of the handle is left");
     object->live = false;
     return true;
 }
@@ -602,7 +599,6 @@ bool VirtualUsbBus::Core::initPool(libusbk::OverlappedPool** pool, libusbk::UsbH
     made.slots.resize(static_cast<std::size_t>(count));
     for (SlotObject& slot : made.slots)
         slot.pool = &made;
-    ++object->pools;
     *pool = opaque(&made);
     return true;
 }
@@ -618,7 +614,6 @@ bool VirtualUsbBus::Core::freePool(libusbk::OverlappedPool* pool) {
         slot.taken = false;
     }
     object->live = false;
-    --object->handle->pools;
     return true;
 }
 

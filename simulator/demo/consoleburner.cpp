@@ -8,7 +8,9 @@
 namespace simulator {
 namespace {
 
-SerialNumFile& snFile() { return GlobalStorage::getInstance().getSnFile(); }
+SerialNumFile& snFile() {
+    return GlobalStorage::getInstance().getSnFile();
+}
 
 }  // namespace
 
@@ -129,8 +131,7 @@ void ConsoleBurner::Slot::onBurnProgress(BurnAgent* /*agent*/, const std::string
                  "正在写入 " + name + ", 进度 " + std::to_string(percent) + "%");
 }
 
-void ConsoleBurner::Slot::onItemProgress(BurnAgent* agent, const BurnItem* item,
-                                         unsigned percent) {
+void ConsoleBurner::Slot::onItemProgress(BurnAgent* agent, const BurnItem* item, unsigned percent) {
     onBurnProgress(agent, text::narrow(item->file), percent);
 }
 

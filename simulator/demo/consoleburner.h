@@ -1,5 +1,5 @@
-// Stands in for the operator's window in the demo: takes what BurnAdmin and the agents report, burns
-// each device with the next free serial number, and keeps what a tile would show.
+// Stands in for the operator's window in the demo: takes what BurnAdmin and the agents report,
+// burns each device with the next free serial number, and keeps what a tile would show.
 #pragma once
 
 #include <array>

@@ -2,8 +2,8 @@
 //
 //     demo REPORT [--live]
 //
-// Runs in the current directory, writes its report to the file REPORT, with a live view if that is a
-// terminal, and exits 0 only if every flash and every serial number is as it must be.
+// Runs in the current directory, writes its report to the file REPORT, with a live view if that is
+// a terminal, and exits 0 only if every flash and every serial number is as it must be.
 #include <cstdio>
 #include <string_view>
 

@@ -14,8 +14,8 @@ struct SampleImage {
     std::vector<std::uint8_t> bytes;
 };
 
-// Seven entries of about 3 MiB in all: four images at their own places, of which burn.cfg moves one,
-// one more that burn.cfg adds, the burner image, and burn.cfg itself. Always the same bytes.
+// Seven entries of about 3 MiB in all: four images at their own places, of which burn.cfg moves
+// one, one more that burn.cfg adds, the burner image, and burn.cfg itself. Always the same bytes.
 class SamplePackage {
   public:
     SamplePackage();

@@ -36,7 +36,9 @@ const ConsoleBurner::Tile& tileOf(const Tiles& tiles, const std::string& deviceI
     return tile != tiles.end() ? *tile : none;
 }
 
-bool isSettled(Phase phase) { return phase == Phase::kDone || phase == Phase::kFailed; }
+bool isSettled(Phase phase) {
+    return phase == Phase::kDone || phase == Phase::kFailed;
+}
 
 std::string nativeCurrentPath(const char* name) {
     return (std::filesystem::current_path() / name).string();
@@ -120,8 +122,8 @@ void UsbDemo::unplug(const Device& device) {
 }
 
 bool UsbDemo::waitFor(const char* what, const std::function<bool(const Tiles&)>& condition) {
-    const bool came = burner_.waitFor(condition, 60s,
-                                      [&](const Tiles& tiles) { report_.showTiles(tiles); });
+    const bool came =
+        burner_.waitFor(condition, 60s, [&](const Tiles& tiles) { report_.showTiles(tiles); });
     return came || fail(std::string("waited in vain for ") + what);
 }
 
@@ -165,8 +167,8 @@ bool UsbDemo::burn() {
     if (devices_[kLateOne].device->traffic() != 0)
         return fail("the device without a place has been touched");
 
-    // The failed devices leave, which frees their numbers, and the one that found no place is plugged
-    // into the port of one of them.
+    // The failed devices leave, which frees their numbers, and the one that found no place is
+    // plugged into the port of one of them.
     noteOutcomes();
     for (const std::size_t i : {kRomFailure, kFlashFailure}) {
         unplug(devices_[i]);
@@ -204,8 +206,7 @@ bool UsbDemo::check() {
     return correct;
 }
 
-bool UsbDemo::checkDevice(std::size_t number, const Device& device,
-                          std::set<std::string>& burned) {
+bool UsbDemo::checkDevice(std::size_t number, const Device& device, std::set<std::string>& burned) {
     const Flash& flash = device.device->flash();
     std::string verdict;
     const bool shouldBeBurned = device.fate == Fate::kBurned || device.fate == Fate::kComesLate;
@@ -226,8 +227,8 @@ bool UsbDemo::checkDevice(std::size_t number, const Device& device,
         verdict += (verdict.empty() ? "" : "; ") + error;
 
     const char* const proof = shouldBeBurned ? "flash identical to the package" : "as scripted";
-    report_.line("device %2zu  %-20s %-46s %s", number, device.port.c_str(),
-                 device.outcome.c_str(), verdict.empty() ? proof : verdict.c_str());
+    report_.line("device %2zu  %-20s %-46s %s", number, device.port.c_str(), device.outcome.c_str(),
+                 verdict.empty() ? proof : verdict.c_str());
     return verdict.empty();
 }
 

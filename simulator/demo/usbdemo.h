@@ -1,5 +1,6 @@
-// The USB road of the demo: sixteen virtual devices and a seventeenth are burned from a real package
-// with real serial numbers, some of them with trouble on the way, and every byte is checked after.
+// The USB road of the demo: sixteen virtual devices and a seventeenth are burned from a real
+// package with real serial numbers, some of them with trouble on the way, and every byte is checked
+// after.
 #pragma once
 
 #include <memory>

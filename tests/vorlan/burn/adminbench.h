@@ -17,7 +17,8 @@
 #include "agentbench.h"
 #include "vorlan/burn/burnadmin.h"
 
-// Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for them.
+// Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for
+// them.
 class RecordingUsbListener final : public UsbListener {
   public:
     // What the worker does once the burner image runs.
@@ -46,9 +47,8 @@ class RecordingUsbListener final : public UsbListener {
 
     // Waits for so many events that begin like this.
     bool waitForCount(const std::string& beginning, std::size_t times) {
-        return wait(times, [&](const std::string& candidate) {
-            return candidate.starts_with(beginning);
-        });
+        return wait(times,
+                    [&](const std::string& candidate) { return candidate.starts_with(beginning); });
     }
 
     std::size_t count(const std::string& beginning) const {

@@ -46,7 +46,8 @@ class AgentBench : public testing::Test {
     static constexpr const char* kPort = "0000:00:14.0-1.4";
 
     // Puts a device that runs the burner image on the bus.
-    void plug(simulator::UsbDeviceOptions options = {}, const simulator::UsbIdentity& identity = {}) {
+    void plug(simulator::UsbDeviceOptions options = {},
+              const simulator::UsbIdentity& identity = {}) {
         options.startsInBurner = true;
         device = std::make_shared<simulator::VirtualUsbDevice>(options);
         deviceId = bus.plug(kPort, device, identity);
@@ -73,8 +74,9 @@ class AgentBench : public testing::Test {
 
     // Nobody has broken a rule and nothing is left open.
     void TearDown() override {
-        if (device != nullptr)
+        if (device != nullptr) {
             EXPECT_EQ(device->errors(), std::vector<std::string>());
+        }
         EXPECT_EQ(bus.openHandles(), 0U);
         EXPECT_EQ(bus.errors(), std::vector<std::string>());
     }

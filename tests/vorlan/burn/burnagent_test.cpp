@@ -34,7 +34,8 @@ TEST_F(BurnAgentTest, WritesImagesInOrderAndTheSerialNumberBehindThem) {
     EXPECT_TRUE(flashHolds(0x0, first));
     EXPECT_TRUE(flashHolds(0x20000, second));
     EXPECT_TRUE(flashHolds(kSnAddress, "VRL260000000001"));
-    const std::vector<simulator::Flash::Range> written{{0x0, 10'000}, {0x20000, 4096}, {kSnAddress, 15}};
+    const std::vector<simulator::Flash::Range> written{
+        {0x0, 10'000}, {0x20000, 4096}, {kSnAddress, 15}};
     EXPECT_EQ(device->flash().writtenRanges(), written);
     EXPECT_EQ(device->count(FaultPoint::Chunk), 3U + 1U + 1U);
 
@@ -60,9 +61,9 @@ TEST_F(BurnAgentTest, SendsTheBytesOfTheWorkedExample) {
             sent.push_back({static_cast<std::uint8_t>(transfer.bytes.size() >> 8),
                             static_cast<std::uint8_t>(transfer.bytes.size())});
     }
-    const Record setCrc = encodeSetCrc64(
-        BURN_FLAG_CRC64,
-        crc64(0, reinterpret_cast<const std::uint8_t*>(image.data()), image.size()));
+    const Record setCrc =
+        encodeSetCrc64(BURN_FLAG_CRC64,
+                       crc64(0, reinterpret_cast<const std::uint8_t*>(image.data()), image.size()));
     const std::vector<std::uint8_t> sync{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     const std::vector<std::uint8_t> write{8, 0, 0, 2, 0, 0, 0x10, 0, 0x88, 0x13, 0, 0, 0, 0, 0, 0};
     const std::vector<std::uint8_t> result{0, 0, 0, 0x0A, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
@@ -226,7 +227,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {.where = FaultPoint::GetResult, .what = Fault::cutAnswer(8, 300ms)},
                   true,
                   ""}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(BurnAgentTest, AnswersOfOtherCommandsAreNoAnswersToSync) {
     plug();
@@ -237,9 +238,8 @@ TEST_F(BurnAgentTest, AnswersOfOtherCommandsAreNoAnswersToSync) {
 
 TEST_F(BurnAgentTest, ADeviceThatNeverSpeaksFailsTheFirstSync) {
     plug();
-    device->addFault({.where = FaultPoint::Sync,
-                      .what = Fault::swallow(),
-                      .times = FaultRule::kAlways});
+    device->addFault(
+        {.where = FaultPoint::Sync, .what = Fault::swallow(), .times = FaultRule::kAlways});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(run({item("image.bin", 0, "x")}, "SN-1"));
     const auto elapsed = std::chrono::steady_clock::now() - start;
@@ -254,8 +254,9 @@ TEST_F(BurnAgentTest, ARefusedSyncIsNotRepeated) {
     device->addFault({.where = FaultPoint::Sync, .what = Fault::error("not today")});
     EXPECT_FALSE(run({}));
     EXPECT_THAT(listener.reports, ElementsAre("error -2 Failed to sync device!"));
-    EXPECT_TRUE(log.contains("vorlan SYNC command failed! in response, cmdorg = 4, "
-                             "BurnAgent::vorlan_sync: not today"));
+    EXPECT_TRUE(
+        log.contains("vorlan SYNC command failed! in response, cmdorg = 4, "
+                     "BurnAgent::vorlan_sync: not today"));
     EXPECT_EQ(device->count(FaultPoint::Sync), 1U);
 }
 
@@ -293,7 +294,8 @@ TEST_F(BurnAgentTest, WhatCannotBeOpenedIsReportedAndReleased) {
         std::uint32_t skip;
         const char* logged;
     } cases[] = {
-        {UsbOperation::List, 8, 0, "An error occured getting the device list. errorCode = 0x00000008"},
+        {UsbOperation::List, 8, 0,
+         "An error occured getting the device list. errorCode = 0x00000008"},
         {UsbOperation::Open, 5, 0, "Init vorlan device failed. ErrorCode = 0x00000005"},
         {UsbOperation::Claim, 259, 0, ""},
         {UsbOperation::Claim, 170, 0, ""},

@@ -44,8 +44,7 @@ TEST_F(FwDownloadTest, MessagesOnTheWire) {
     using Bytes = std::vector<std::uint8_t>;
     const Bytes begin{0, 5, 16, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0};
     // The checksum of a single byte 0xEF is 0.
-    const Bytes data{0, 7, 17, 0, 0, 0, 0, 0, 1, 0, 0, 0,   0,
-                     0, 0, 0,  0, 0, 0, 0, 0, 0, 0, 0, 0xEF};
+    const Bytes data{0, 7, 17, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xEF};
     const Bytes end{0, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     EXPECT_THAT(sent, testing::ElementsAre(begin, data, end));
 }
@@ -86,8 +85,8 @@ INSTANTIATE_TEST_SUITE_P(
         RomFaultCase{"FatalStatusAfterAnError",
                      {FaultPoint::MemData, Fault::romStatus(0xFF), 1},
                      "error ff Return Fatal Error! (retries = 0)"},
-        RomFaultCase{"ErrorStatusNineTimes", {FaultPoint::MemData, Fault::romStatus(0x05), 0, 9},
-                     ""},
+        RomFaultCase{
+            "ErrorStatusNineTimes", {FaultPoint::MemData, Fault::romStatus(0x05), 0, 9}, ""},
         RomFaultCase{"ErrorStatusForGood",
                      {FaultPoint::MemBegin, Fault::romStatus(0xEF), 0, kAlways},
                      "error ef Retry WritePipe has reaches max (10)!"},
@@ -101,7 +100,7 @@ INSTANTIATE_TEST_SUITE_P(
         RomFaultCase{"StallForGood",
                      {FaultPoint::MemBegin, Fault::stall(), 0, kAlways},
                      "error 1f Retry WritePipe has reaches max (10)!"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(FwDownloadTest, WithoutASlotTransfersEndInsideTheCall) {
     bus.fail(simulator::UsbOperation::SlotAcquire, libusbk::kNoMoreItems);

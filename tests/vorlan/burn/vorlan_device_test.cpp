@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
 
 #include "agentbench.h"
@@ -13,8 +12,6 @@ using simulator::FaultPoint;
 
 class VorlanDeviceTest : public AgentBench {
   protected:
-    using Buffer = std::array<std::uint8_t, kRecordSize>;
-
     void open(const simulator::UsbIdentity& identity = {}) {
         plug({}, identity);
         opened = vorlan_device_open(deviceId.c_str());
@@ -28,7 +25,7 @@ class VorlanDeviceTest : public AgentBench {
                   kRecordSize);
     }
 
-    std::uint32_t readAnswer(Buffer& buffer, std::uint32_t& error, std::uint32_t timeout = 100) {
+    std::uint32_t readAnswer(std::uint32_t timeout = 100) {
         return vorlan_device_read(opened, buffer.data(), kRecordSize, EP_ADDR_CMD_RESP_IN, timeout,
                                   &error);
     }
@@ -39,19 +36,19 @@ class VorlanDeviceTest : public AgentBench {
     }
 
     VORLAN_DEVICE* opened = nullptr;
-    Buffer buffer{};
+    Record buffer{};
     std::uint32_t error = 0xAAAA;
 };
 
 TEST_F(VorlanDeviceTest, ReadsWholeAnswersAndTellsATimeOut) {
     open();
     sendSync();
-    EXPECT_EQ(readAnswer(buffer, error), kRecordSize);
+    EXPECT_EQ(readAnswer(), kRecordSize);
     EXPECT_EQ(error, libusbk::kNoError);
     EXPECT_EQ(buffer[4], CMD_CODE_SYNC);
 
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(readAnswer(buffer, error), 0U);
+    EXPECT_EQ(readAnswer(), 0U);
     EXPECT_EQ(error, libusbk::kCancelled);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
 }
@@ -60,7 +57,7 @@ TEST_F(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::cutAnswer(8, 150ms)});
     sendSync();
-    EXPECT_EQ(readAnswer(buffer, error), kRecordSize);
+    EXPECT_EQ(readAnswer(), kRecordSize);
     EXPECT_EQ(error, libusbk::kNoError);
 }
 
@@ -68,7 +65,7 @@ TEST_F(VorlanDeviceTest, AShortAnswerIsNoError) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::shortAnswer(15)});
     sendSync();
-    EXPECT_EQ(readAnswer(buffer, error), 15U);
+    EXPECT_EQ(readAnswer(), 15U);
     EXPECT_EQ(error, libusbk::kNoError);
 }
 
@@ -76,14 +73,14 @@ TEST_F(VorlanDeviceTest, AFailedTransferTellsItsCode) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::stallAnswer()});
     sendSync();
-    EXPECT_EQ(readAnswer(buffer, error), 0U);
+    EXPECT_EQ(readAnswer(), 0U);
     EXPECT_EQ(error, libusbk::kGeneralFailure);
 
     bus.unplug(kPort);
     const Record sync = encode({.cmdcode = CMD_CODE_SYNC});
-    EXPECT_EQ(vorlan_device_write(opened, sync.data(), kRecordSize, EP_ADDR_CMD_RESP_OUT, 100,
-                                  &error),
-              0U);
+    EXPECT_EQ(
+        vorlan_device_write(opened, sync.data(), kRecordSize, EP_ADDR_CMD_RESP_OUT, 100, &error),
+        0U);
     EXPECT_EQ(error, libusbk::kDeviceNotConnected);
 }
 
@@ -91,7 +88,7 @@ TEST_F(VorlanDeviceTest, ADriverWithoutAnIdHasItsPipeEmptiedAfterATimeOut) {
     open({.driverId = 0});
     device->addFault({.where = FaultPoint::Sync, .what = Fault::lateAnswer(50ms)});
     sendSync();
-    EXPECT_EQ(readAnswer(buffer, error, 10), 0U);
+    EXPECT_EQ(readAnswer(10), 0U);
     EXPECT_EQ(error, libusbk::kCancelled);
 }
 
