@@ -9,7 +9,7 @@ for argument in "$@"; do
 done
 
 scripts/install-packages.sh build
-scripts/build.sh release demo libusbK
+scripts/build.sh release demo
 
 program=$PWD/build/release/bin/demo
 floor=$PWD/build/demo
@@ -20,7 +20,7 @@ cd "$floor"
 live=()
 [ ! -t 1 ] || live=(--live)
 status=0
-# The program's own messages go to files; its report keeps the screen.
-"$program" /dev/fd/3 "${live[@]}" 3>&1 >stdout.txt 2>trace.txt || status=$?
+# The program's own messages go to files; its report goes through the pipe to the screen.
+"$program" /dev/fd/3 "${live[@]}" 3>&1 >stdout.txt 2>trace.txt | cat || status=$?
 echo "run log, trace and package: build/demo/"
 exit "$status"
