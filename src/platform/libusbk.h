@@ -152,10 +152,10 @@ bool OvlK_Release(libusbk::OverlappedSlot* slot);
 // Makes the slot ready for its next transfer. Fails with kBusy while one is under way.
 bool OvlK_ReUse(libusbk::OverlappedSlot* slot);
 // Waits for the transfer of the slot. True when it ended well in time. On time-out it is cancelled:
-// false with kCancelled, and the count says exactly what moved before; true if the cancellation came
-// too late and the transfer completed. After an interruption false with kOperationAborted, after a
-// failure false with its cause, both with the count. Fails with kInvalidParameter if no transfer
-// was started.
+// false with kCancelled, and the count says exactly what moved before; true if the cancellation
+// came too late and the transfer completed. After an interruption false with kOperationAborted,
+// after a failure false with its cause, both with the count. Fails with kInvalidParameter if no
+// transfer was started.
 bool OvlK_WaitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
                        std::uint32_t* transferred);
 }

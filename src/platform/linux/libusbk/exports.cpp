@@ -74,9 +74,10 @@ bool interfaceNumber(UsbHandle& handle, std::uint8_t& numberOrIndex, bool isInde
 
 void traceOpenFailure(const DeviceEntry& entry, int result) {
     if (result == LIBUSB_ERROR_ACCESS)
-        TRACE("%s: no permission to open %s: install the udev rule of this program and plug the "
-              "device in again\n",
-              entry.deviceId, entry.devicePath);
+        TRACE(
+            "%s: no permission to open %s: install the udev rule of this program and plug the "
+            "device in again\n",
+            entry.deviceId, entry.devicePath);
     else
         TRACE("%s: %s cannot be opened (%s)\n", entry.deviceId, entry.devicePath,
               libusb_error_name(result));

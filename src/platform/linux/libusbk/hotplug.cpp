@@ -57,10 +57,9 @@ bool HotPlug::removeMonitor(Monitor* monitor) {
 
 int LIBUSB_CALL HotPlug::onLibusbEvent(libusb_context*, libusb_device* device,
                                        libusb_hotplug_event kind, void* self) noexcept {
-    static_cast<HotPlug*>(self)->post({kind == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED
-                                           ? Event::Kind::Arrived
-                                           : Event::Kind::Left,
-                                       referTo(device), nullptr});
+    static_cast<HotPlug*>(self)->post(
+        {kind == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? Event::Kind::Arrived : Event::Kind::Left,
+         referTo(device), nullptr});
     return 0;  // stay registered
 }
 
@@ -156,15 +155,14 @@ void HotPlug::reportArrival(Lock& lock, Monitor& monitor, const Connected& conne
 }
 
 void HotPlug::reportRemoval(Lock& lock, Monitor& monitor, libusb_device* device) {
-    const auto place = std::find_if(
-        monitor.reported.begin(), monitor.reported.end(),
-        [&](const Monitor::Reported& reported) { return reported.device == device; });
+    const auto place =
+        std::find_if(monitor.reported.begin(), monitor.reported.end(),
+                     [&](const Monitor::Reported& reported) { return reported.device == device; });
     if (monitor.closing || place == monitor.reported.end())
         return;
     const DeviceEntry entry = place->entry;
     monitor.reported.erase(place);
-    callOut(lock, monitor,
-            [&] { monitor.parameters.callback(&monitor, &entry, kRemoval); });
+    callOut(lock, monitor, [&] { monitor.parameters.callback(&monitor, &entry, kRemoval); });
 }
 
 template <typename Call>

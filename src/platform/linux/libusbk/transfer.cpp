@@ -50,8 +50,8 @@ bool Transfer::wait(std::chrono::milliseconds limit, std::uint32_t& moved) {
     std::unique_lock lock(device_->mutex_);
     if (state_ == State::Idle)
         return fail(kInvalidParameter);
-    device_->changed_.wait_for(
-        lock, limit, [&] { return state_ == State::Ended || device_->interrupted_; });
+    device_->changed_.wait_for(lock, limit,
+                               [&] { return state_ == State::Ended || device_->interrupted_; });
     const ErrorCode reason = device_->interrupted_ ? kOperationAborted : kCancelled;
     lock.unlock();
     cancelAndWait();

@@ -77,8 +77,8 @@ class Reports {
 
   private:
     static void onEvent(libusbk::Monitor*, const libusbk::DeviceEntry* entry, std::int32_t kind) {
-        const Report report{kind, entry->deviceId, entry->deviceAddress,
-                            std::this_thread::get_id(), *entry};
+        const Report report{kind, entry->deviceId, entry->deviceAddress, std::this_thread::get_id(),
+                            *entry};
         {
             const std::lock_guard guard(current_->mutex_);
             current_->reports_.push_back(report);
@@ -251,8 +251,8 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     const std::string portFour = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.4";
     const std::string portEleven = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.11";
     const std::vector<std::pair<std::int32_t, std::string>> expected = {
-        {libusbk::kArrival, portFour},    {libusbk::kArrival, portEleven},
-        {libusbk::kRemoval, portFour},    {libusbk::kRemoval, portEleven},
+        {libusbk::kArrival, portFour}, {libusbk::kArrival, portEleven},
+        {libusbk::kRemoval, portFour}, {libusbk::kRemoval, portEleven},
         {libusbk::kArrival, portFour},
     };
     ASSERT_EQ(all.size(), expected.size());
@@ -305,4 +305,266 @@ TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     MockUsbDevice& fresh = bus.plugIn("4");
     EXPECT_EQ(later.await(1)[0].address, fresh.address());
     EXPECT_TRUE(usb().HotK_Free(second));
+}
+
+TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
+    Opened opened(plugInAndBind());
+
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 0U);
+
+    // One full packet of two leaves the read open.
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    device->send(kIn, pattern(512));
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    ASSERT_EQ(opened.moved, 512U);
+    opened.buffer.resize(512);
+    EXPECT_EQ(opened.buffer, pattern(512));
+
+    // What comes after the cancellation belongs to the next read; a short answer ends it.
+    device->send(kIn, pattern(10, 7));
+    EXPECT_EQ(opened.read(512), pattern(10, 7));
+    device->send(kIn, {});
+    EXPECT_EQ(opened.read(512), Bytes());
+
+    Bytes received;
+    device->setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
+        EXPECT_EQ(endpoint, kOut);
+        received = bytes;
+        device->send(kIn, {1});
+    });
+    device->takeOnly(kOut, 3);
+    EXPECT_EQ(opened.startWrite(pattern(4096)), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 3 * 512U);
+    device->takeOnly(kOut, -1);
+    EXPECT_EQ(opened.write(pattern(4096)), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 4096U);
+    EXPECT_EQ(opened.read(8), Bytes{1});
+    EXPECT_EQ(received, pattern(4096));
+
+    // Without a slot the time limit is the library's own.
+    std::uint32_t moved = 1;
+    EXPECT_FALSE(
+        usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    EXPECT_EQ(moved, 0U);
+    device->send(kIn, pattern(64));
+    EXPECT_TRUE(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
+    EXPECT_EQ(moved, 64U);
+}
+
+TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
+    Opened opened(plugInAndBind());
+    device->send(kIn, pattern(4096));
+    device->send(kIn, pattern(10));
+    device->send(kIn, {});
+    device->send(kIn, pattern(12));
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
+    device->send(kIn, {42});
+    EXPECT_EQ(opened.read(16), Bytes{42});
+
+    // A device that babbles does not hold up the host for good.
+    for (int i = 0; i < 200; ++i)
+        device->send(kIn, pattern(8));
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+
+    device->stall(kOut);
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
+    EXPECT_TRUE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kNoError);
+}
+
+TEST_F(LibusbkTest, UnpluggingEndsATransferAtOnce) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    device->send(kIn, pattern(512));
+    ASSERT_TRUE(device->awaitPending(kIn, 1));
+    const auto start = Clock::now();
+    std::thread hand([&] { bus.unplug(*device); });
+    EXPECT_EQ(opened.wait(kLong), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(opened.moved, 512U);
+    EXPECT_LT(Clock::now() - start, kPatience);
+    hand.join();
+    EXPECT_EQ(opened.startRead(16), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(opened.startWrite({1}), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+
+    // What has completed before keeps its result.
+    device->send(kIn, pattern(8));
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    ASSERT_TRUE(device->awaitPending(kIn, 0));
+    libusbk::OverlappedPool* pool = nullptr;
+    libusbk::OverlappedSlot* second = nullptr;
+    ASSERT_TRUE(usb().OvlK_Init(&pool, opened.handle, 1, 0));
+    ASSERT_TRUE(usb().OvlK_Acquire(&second, pool));
+    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+
+    std::uint8_t other[16];
+    std::uint32_t moved = 1;
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    EXPECT_FALSE(usb().UsbK_ReadPipe(opened.handle, 0x83, other, sizeof other, &moved, second));
+    const auto start = Clock::now();
+    std::thread waiter([&] {
+        EXPECT_FALSE(usb().OvlK_WaitOrCancel(second, kLong, &moved));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    });
+    std::thread stopper([&] {
+        EXPECT_TRUE(device->awaitPending(kIn, 1));
+        EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
+    });
+    EXPECT_EQ(opened.wait(kLong), libusbk::kOperationAborted);
+    waiter.join();
+    stopper.join();
+    EXPECT_EQ(moved, 0U);
+
+    EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
+    EXPECT_FALSE(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_LT(Clock::now() - start, kPatience);
+    EXPECT_TRUE(usb().OvlK_Free(pool));
+}
+
+TEST_F(LibusbkTest, ClaimsAreExclusiveAndEndWithTheirHandle) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    libusbk::UsbHandle* second = nullptr;
+    {
+        // The first use of a pipe claims the interface.
+        Opened first(entry);
+        EXPECT_EQ(first.write({1}), libusbk::kNoError);
+        EXPECT_EQ(device->counts().claims, 1);
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, false));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, true));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+
+        ASSERT_TRUE(usb().UsbK_Init(&second, &entry));
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(second, 0, false));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+    }
+    EXPECT_TRUE(usb().UsbK_ClaimInterface(second, 0, false));
+    EXPECT_TRUE(usb().UsbK_ReleaseInterface(second, 0, false));
+    EXPECT_TRUE(usb().UsbK_ClaimInterface(second, 0, true));
+    EXPECT_TRUE(usb().UsbK_Free(second));
+
+    device->claimElsewhere(true);
+    Opened third(entry);
+    EXPECT_EQ(third.startWrite({1}), libusbk::kBusy);
+    device->claimElsewhere(false);
+    EXPECT_EQ(third.write({1}), libusbk::kNoError);
+}
+
+TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
+    MockUsbDevice& leaving =
+        bus.plugIn("4", [](MockUsbDevice& fresh) { fresh.bindDriver("usbserial"); });
+    bind();
+    {
+        Opened opened(list("*").at(0));
+        EXPECT_EQ(opened.write({1}), libusbk::kNoError);
+        EXPECT_EQ(leaving.boundDriver(), "");
+    }
+    bus.unplug(leaving);
+    unbind();
+
+    const libusbk::DeviceEntry entry =
+        plugInAndBind([](MockUsbDevice& fresh) { fresh.bindDriver("cdc_acm"); });
+    for (int i = 0; i < 2; ++i) {
+        Opened opened(entry);
+        EXPECT_EQ(opened.write({1}), libusbk::kNoError);
+    }
+    EXPECT_EQ(device->counts().claims, 2);
+    EXPECT_EQ(device->counts().detaches, 1);
+    EXPECT_EQ(device->boundDriver(), "");
+    unbind();
+    EXPECT_EQ(device->boundDriver(), "cdc_acm");
+    EXPECT_EQ(leaving.counts().attaches, 0);
+}
+
+TEST_F(LibusbkTest, TellsMissingPermissionFromAMissingDevice) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    ASSERT_EQ(::chmod(device->node().c_str(), 0), 0);
+    libusbk::UsbHandle* handle = nullptr;
+    testing::internal::CaptureStderr();
+    {
+        const NoOverride likeAnyUser;
+        EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kAccessDenied);
+    }
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                AllOf(HasSubstr(entry.deviceId), HasSubstr("udev rule")));
+    ASSERT_EQ(::chmod(device->node().c_str(), 0666), 0);
+    bus.unplug(*device);
+    EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
+    constexpr std::size_t kDevices = 16;
+    constexpr int kRounds = 10;
+    bind();
+    Reports reports;
+    std::mutex gate;
+    std::unique_lock closed(gate);
+    libusbk::Monitor* const monitor =
+        reports.watch(libusbk::kReportConnected, [&](const Reports::Report& report) {
+            if (report.kind == libusbk::kRemoval)
+                const std::lock_guard wait(gate);
+        });
+    MockUsbDevice& seventeenth = bus.plugIn("1");
+    std::vector<MockUsbDevice*> devices;
+    for (std::size_t i = 0; i < kDevices; ++i) {
+        MockUsbDevice& fresh = bus.plugIn("2." + std::to_string(i + 1));
+        // Says everything back.
+        fresh.setReceiver([&fresh](std::uint8_t, const Bytes& bytes) { fresh.send(kIn, bytes); });
+        devices.push_back(&fresh);
+        reports.await(i + 2);
+    }
+    bus.unplug(seventeenth);
+    const auto all = reports.await(kDevices + 2);
+
+    std::vector<std::thread> workers;
+    for (std::size_t i = 0; i < kDevices; ++i) {
+        workers.emplace_back([&entry = all[i + 1].entry, i] {
+            Opened opened(entry);
+            for (int round = 0; round < kRounds; ++round) {
+                const Bytes sent = pattern(4096, static_cast<int>(i) + round);
+                EXPECT_EQ(opened.write(sent), libusbk::kNoError);
+                EXPECT_EQ(opened.read(4096), sent);
+            }
+        });
+    }
+    for (std::thread& worker : workers)
+        worker.join();
+    closed.unlock();
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+}
+
+TEST_F(LibusbkTest, NothingIsLeftWhenTheBindingEnds) {
+    const std::size_t before = threadsOfProcess();
+    device = &bus.plugIn("3");
+    const std::size_t withDevice = threadsOfProcess();  // the testbed may have a thread of its own
+    for (int i = 0; i < 3; ++i) {
+        bind();
+        Reports reports;
+        libusbk::Monitor* const monitor = reports.watch();
+        {
+            Opened opened(reports.await(1)[0].entry);
+            EXPECT_GT(threadsOfProcess(), withDevice);
+            // Even with a transfer that nobody has waited for.
+            EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+        }
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+        unbind();
+        EXPECT_FALSE(LibusbkBinding::isBound());
+        EXPECT_EQ(threadsOfProcess(), withDevice) << before;
+    }
 }

@@ -42,10 +42,26 @@ Bytes descriptors(std::uint16_t vendorId, std::uint16_t productId, bool hub) {
     const Bytes endpoints = hub ? Bytes{} : Bytes{0x04, 0x06, 0x83, 0x85};
     const auto total = static_cast<std::uint8_t>(18 + 7 * endpoints.size());
     const auto count = static_cast<std::uint8_t>(endpoints.size());
-    Bytes bytes{18,   1,   0x00, 0x02, deviceClass,   0,   0, 64, low(vendorId), high(vendorId),
-                low(productId), high(productId), 0x00, 0x01, 1, 2, 0, 1};
+    Bytes bytes{18,
+                1,
+                0x00,
+                0x02,
+                deviceClass,
+                0,
+                0,
+                64,
+                low(vendorId),
+                high(vendorId),
+                low(productId),
+                high(productId),
+                0x00,
+                0x01,
+                1,
+                2,
+                0,
+                1};
     const Bytes configuration{9, 2, total, 0, 1, 1, 0, 0x80, 50};
-    const Bytes interface{9, 4, 0, 0, count, interfaceClass, 0, 0, 0};
+    const Bytes interface { 9, 4, 0, 0, count, interfaceClass, 0, 0, 0 };
     bytes.insert(bytes.end(), configuration.begin(), configuration.end());
     bytes.insert(bytes.end(), interface.begin(), interface.end());
     for (const std::uint8_t endpoint : endpoints) {
@@ -66,8 +82,7 @@ void add(UMockdevTestbed* testbed, const std::string& description) {
 
 std::string describeDevice(const std::string& path, int address, const std::string& product,
                            const Bytes& bytes) {
-    return "P: " + path +
-           "\nE: DEVNAME=" + nodeName(address) +
+    return "P: " + path + "\nE: DEVNAME=" + nodeName(address) +
            "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" +
            nodeName(address).substr(17) + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) +
            "\\n\nA: speed=480\\n\nA: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n"

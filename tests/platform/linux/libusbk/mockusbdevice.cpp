@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <umockdev.h>
 #include <unistd.h>
@@ -260,8 +261,7 @@ MockUsbDevice::Answer MockUsbDevice::reap(UMockdevIoctlClient* client) {
         umockdev_ioctl_data_update(urb->buffer, 0, urb->moved.data(),
                                    static_cast<gint>(urb->moved.size()));
     store(urb->record, offsetof(usbdevfs_urb, status), urb->status);
-    store(urb->record, offsetof(usbdevfs_urb, actual_length),
-          static_cast<int>(urb->moved.size()));
+    store(urb->record, offsetof(usbdevfs_urb, actual_length), static_cast<int>(urb->moved.size()));
     UMockdevIoctlData* const place =
         resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(void*));
     umockdev_ioctl_data_set_ptr(place, 0, urb->record);

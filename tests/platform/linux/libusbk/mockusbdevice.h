@@ -36,7 +36,8 @@ class MockUsbDevice {
         int clearedHalts = 0;
     };
 
-    // Receives the bytes of each finished OUT transfer, on the thread of the testbed. It may send().
+    // Receives the bytes of each finished OUT transfer, on the thread of the testbed. It may
+    // send().
     using Receiver = std::function<void(std::uint8_t endpoint, const Bytes& bytes)>;
 
     // `node` is the path of the node outside the testbed; it is made here.
