@@ -175,7 +175,7 @@ bool UsbK_Init(UsbHandle** handle, const DeviceEntry* entry) {
         auto made = std::make_unique<UsbHandle>();
         made->device =
             std::make_shared<OpenDevice>(opened, entry->deviceId, library->kernelDrivers());
-        owner.release();
+        static_cast<void>(owner.release());
         *handle = made.release();
         return true;
     });

@@ -7,12 +7,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <latch>
 #include <mutex>
 #include <numeric>
 #include <optional>
@@ -125,8 +125,7 @@ class Opened {
     }
     // Sets `moved`; the error, or kNoError.
     std::uint32_t wait(std::uint32_t timeoutMs) {
-        const std::uint32_t code = error(usb().OvlK_WaitOrCancel(slot, timeoutMs, &moved));
-        return code;
+        return error(usb().OvlK_WaitOrCancel(slot, timeoutMs, &moved));
     }
     // What a read gives.
     Bytes read(std::size_t length, std::uint32_t timeoutMs = kLong) {
@@ -243,6 +242,7 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
 
     bus.plugIn("6", nullptr, 0x4321, 0x5678);
     MockUsbDevice& second = bus.plugIn("2.11");
+    reports.await(2);  // what leaves before libusb has looked at it has never been there
     bus.unplug(first);
     bus.unplug(second);
     MockUsbDevice& again = bus.plugIn("2.4");
@@ -279,21 +279,18 @@ TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     bus.plugIn("1");
     bind();
     Reports reports;
-    std::mutex gate;
-    std::atomic<bool> inCallback{false};
+    std::latch gate(1);
     std::atomic<bool> callbackEnded{false};
-    std::unique_lock closed(gate);
     libusbk::Monitor* const monitor =
         reports.watch(libusbk::kReportConnected, [&](const Reports::Report&) {
-            inCallback = true;
-            const std::lock_guard wait(gate);
+            gate.wait();
             callbackEnded = true;
         });
     reports.await(1);
     bus.plugIn("3");  // its report waits behind the callback, and must never be made
     std::thread opener([&] {
         std::this_thread::sleep_for(50ms);  // gives a wrong HotK_Free time to come back too soon
-        closed.unlock();
+        gate.count_down();
     });
     EXPECT_TRUE(usb().HotK_Free(monitor));
     EXPECT_TRUE(callbackEnded);
@@ -512,12 +509,11 @@ TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     constexpr int kRounds = 10;
     bind();
     Reports reports;
-    std::mutex gate;
-    std::unique_lock closed(gate);
+    std::latch gate(1);
     libusbk::Monitor* const monitor =
         reports.watch(libusbk::kReportConnected, [&](const Reports::Report& report) {
             if (report.kind == libusbk::kRemoval)
-                const std::lock_guard wait(gate);
+                gate.wait();
         });
     MockUsbDevice& seventeenth = bus.plugIn("1");
     std::vector<MockUsbDevice*> devices;
@@ -544,14 +540,13 @@ TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     }
     for (std::thread& worker : workers)
         worker.join();
-    closed.unlock();
+    gate.count_down();
     EXPECT_TRUE(usb().HotK_Free(monitor));
 }
 
 TEST_F(LibusbkTest, NothingIsLeftWhenTheBindingEnds) {
-    const std::size_t before = threadsOfProcess();
     device = &bus.plugIn("3");
-    const std::size_t withDevice = threadsOfProcess();  // the testbed may have a thread of its own
+    const std::size_t withDevice = threadsOfProcess();  // the testbed has one of its own
     for (int i = 0; i < 3; ++i) {
         bind();
         Reports reports;
@@ -565,6 +560,6 @@ TEST_F(LibusbkTest, NothingIsLeftWhenTheBindingEnds) {
         EXPECT_TRUE(usb().HotK_Free(monitor));
         unbind();
         EXPECT_FALSE(LibusbkBinding::isBound());
-        EXPECT_EQ(threadsOfProcess(), withDevice) << before;
+        EXPECT_EQ(threadsOfProcess(), withDevice);
     }
 }

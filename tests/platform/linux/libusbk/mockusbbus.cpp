@@ -6,6 +6,13 @@
 #include <filesystem>
 #include <stdexcept>
 
+// The testbed's libraries are not instrumented, and their locks are unknown to ThreadSanitizer.
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:libumockdev.so\n"
+           "race:libglib-2.0.so\n";
+}
+
 namespace {
 
 constexpr char kController[] = "/devices/pci0000:00/0000:00:14.0";

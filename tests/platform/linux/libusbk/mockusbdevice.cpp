@@ -34,7 +34,7 @@ UMockdevIoctlData* resolve(UMockdevIoctlData* data, std::size_t offset, std::siz
 
 template <typename Value>
 Value valueAt(const UMockdevIoctlData* data) {
-    Value value{};
+    Value value;
     std::memcpy(&value, data->data, sizeof value);
     return value;
 }
