@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,8 +37,9 @@ class File {
     bool isFileAt(const std::string& path) const;
     bool isSameFile(const File& other) const;
 
-    // Up to `size` bytes from `offset`; fewer at the end of the file or on an error.
-    std::size_t readAt(std::uint64_t offset, char* buffer, std::size_t size) const;
+    // Reads up to `size` bytes from `offset` and gives their number, which is smaller at the end of
+    // the file only; nothing on an error.
+    std::optional<std::size_t> readAt(std::uint64_t offset, char* buffer, std::size_t size) const;
 
     // Writes all bytes at `offset`.
     bool writeAt(std::uint64_t offset, std::string_view bytes);

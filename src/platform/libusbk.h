@@ -113,7 +113,7 @@ bool LstK_Free(libusbk::DeviceList* list);
 // Opens the device; its pipes work at once, with no claim. Fails with kDeviceNotConnected,
 // kAccessDenied, kNotEnoughMemory or kGeneralFailure.
 bool UsbK_Init(libusbk::UsbHandle** handle, const libusbk::DeviceEntry* entry);
-// Closes the handle. Its pools are freed before.
+// Closes the handle, with no transfer under way on it. Its pools and slots may be given back after.
 bool UsbK_Free(libusbk::UsbHandle* handle);
 // numberOrIndex is an interface number unless isIndex. Fails with kNoMoreItems if there is none,
 // kBusy if somebody else has it.

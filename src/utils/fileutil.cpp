@@ -87,14 +87,21 @@ void removePath(const std::wstring& path) {
         removeNative(native);
 }
 
-std::string readFile(const std::wstring& path) {
+std::optional<std::string> readBytes(const std::wstring& path) {
     const FilePtr file = openFile(path, "rb");
-    std::string bytes;
     if (file == nullptr)
-        return bytes;
+        return std::nullopt;
+    std::string bytes;
     char buffer[4096];
     for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof buffer, file.get())) > 0;)
         bytes.append(buffer, count);
+    if (std::ferror(file.get()) != 0)
+        return std::nullopt;
+    return bytes;
+}
+
+std::string readFile(const std::wstring& path) {
+    std::string bytes = readBytes(path).value_or("");
     bytes.resize(std::min(bytes.size(), bytes.find('\0')));
 
     std::string content;
@@ -110,11 +117,11 @@ std::string readFile(const std::wstring& path) {
 bool findInSubdirs(const std::wstring& parent, const std::wstring& prefix,
                    const std::wstring& file) {
     const std::string narrowPrefix = text::narrow(prefix);
-    const std::string tail = nativePath(L"." + file);
+    const std::string tail = nativePath(file);
     for (const fs::path& entry : entriesOf(nativePath(parent))) {
         std::error_code error;
         if (entry.filename().string().starts_with(narrowPrefix) && fs::is_directory(entry, error) &&
-            fs::exists(entry / tail, error))
+            fs::exists(entry.string() + tail, error))
             return true;
     }
     return false;

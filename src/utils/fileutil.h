@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,9 @@ bool createDirectories(const std::wstring& path);
 // Deletes a file, or a directory with all it holds, read-only files included. A link is removed,
 // not what it points to. What cannot be deleted stays.
 void removePath(const std::wstring& path);
+
+// All bytes of a file; nothing if it cannot be opened or read to its end.
+std::optional<std::string> readBytes(const std::wstring& path);
 
 // The whole text of a file, with CR LF turned into a line feed and ended by the first NUL byte.
 // Empty if the file cannot be opened.

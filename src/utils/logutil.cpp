@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "platform/clock.h"
 #include "platform/process.h"
 #include "utils/trace.h"
 
@@ -22,9 +23,7 @@ constexpr std::size_t kHeaderColumns = 80;   // to which a header is padded
 // The field after the hour is the second and the last one the minute: readers of these logs and
 // their tools know it this way round.
 std::string curTime() {
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    localtime_r(&now, &local);
+    const std::tm local = platform::localTime(std::time(nullptr));
     char text[32];
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%S:%M", &local);
     return std::string(text, length);

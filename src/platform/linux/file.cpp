@@ -68,8 +68,8 @@ File& File::operator=(File&& other) noexcept {
 bool File::openExisting(const std::string& path) {
     close();
     // O_NONBLOCK keeps a FIFO from holding up the caller until fstat has refused it.
-    const int descriptor =
-        restarting([&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK); });
+    const int descriptor = restarting(
+        [&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
     if (descriptor < 0)
         return false;
     struct stat info {};
@@ -105,14 +105,17 @@ bool File::isSameFile(const File& other) const {
            sameInode(mine, theirs);
 }
 
-std::size_t File::readAt(std::uint64_t offset, char* buffer, std::size_t size) const {
+std::optional<std::size_t> File::readAt(std::uint64_t offset, char* buffer,
+                                        std::size_t size) const {
     std::size_t total = 0;
     while (total < size) {
         const ssize_t count = restarting([&] {
             return ::pread(descriptor_, buffer + total, size - total,
                            static_cast<off_t>(offset + total));
         });
-        if (count <= 0)
+        if (count < 0)
+            return std::nullopt;
+        if (count == 0)
             break;
         total += static_cast<std::size_t>(count);
     }
@@ -124,7 +127,7 @@ bool File::writeAt(std::uint64_t offset, std::string_view bytes) {
 }
 
 bool File::syncData() {
-    return ::fdatasync(descriptor_) == 0;
+    return restarting([&] { return ::fdatasync(descriptor_); }) == 0;
 }
 
 bool replaceFile(const std::string& path, std::string_view bytes) {

@@ -1,0 +1,151 @@
+// The serial number file at a million rows. Every benchmark checks its budget.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "storage/serialnumfile.h"
+#include "utils/text.h"
+
+namespace {
+
+constexpr std::size_t kRows = 1'000'000;
+constexpr std::size_t kRowSize = 24;  // 20 characters, comma, flag, CR LF
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A file of `rows` free numbers that lives as long as this.
+class NumberFile {
+  public:
+    explicit NumberFile(std::size_t rows = kRows)
+        : path_(std::filesystem::temp_directory_path() / "vorlan_storage_bench.csv") {
+        std::string content;
+        content.reserve(rows * kRowSize);
+        for (std::size_t i = 0; i < rows; ++i)
+            content += "VLN-2024-" + std::to_string(10'000'000'000 + i) + ",0\r\n";
+        std::ofstream(path_, std::ios::binary) << content;
+    }
+    ~NumberFile() {
+        std::error_code error;
+        std::filesystem::remove(path_, error);
+    }
+    NumberFile(const NumberFile&) = delete;
+    NumberFile& operator=(const NumberFile&) = delete;
+
+    std::wstring path() const { return text::widen(path_.string()); }
+
+  private:
+    std::filesystem::path path_;
+};
+
+std::size_t heapInUse() {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+void load(benchmark::State& state) {
+    const NumberFile source;
+    for (auto _ : state) {
+        SerialNumFile file;
+        const std::size_t before = heapInUse();
+        const auto start = Clock::now();
+        if (!file.load(source.path()))
+            state.SkipWithError("not loaded");
+        const double seconds = secondsSince(start);
+        const double bytesPerRow = static_cast<double>(heapInUse() - before) / kRows;
+        state.counters["bytes_per_row"] = bytesPerRow;
+        if (seconds >= 1.0)
+            state.SkipWithError("a million rows took a second or more to load");
+        if (bytesPerRow > 120)
+            state.SkipWithError("more than 120 bytes per row");
+    }
+}
+BENCHMARK(load)->Unit(benchmark::kMillisecond);
+
+void handOutAll(benchmark::State& state) {
+    const NumberFile source;
+    for (auto _ : state) {
+        SerialNumFile file;
+        file.load(source.path());
+        const auto start = Clock::now();
+        std::size_t handedOut = 0;
+        while (file.takeNext() != nullptr)
+            ++handedOut;
+        const double seconds = secondsSince(start);
+        state.SetIterationTime(seconds);
+        if (handedOut != kRows)
+            state.SkipWithError("not every number was handed out");
+        if (seconds >= 1.0)
+            state.SkipWithError("a million numbers took a second or more to hand out");
+    }
+}
+BENCHMARK(handOutAll)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+
+// A failed burn gives its number back and the next device gets it, wherever in the file that is.
+void releaseAndTake(benchmark::State& state) {
+    const auto used = static_cast<std::size_t>(state.range(0));
+    const NumberFile source;
+    SerialNumFile file;
+    file.load(source.path());
+    for (std::size_t i = 0; i < used; ++i)
+        file.takeNext();
+    auto* record = file.takeNext();
+    const auto start = Clock::now();
+    for (auto _ : state) {
+        file.releaseRecord(record);
+        benchmark::DoNotOptimize(record = file.takeNext());
+    }
+    // The few rounds that only find out how many to run say nothing.
+    if (state.iterations() >= 1000 &&
+        secondsSince(start) / static_cast<double>(state.iterations()) >= 10e-6)
+        state.SkipWithError("giving back and drawing again took 10 us or more");
+}
+BENCHMARK(releaseAndTake)->Arg(0)->Arg(kRows / 2)->Arg(kRows - 1);
+
+// Marks at both ends of the file, by turns, so that both see the same disk.
+void markBurned(benchmark::State& state) {
+    constexpr std::size_t kMarks = 300;
+    const NumberFile source;
+    SerialNumFile file;
+    file.load(source.path());
+    std::vector<SerialNumFile::SnRecord*> records;
+    while (auto* const record = file.takeNext())
+        records.push_back(record);
+    std::vector<double> first;
+    std::vector<double> last;
+    const auto mark = [&](std::size_t row, std::vector<double>& times) {
+        const auto start = Clock::now();
+        file.markBurned(records[row]);
+        times.push_back(secondsSince(start));
+    };
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < kMarks; ++i) {
+            mark(i, first);
+            mark(kRows - 1 - i, last);
+        }
+    }
+    const auto median = [](std::vector<double>& times) {
+        const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+        std::nth_element(times.begin(), middle, times.end());
+        return *middle;
+    };
+    const double firstMedian = median(first);
+    const double lastMedian = median(last);
+    state.counters["first_us"] = firstMedian * 1e6;
+    state.counters["last_us"] = lastMedian * 1e6;
+    if (std::max(firstMedian, lastMedian) > 2 * std::min(firstMedian, lastMedian))
+        state.SkipWithError("the cost of a mark depends on its row");
+}
+BENCHMARK(markBurned)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are missing: install-packages.sh GROUP...
+# Groups: build (compiler, libraries), test (test libraries and tools), bench, lint.
+set -euo pipefail
+
+declare -A groups=(
+    [build]="cmake ninja-build ccache g++ pkg-config libusb-1.0-0-dev libcjson-dev libminizip-dev
+             zlib1g-dev"
+    [test]="libgtest-dev libgmock-dev umockdev libumockdev-dev libglib2.0-dev unzip"
+    [bench]="libbenchmark-dev unzip"
+    [lint]="clang clang-format clang-tidy libclang-rt-14-dev"
+)
+
+missing=()
+for group in "$@"; do
+    for package in ${groups[$group]}; do
+        dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null |
+            grep -qx installed || missing+=("$package")
+    done
+done
+[ "${#missing[@]}" -eq 0 ] && exit 0
+
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+echo "installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null

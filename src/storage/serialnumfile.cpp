@@ -1,0 +1,232 @@
+#include "storage/serialnumfile.h"
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <utility>
+
+#include "utils/fileutil.h"
+#include "utils/logutil.h"
+
+namespace {
+
+constexpr const char* LOG_TAG = "SerialNumFile";
+
+constexpr std::string_view kFree = "0";
+constexpr std::string_view kBurned = "1";
+constexpr std::string_view kLineEnd = "\r\n";
+
+// The lines of a file with their line ends, read in large blocks.
+class LineReader {
+  public:
+    explicit LineReader(const platform::File& file) : file_(file) {}
+
+    // The next line, good until the next call. Empty at the end of the file or on an error.
+    std::string_view next() {
+        std::size_t searched = start_;
+        for (;;) {
+            const std::size_t lineFeed = buffer_.find('\n', searched);
+            if (lineFeed != std::string::npos)
+                return take(lineFeed + 1 - start_);
+            buffer_.erase(0, std::exchange(start_, 0));
+            searched = buffer_.size();
+            if (!readBlock())
+                return take(failed_ ? 0 : buffer_.size());
+        }
+    }
+
+    bool failed() const { return failed_; }
+
+  private:
+    static constexpr std::size_t kBlockSize = 256 * 1024;
+
+    std::string_view take(std::size_t size) {
+        const std::string_view line = std::string_view(buffer_).substr(start_, size);
+        start_ += size;
+        return line;
+    }
+
+    bool readBlock() {
+        const std::size_t old = buffer_.size();
+        buffer_.resize(old + kBlockSize);
+        const std::optional<std::size_t> count =
+            file_.readAt(position_, buffer_.data() + old, kBlockSize);
+        failed_ = !count.has_value();
+        buffer_.resize(old + count.value_or(0));
+        position_ += count.value_or(0);
+        return count.value_or(0) > 0;
+    }
+
+    const platform::File& file_;
+    std::uint64_t position_ = 0;  // in the file, behind the buffer's last byte
+    std::string buffer_;
+    std::size_t start_ = 0;  // of the next line in the buffer
+    bool failed_ = false;
+};
+
+}  // namespace
+
+bool SerialNumFile::SnRecord::parseLine(std::string_view line) {
+    const std::size_t comma = line.find(',');
+    if (comma == std::string_view::npos)
+        return false;
+    // Made new, not assigned: an assigned string takes more room than it needs, and there may be a
+    // million of them.
+    sn = std::string(line.substr(0, comma));
+    burnFlag = std::string(line.substr(comma + 1));
+    return burnFlag.find(',') == std::string::npos;
+}
+
+std::string SerialNumFile::SnRecord::toLine() const {
+    return sn + "," + burnFlag + std::string(kLineEnd);
+}
+
+bool SerialNumFile::load(const std::wstring& path) {
+    const std::string native = fileutil::nativePath(path);
+    std::string problem;
+    {
+        const std::lock_guard guard(lock_);
+        problem = reload(native);
+    }
+    if (!problem.empty())
+        LOG_E("%s was not loaded: %s", native.c_str(), problem.c_str());
+    return problem.empty();
+}
+
+SerialNumFile::SnRecord* SerialNumFile::takeNext() {
+    const std::lock_guard guard(lock_);
+    SnRecord* record = nullptr;
+    if (!released_.empty()) {
+        record = *released_.begin();
+        released_.erase(released_.begin());
+    } else {
+        while (firstUntried_ < records_.size() && records_[firstUntried_].burnFlag != kFree)
+            ++firstUntried_;
+        if (firstUntried_ == records_.size())
+            return nullptr;
+        record = &records_[firstUntried_++];
+    }
+    record->taken = 1;
+    return record;
+}
+
+void SerialNumFile::markBurned(SnRecord* record) {
+    if (record == nullptr)
+        return;
+    std::string problem;
+    {
+        const std::lock_guard guard(lock_);
+        if (!file_.isOpen() || record->burnFlag != kFree)
+            return;
+        const std::string freeRow = record->toLine();
+        record->taken = 0;
+        record->burnFlag = kBurned;
+        released_.erase(record);
+        problem = owns(record) ? writeMark(*record, freeRow) : "another file has been loaded since";
+    }
+    if (!problem.empty())
+        LOG_E("SN=%s is burned but could not be marked: %s", record->sn.c_str(), problem.c_str());
+}
+
+void SerialNumFile::releaseRecord(SnRecord* record) {
+    if (record == nullptr)
+        return;
+    const std::lock_guard guard(lock_);
+    if (record->taken == 0)
+        return;
+    record->taken = 0;
+    if (owns(record))
+        released_.insert(record);
+}
+
+void SerialNumFile::clearRecords() {
+    const std::lock_guard guard(lock_);
+    discardRecords();
+}
+
+void SerialNumFile::closeFile() {
+    const std::lock_guard guard(lock_);
+    file_.close();
+}
+
+std::string SerialNumFile::reload(const std::string& path) {
+    platform::File file;
+    if (!file.openExisting(path))
+        return platform::lastErrorText();
+    // The file that is open already has our own lock, which a second opening would run into.
+    if (!file_.isOpen() || !file_.isSameFile(file)) {
+        if (!file.lockExclusively())
+            return "in use by another program: " + platform::lastErrorText();
+        file_ = std::move(file);
+    }
+    path_ = path;
+    discardRecords();
+    const std::string problem = readRecords();
+    loaded_ = problem.empty() ? 1 : 0;
+    if (!problem.empty()) {
+        discardRecords();
+        file_.close();
+    }
+    return problem;
+}
+
+std::string SerialNumFile::readRecords() {
+    std::size_t lines = 0;
+    for (LineReader counter(file_); !counter.next().empty();)
+        ++lines;
+    records_.reserve(lines);
+
+    LineReader reader(file_);
+    std::uint64_t offset = 0;
+    std::size_t lineNumber = 1;
+    for (std::string_view line = reader.next(); !line.empty(); line = reader.next()) {
+        const std::size_t size = line.size();
+        if (line.ends_with(kLineEnd))
+            line.remove_suffix(kLineEnd.size());
+        else if (line.ends_with('\n'))
+            return "no CR LF at the end of line " + std::to_string(lineNumber);
+        if (!line.empty()) {
+            SnRecord record;
+            record.offset = offset;
+            if (!record.parseLine(line))
+                return "not two columns in line " + std::to_string(lineNumber);
+            records_.push_back(std::move(record));
+        }
+        offset += size;
+        ++lineNumber;
+    }
+    return reader.failed() ? platform::lastErrorText() : std::string();
+}
+
+void SerialNumFile::discardRecords() {
+    const bool held = std::any_of(records_.begin(), records_.end(),
+                                  [](const SnRecord& record) { return record.taken != 0; });
+    if (held)
+        abandoned_.push_back(std::move(records_));
+    records_ = std::vector<SnRecord>();
+    released_.clear();
+    firstUntried_ = 0;
+}
+
+bool SerialNumFile::owns(const SnRecord* record) const {
+    const std::less<const SnRecord*> before;
+    const SnRecord* const begin = records_.data();
+    return !before(record, begin) && before(record, begin + records_.size());
+}
+
+std::string SerialNumFile::writeMark(const SnRecord& record, const std::string& freeRow) {
+    if (!file_.isFileAt(path_))
+        return path_ + " was moved or replaced";
+    if (!isRowOnDisk(record, freeRow))
+        return path_ + " was changed at byte " + std::to_string(record.offset);
+    if (!file_.writeAt(record.offset, record.toLine()) || !file_.syncData())
+        return path_ + " cannot be written: " + platform::lastErrorText();
+    return {};
+}
+
+bool SerialNumFile::isRowOnDisk(const SnRecord& record, const std::string& row) const {
+    std::string bytes(row.size(), '\0');
+    bytes.resize(file_.readAt(record.offset, bytes.data(), bytes.size()).value_or(0));
+    const bool isLast = &record == &records_.back();
+    return bytes == row || (isLast && bytes + std::string(kLineEnd) == row);
+}

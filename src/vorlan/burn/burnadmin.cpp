@@ -1,0 +1,250 @@
+#include "vorlan/burn/burnadmin.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+#include "utils/interruption.h"
+#include "utils/sysutil.h"
+#include "utils/text.h"
+#include "utils/trace.h"
+#include "vorlan/burn/fw_download.h"
+#include "vorlan/burn/usb_protocol.h"
+
+std::atomic<BurnAdmin*> BurnAdmin::instance{nullptr};
+
+namespace {
+
+constexpr const char* kDevicePattern = "USB\\VID_1234&PID_5678\\*";
+
+// The body of a session's thread.
+void serveSession(const std::stop_token& stop, SesHandle session) {
+    const interruption::Scope scope(stop);
+    // The listener must have heard of the device before anything else is told of it.
+    session->entered.acquire();
+    FwDownloadProc(session);
+    session->workerEnded = true;
+}
+
+// Returns once the worker has ended, at most one transfer or short wait later.
+void endWorker(BURN_SESSION& session) {
+    if (session.worker.joinable()) {
+        session.worker.request_stop();
+        session.worker.join();
+    }
+}
+
+// Gives back what the worker has left, once it has ended.
+void releaseHandles(BURN_SESSION& session) {
+    const LibusbkTable& usb = libusbkTable();
+    if (session.usbHandle != nullptr)
+        usb.UsbK_Free(std::exchange(session.usbHandle, nullptr));
+    if (session.ovlPool != nullptr)
+        usb.OvlK_Free(std::exchange(session.ovlPool, nullptr));
+}
+
+}  // namespace
+
+BurnAdmin* BurnAdmin::getInstance() {
+    if (instance == nullptr)
+        instance = new BurnAdmin;
+    return instance;
+}
+
+BurnAdmin* BurnAdmin::peekInstance() {
+    return instance;
+}
+
+void BurnAdmin::destroyInstance() {
+    BurnAdmin* const admin = instance;
+    if (admin == nullptr)
+        return;
+    // Arrivals are closed first, so that no session enters behind our back; then all workers are
+    // interrupted before the first is joined, so that they wind down together.
+    admin->stopMonitor();
+    for (const std::string& id : admin->interruptWorkers())
+        admin->Burn_Session_Remove(id);
+    instance = nullptr;
+    delete admin;
+}
+
+BurnAdmin::BurnAdmin() {
+    TRACE("OS_NAME=%s\n", text::narrow(sysutil::getOsName()).c_str());
+    TRACE("is64BitOS=%d\n", sysutil::is64BitOS());
+}
+
+BurnAdmin::~BurnAdmin() = default;
+
+std::uint32_t BurnAdmin::getSessionCount() const {
+    const std::lock_guard guard(lock_);
+    return count_;
+}
+
+void BurnAdmin::startMonitor(UsbListener* listener) {
+    if (monitor_ != nullptr)
+        return;
+    listener_ = listener;
+
+    libusbk::MonitorParameters parameters{};
+    parameters.flags = libusbk::kReportConnected;
+    std::snprintf(parameters.pattern.deviceId, sizeof parameters.pattern.deviceId, "%s",
+                  kDevicePattern);
+    parameters.callback = onHotPlug;
+    std::printf("Install HotK monitor for DeviceID = %s\n", kDevicePattern);
+    const LibusbkTable& usb = libusbkTable();
+    if (usb.HotK_Init(&monitor_, &parameters)) {
+        std::printf("HotK monitor initialized successfully!\n");
+    } else {
+        monitor_ = nullptr;
+        std::printf("HotK_Init failed. ErrorCode: %08Xh\n", usb.LibK_LastError());
+    }
+}
+
+// Returns when no callback runs any more and none will.
+void BurnAdmin::stopMonitor() {
+    if (monitor_ == nullptr)
+        return;
+    const LibusbkTable& usb = libusbkTable();
+    usb.HotK_Free(std::exchange(monitor_, nullptr));
+    const std::uint32_t code = usb.LibK_LastError();
+    if (code != libusbk::kNoError)
+        std::printf("HotK_Free failed. ErrorCode: %08Xh\n", code);
+    else
+        std::printf("HotK monitor closed successfully!\n");
+}
+
+void BurnAdmin::onHotPlug(libusbk::Monitor* /*monitor*/, const libusbk::DeviceEntry* entry,
+                          std::int32_t kind) {
+    TRACE(
+        "\n[%s] %s (%s) [%s]\n  InstanceID          : %s\n  DeviceInterfaceGUID : %s\n"
+        "  DevicePath          : %s\n  BusNum              : %d\n  DeviceAddress       : %d\n  \n",
+        kind == libusbk::kArrival ? "ARRIVAL" : "REMOVAL", entry->description, entry->manufacturer,
+        entry->service, entry->deviceId, entry->deviceInterfaceGuid, entry->devicePath,
+        entry->busNumber, entry->deviceAddress);
+    BurnAdmin* const admin = peekInstance();
+    if (kind == libusbk::kArrival && entry->vendorId == kVorlanVendorId &&
+        entry->productId == kVorlanProductId) {
+        TRACE("%04X:%04X (%s): found %s - %s, DriverID = %04X\n", entry->vendorId, entry->productId,
+              entry->instanceId, entry->description, entry->manufacturer,
+              static_cast<unsigned>(entry->driverId));
+        if (admin != nullptr)
+            admin->arrived(*entry);
+        else
+            TRACE("Instance is null\n");
+    } else if (kind == libusbk::kRemoval && admin != nullptr) {
+        admin->Burn_Session_Remove(entry->deviceId);
+    }
+}
+
+void BurnAdmin::arrived(const libusbk::DeviceEntry& entry) {
+    if (getSessionCount() >= kMaxSessions) {
+        TRACE("Support at most %d vorlan devices cocurrently!\n", static_cast<int>(kMaxSessions));
+        return;
+    }
+    const LibusbkTable& usb = libusbkTable();
+    auto session = std::make_unique<BURN_SESSION>();
+    if (!usb.UsbK_Init(&session->usbHandle, &entry)) {
+        TRACE("Init device failed (ErrorCode: %08Xh) and CANNOT start FwDownload for %s!!\n",
+              usb.LibK_LastError(), entry.instanceId);
+        return;
+    }
+    TRACE("Vorlan %s opened successfully!\n", entry.instanceId);
+    // The interface is not claimed: the ROM loader's pipes work without.
+    if (!usb.OvlK_Init(&session->ovlPool, session->usbHandle, 1, 0))
+        session->ovlPool = nullptr;
+    session->device_path = entry.devicePath;
+    session->device_id = entry.deviceId;
+    session->bus_no = entry.busNumber;
+    session->device_address = entry.deviceAddress;
+
+    try {
+        session->worker = std::jthread(serveSession, session.get());
+    } catch (const std::system_error&) {
+        TRACE("Failed to create Firmware Download thread!\n");
+        releaseHandles(*session);
+        return;
+    }
+    if (!Burn_Session_Add(session)) {
+        session->entered.release();
+        endWorker(*session);
+        releaseHandles(*session);
+    }
+}
+
+bool BurnAdmin::Burn_Session_Add(std::unique_ptr<BURN_SESSION>& session) {
+    if (session == nullptr)
+        return false;
+    TRACE("Burn_Session_Add\n");
+    const std::lock_guard guard(lock_);
+    const auto place = std::find(sessions_.begin(), sessions_.end(), nullptr);
+    if (place == sessions_.end())
+        return false;
+    *place = std::move(session);
+    ++count_;
+    notifyPlug(place->get());
+    (*place)->entered.release();
+    return true;
+}
+
+bool BurnAdmin::Burn_Session_Remove(const std::string& device_id) {
+    std::unique_ptr<BURN_SESSION> session;
+    {
+        const std::lock_guard guard(lock_);
+        const auto place =
+            std::find_if(sessions_.begin(), sessions_.end(), [&](const auto& candidate) {
+                return candidate != nullptr && candidate->device_id == device_id;
+            });
+        if (place == sessions_.end())
+            return false;
+        session = std::move(*place);
+        --count_;
+    }
+    // The listener deletes what the worker uses, so the worker has to be gone first.
+    if (!session->workerEnded)
+        std::printf("%s: Firmware Download Thread for %s is still alive...\n",
+                    "BurnAdmin::Burn_Session_Remove", session->device_id.c_str());
+    endWorker(*session);
+    notifyRemove(session.get());
+    releaseHandles(*session);
+    return true;
+}
+
+// Ends the waits of all workers and returns the ids of their sessions.
+std::vector<std::string> BurnAdmin::interruptWorkers() {
+    std::vector<std::string> ids;
+    std::vector<std::stop_source> workers;
+    {
+        const std::lock_guard guard(lock_);
+        for (const auto& session : sessions_) {
+            if (session == nullptr)
+                continue;
+            ids.push_back(session->device_id);
+            workers.push_back(session->worker.get_stop_source());
+        }
+    }
+    for (std::stop_source& worker : workers)
+        worker.request_stop();
+    return ids;
+}
+
+void BurnAdmin::notifyPlug(SesHandle session) {
+    TRACE("notifyPlug\n");
+    if (listener_ != nullptr)
+        listener_->onPlug(session);
+}
+
+void BurnAdmin::notifyBurnerReady(SesHandle session) {
+    if (listener_ != nullptr)
+        listener_->onBurnerReady(session);
+}
+
+void BurnAdmin::notifyRemove(SesHandle session) {
+    if (listener_ != nullptr)
+        listener_->onRemove(session);
+}
+
+void BurnAdmin::notifyError(SesHandle session, std::uint32_t code, const std::string& message) {
+    if (listener_ != nullptr)
+        listener_->onError(session, code, message);
+}

@@ -1,0 +1,181 @@
+#include "vorlan/burn/fw_download.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "utils/fileutil.h"
+#include "utils/interruption.h"
+#include "utils/trace.h"
+#include "vorlan/burn/burnadmin.h"
+#include "vorlan/burn/handle_interruption.h"
+#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/rom_protocol.h"
+#include "vorlan/burn/usb_protocol.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char* kOperation = "FwDownloadProc";
+
+// One download of the burner image into a device.
+class Download {
+  public:
+    Download(BurnAdmin& admin, BURN_SESSION& session, libusbk::OverlappedSlot* slot)
+        : admin_(admin), session_(session), slot_(slot), path_(admin.getBurnerPath()) {}
+
+    bool openImage() {
+        file_ = fileutil::openFile(path_, "rb");
+        if (file_ == nullptr)
+            TRACE("CANNOT open file %s!\n", path_.c_str());
+        return file_ != nullptr;
+    }
+
+    // All the way from the ROM's first message to the start of the image.
+    bool run() {
+        std::fseek(file_.get(), 0, SEEK_END);
+        const long size = std::ftell(file_.get());
+        std::rewind(file_.get());
+        if (size <= 0) {
+            fail(libusbk::kInvalidParameter, "Empty file! path=" + path_);
+            return false;
+        }
+        buffer_.reset(new (std::nothrow) std::uint8_t[kRomBufferSize]);
+        if (buffer_ == nullptr) {
+            TRACE("CANNOT allocate %d bytes for data buffer!\n", static_cast<int>(kRomBufferSize));
+            return false;
+        }
+        waitForRom();
+        return begin(static_cast<std::uint32_t>(size)) && sendImage() && end();
+    }
+
+  private:
+    void waitForRom() {
+        interruption::sleep(std::chrono::milliseconds(admin_.getRomWait()));
+        TRACE("%s: has slept for %d ms to let ROM get ready!\n", kOperation,
+              static_cast<int>(admin_.getRomWait()));
+        for (const std::uint8_t endpoint : {EP_ADDR_DATA_RESP_IN, EP_ADDR_DATA_RESP_OUT,
+                                            EP_ADDR_CMD_RESP_IN, EP_ADDR_CMD_RESP_OUT})
+            libusbkTable().UsbK_ResetPipe(session_.usbHandle, endpoint);
+    }
+
+    bool begin(std::uint32_t size) {
+        TRACE("%s: start send_mem_begin_command...\n", kOperation);
+        std::string errorText;
+        const std::uint32_t result = send_mem_begin_command(buffer_.get(), kRomBufferSize, size,
+                                                            session_.usbHandle, slot_, errorText);
+        if (!succeeded(result, "MEM_BEGIN", errorText))
+            return false;
+        interruption::sleep(10ms);
+        return true;
+    }
+
+    bool sendImage() {
+        TRACE("%s: reading file %s...\n", kOperation, path_.c_str());
+        std::uint8_t* const payload = buffer_.get() + kMemDataHeader;
+        for (std::uint32_t sequence = 0;; ++sequence) {
+            const auto count =
+                static_cast<std::uint32_t>(std::fread(payload, 1, kRomBlockSize, file_.get()));
+            if (count < kRomBlockSize) {
+                if (std::feof(file_.get()) == 0) {
+                    TRACE("%s: error(%08Xh) occurs in reading file %s! readBytes = %u\n",
+                          kOperation, static_cast<unsigned>(errno), path_.c_str(), count);
+                    return false;
+                }
+                TRACE("%s: end reading file %s! readBytes = %u\n", kOperation, path_.c_str(),
+                      count);
+                if (count == 0)
+                    return true;
+            }
+            std::string errorText;
+            const std::uint32_t result =
+                send_mem_data_command(buffer_.get(), kRomBufferSize, payload, count, sequence,
+                                      session_.usbHandle, slot_, errorText);
+            if (!succeeded(result, "MEM_DATA", errorText))
+                return false;
+            interruption::sleep(10ms);
+            if (count < kRomBlockSize)
+                return true;
+        }
+    }
+
+    bool end() {
+        TRACE("%s: start send_mem_end_command...\n", kOperation);
+        std::string errorText;
+        const std::uint32_t result = send_mem_end_command(buffer_.get(), kRomBufferSize,
+                                                          session_.usbHandle, slot_, errorText);
+        if (!succeeded(result, "MEM_END", errorText))
+            return false;
+        interruption::sleep(100ms);
+        return true;
+    }
+
+    bool succeeded(std::uint32_t result, const char* command, const std::string& errorText) {
+        if (result == 0)
+            return true;
+        TRACE("FAILED to send %s command for %s!\n", command, session_.device_id.c_str());
+        fail(result, errorText);
+        return false;
+    }
+
+    void fail(std::uint32_t code, const std::string& text) {
+        if (!interruption::requested())
+            admin_.notifyError(&session_, code, text);
+    }
+
+    BurnAdmin& admin_;
+    BURN_SESSION& session_;
+    libusbk::OverlappedSlot* slot_;
+    std::string path_;
+    fileutil::FilePtr file_;
+    std::unique_ptr<std::uint8_t[]> buffer_;
+};
+
+}  // namespace
+
+unsigned FwDownloadProc(SesHandle sesHandle) {
+    BurnAdmin* const admin = BurnAdmin::peekInstance();
+    if (admin == nullptr)
+        return 1;
+    if (sesHandle != nullptr)
+        TRACE("Enter FwDownload for %s...\n", sesHandle->device_id.c_str());
+    if (sesHandle == nullptr || sesHandle->usbHandle == nullptr) {
+        TRACE("%s: parameter error (sesHandle = %p, usbHandle = %p)\n", kOperation,
+              static_cast<void*>(sesHandle),
+              static_cast<void*>(sesHandle != nullptr ? sesHandle->usbHandle : nullptr));
+        return 1;
+    }
+
+    const LibusbkTable& usb = libusbkTable();
+    libusbk::OverlappedSlot* slot = nullptr;
+    if (sesHandle->ovlPool == nullptr || !usb.OvlK_Acquire(&slot, sesHandle->ovlPool))
+        slot = nullptr;
+    bool started = false;
+    {
+        const HandleInterruption interruptible(sesHandle->usbHandle);
+        Download download(*admin, *sesHandle, slot);
+        if (!download.openImage()) {
+            // The session keeps its handle and its pool until its removal.
+            if (slot != nullptr)
+                usb.OvlK_Release(slot);
+            return 1;
+        }
+        started = download.run();
+    }
+    usb.UsbK_Free(std::exchange(sesHandle->usbHandle, nullptr));
+    if (slot != nullptr)
+        usb.OvlK_Release(slot);
+    if (sesHandle->ovlPool != nullptr)
+        usb.OvlK_Free(std::exchange(sesHandle->ovlPool, nullptr));
+
+    started = started && !interruption::requested();
+    if (started)
+        admin->notifyBurnerReady(sesHandle);
+    TRACE("Exit FwDownload for %s...\n", sesHandle->device_id.c_str());
+    return started ? 0 : 1;
+}

@@ -1,0 +1,24 @@
+// How BurnAdmin reports what happens to USB devices. A session stays valid until onRemove returns.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "vorlan/burn/burn_session.h"
+
+class UsbListener {
+  public:
+    // A device has appeared. Hot-plug thread, inside the administrator's lock: must not wait for
+    // other threads that want it.
+    virtual void onPlug(SesHandle session) = 0;
+    // The burner image runs on the device. The session's worker; this call carries the whole burn.
+    virtual void onBurnerReady(SesHandle session) = 0;
+    // The device has left or the administrator is being stopped; the session's worker has ended.
+    // Hot-plug thread or the thread that stops.
+    virtual void onRemove(SesHandle session) = 0;
+    // The ROM stage has failed. The session's worker.
+    virtual void onError(SesHandle session, std::uint32_t code, const std::string& message) = 0;
+
+  protected:
+    ~UsbListener() = default;
+};

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs every test: ./test.sh [PRESET...]
+# Presets: dev (the default), asan, tsan, release, fuzz.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+presets=("$@")
+[ "${#presets[@]}" -gt 0 ] || presets=(dev)
+
+scripts/install-packages.sh build test
+[[ " ${presets[*]} " != *" fuzz "* ]] || scripts/install-packages.sh lint
+
+for preset in "${presets[@]}"; do
+    echo "== $preset"
+    scripts/build.sh "$preset"
+    ctest --preset "$preset" --parallel "$(nproc)"
+done

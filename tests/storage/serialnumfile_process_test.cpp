@@ -1,0 +1,178 @@
+// The serial number file against other processes, rights and limits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "storage/serialnumfile.h"
+#include "support/recordinglog.h"
+#include "support/temporarydirectory.h"
+#include "utils/text.h"
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A second process that runs `body`, until it is killed at the latest.
+class Child {
+  public:
+    template <typename Body>
+    explicit Child(Body body) : id_(::fork()) {
+        if (id_ != 0)
+            return;
+        body();
+        ::_exit(0);
+    }
+    ~Child() { kill(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void kill() {
+        if (id_ <= 0)
+            return;
+        ::kill(id_, SIGKILL);
+        ::waitpid(id_, nullptr, 0);
+        id_ = -1;
+    }
+
+  private:
+    pid_t id_;
+};
+
+// Waits for something that another process does.
+template <typename Condition>
+bool eventually(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::wstring wide(const std::string& path) {
+    return text::widen(path);
+}
+
+}  // namespace
+
+TEST(SerialNumFileProcess, SecondProcessMayReadButNotLoad) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.write("sn.csv", "A,0\r\nB,0\r\n");
+    Child holder([&] {
+        SerialNumFile file;
+        if (!file.load(wide(path)))
+            ::_exit(1);
+        file.markBurned(file.takeNext());
+        for (;;)
+            ::pause();
+    });
+    ASSERT_TRUE(eventually([&] { return directory.read("sn.csv") == "A,1\r\nB,0\r\n"; }));
+    SerialNumFile file;
+    EXPECT_FALSE(file.load(wide(path)));
+    EXPECT_EQ(file.isLoaded(), 0);
+    holder.kill();
+    EXPECT_TRUE(file.load(wide(path)));
+    EXPECT_EQ(file.takeNext()->sn, "B");
+}
+
+TEST(SerialNumFileProcess, KilledAmongMarksLeavesEveryRowWhole) {
+    constexpr std::size_t kRows = 100'000;
+    std::string expected;
+    for (std::size_t i = 0; i < kRows; ++i)
+        expected += std::to_string(100'000 + i) + ",0\r\n";
+    const auto flagOf = [](std::size_t row) { return row * 10 + 7; };
+    const TemporaryDirectory directory;
+    const std::string path = directory.write("sn.csv", expected);
+
+    std::size_t marked = 0;
+    for (int round = 0; round < 5; ++round) {
+        Child burner([&] {
+            SerialNumFile file;
+            if (!file.load(wide(path)))
+                ::_exit(1);
+            while (auto* const record = file.takeNext())
+                file.markBurned(record);
+        });
+        const std::size_t goal = marked + 10;
+        ASSERT_TRUE(eventually([&] {
+            std::ifstream file(path, std::ios::binary);
+            file.seekg(static_cast<std::streamoff>(flagOf(goal)));
+            return file.get() == '1';
+        }));
+        burner.kill();
+
+        const std::string after = directory.read("sn.csv");
+        for (; marked < kRows && after.at(flagOf(marked)) == '1'; ++marked)
+            expected[flagOf(marked)] = '1';
+        EXPECT_TRUE(after == expected) << "a row behind the marked ones has changed";
+        ASSERT_LT(marked, kRows);
+
+        SerialNumFile restarted;
+        ASSERT_TRUE(restarted.load(wide(path)));
+        EXPECT_EQ(restarted.takeNext()->sn, expected.substr(marked * 10, 6));
+    }
+}
+
+TEST(SerialNumFileProcess, FileThatMayNotBeWrittenIsRefused) {
+    const TemporaryDirectory directory;
+    fs::permissions(directory.path(), fs::perms::all);
+    const std::string path = directory.write("sn.csv", "A,0\r\n");
+    ::chmod(path.c_str(), 0444);
+    // Nothing is read-only to root.
+    EXPECT_EXIT(
+        {
+            if (::geteuid() == 0 && ::setuid(65534) != 0)
+                std::exit(2);
+            SerialNumFile file;
+            std::exit(file.load(wide(path)) ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "Permission denied");
+}
+
+TEST(SerialNumFileProcess, FifoIsRefusedWithoutWaiting) {
+    const TemporaryDirectory directory;
+    const std::string path = (directory.path() / "fifo.csv").string();
+    ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
+    SerialNumFile file;
+    EXPECT_FALSE(file.load(wide(path)));
+}
+
+TEST(SerialNumFileProcess, WriteErrorIsTold) {
+    const TemporaryDirectory directory;
+    const std::string rows = "A,0\r\nB,0\r\n";
+    const std::string path = directory.write("sn.csv", rows);
+    RecordingLog log;
+    SerialNumFile file;
+    ASSERT_TRUE(file.load(wide(path)));
+    file.takeNext();
+    auto* const b = file.takeNext();
+
+    // Writing past the first row fails as on a full disk.
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{5, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    file.markBurned(b);
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldHandler);
+
+    EXPECT_EQ(directory.read("sn.csv"), rows);
+    EXPECT_THAT(log.take(hj::kError), ElementsAre(AllOf(HasSubstr("SN=B "), HasSubstr("sn.csv"))));
+    EXPECT_EQ(file.takeNext(), nullptr);
+}

@@ -1,0 +1,353 @@
+#include "storage/serialnumfile.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/recordinglog.h"
+#include "support/temporarydirectory.h"
+#include "utils/text.h"
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+namespace {
+
+class SerialNumFileTest : public testing::Test {
+  protected:
+    static constexpr const char* kName = "sn.csv";
+
+    bool load(const std::string& content) {
+        directory_.write(kName, content);
+        return file_.load(path());
+    }
+    std::wstring path(const std::string& name = kName) const {
+        return text::widen((directory_.path() / name).string());
+    }
+    std::string content() const { return directory_.read(kName); }
+
+    // The number that is handed out next, "-" if there is none. The number stays taken.
+    std::string next() {
+        const SerialNumFile::SnRecord* const record = file_.takeNext();
+        return record != nullptr ? record->sn : "-";
+    }
+
+    TemporaryDirectory directory_;
+    RecordingLog log_;
+    SerialNumFile file_;
+};
+
+}  // namespace
+
+TEST_F(SerialNumFileTest, HandsOutFreeNumbersInTheOrderOfTheFile) {
+    EXPECT_EQ(file_.isLoaded(), 0);
+    EXPECT_EQ(file_.takeNext(), nullptr);
+    ASSERT_TRUE(load("A,0\r\nB,1\r\nC,0\r\n"));
+    EXPECT_EQ(file_.isLoaded(), 1);
+    EXPECT_EQ(next(), "A");
+    EXPECT_EQ(next(), "C");
+    EXPECT_EQ(next(), "-");
+}
+
+TEST_F(SerialNumFileTest, ReleasedNumbersComeAgainLowestFirst) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\nC,0\r\nD,0\r\n"));
+    auto* const a = file_.takeNext();
+    auto* const b = file_.takeNext();
+    auto* const c = file_.takeNext();
+    file_.releaseRecord(c);
+    file_.releaseRecord(a);
+    file_.releaseRecord(a);  // a second time changes nothing
+    file_.releaseRecord(nullptr);
+    EXPECT_EQ(file_.takeNext(), a);
+    EXPECT_EQ(a->taken, 1U);
+    EXPECT_EQ(next(), "C");
+    EXPECT_EQ(next(), "D");
+    EXPECT_EQ(next(), "-");
+    file_.releaseRecord(b);
+    EXPECT_EQ(next(), "B");
+}
+
+TEST_F(SerialNumFileTest, BurnedNumbersNeverComeAgain) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\nC,0\r\n"));
+    auto* const a = file_.takeNext();
+    auto* const b = file_.takeNext();
+    file_.markBurned(a);
+    file_.releaseRecord(a);
+    file_.releaseRecord(b);
+    file_.markBurned(b);  // given back and burned all the same
+    EXPECT_EQ(next(), "C");
+    EXPECT_EQ(next(), "-");
+    EXPECT_EQ(content(), "A,1\r\nB,1\r\nC,0\r\n");
+    EXPECT_THAT(log_.take(hj::kError), IsEmpty());
+}
+
+TEST_F(SerialNumFileTest, MarkChangesOneByte) {
+    const std::string before = "title,row\r\n\r\nA,0\r\nB,1\r\n,0\r\n\x80\xFF,0\r\nZ,0\r\n";
+    ASSERT_TRUE(load(before));
+    for (const char* const number : {"A", "", "\x80\xFF", "Z"}) {
+        auto* const record = file_.takeNext();
+        ASSERT_NE(record, nullptr);
+        EXPECT_EQ(record->sn, number);
+        std::string expected = content();
+        expected[record->offset + record->sn.size() + 1] = '1';
+        file_.markBurned(record);
+        EXPECT_EQ(content(), expected);
+    }
+    EXPECT_EQ(content(), "title,row\r\n\r\nA,1\r\nB,1\r\n,1\r\n\x80\xFF,1\r\nZ,1\r\n");
+    file_.markBurned(nullptr);
+}
+
+TEST_F(SerialNumFileTest, MarkCompletesALastRowWithoutLineEnd) {
+    ASSERT_TRUE(load("A,0\r\nB,0"));
+    auto* const a = file_.takeNext();
+    file_.markBurned(file_.takeNext());
+    EXPECT_EQ(content(), "A,0\r\nB,1\r\n");
+    file_.markBurned(a);
+    EXPECT_EQ(content(), "A,1\r\nB,1\r\n");
+}
+
+TEST_F(SerialNumFileTest, OffsetsCountEmptyLines) {
+    ASSERT_TRUE(load("\r\nABC,0\r\n\r\n\r\nD,0\r\n\r\n"));
+    EXPECT_EQ(file_.takeNext()->offset, 2U);
+    EXPECT_EQ(file_.takeNext()->offset, 2U + 7 + 2 + 2);
+    EXPECT_EQ(next(), "-");
+}
+
+TEST_F(SerialNumFileTest, RowsThatAreNotFreeAreKeptAsTheyStand) {
+    const std::string rows = "A,\r\nB, 0\r\nC,0 \r\nD,00\r\nE,2\r\nF,0\r\r\nG,\"0\"\r\n,\r\n";
+    ASSERT_TRUE(load(rows + " H ,0\r\nI,0\r"));
+    EXPECT_EQ(next(), " H ");
+    EXPECT_EQ(next(), "-");
+}
+
+TEST_F(SerialNumFileTest, RowsMayLieAnywhereInALargeFile) {
+    // Rows of many lengths, so that they fall across the blocks of any reader.
+    std::string rows;
+    std::vector<std::size_t> offsets;
+    for (std::size_t i = 0; rows.size() < 2'000'000; ++i) {
+        offsets.push_back(rows.size());
+        rows += std::string(i % 97, 's') + std::to_string(i) + ",0\r\n";
+    }
+    const std::string longNumber(700'000, 'L');
+    offsets.push_back(rows.size());
+    rows += longNumber + ",0\r\nlast,0\r\n";
+    ASSERT_TRUE(load(rows));
+    for (std::size_t i = 0; i < offsets.size(); ++i) {
+        const auto* const record = file_.takeNext();
+        ASSERT_NE(record, nullptr);
+        ASSERT_EQ(record->offset, offsets[i]);
+        ASSERT_EQ(rows.compare(offsets[i], record->sn.size() + 4, record->sn + ",0\r\n"), 0);
+    }
+    EXPECT_EQ(next(), "last");
+}
+
+TEST_F(SerialNumFileTest, EmptyFileIsLoadedAndUsedUp) {
+    EXPECT_TRUE(load(""));
+    EXPECT_EQ(file_.isLoaded(), 1);
+    EXPECT_EQ(next(), "-");
+}
+
+TEST_F(SerialNumFileTest, BadLineLeavesNothingLoaded) {
+    for (const char* const bad : {"A,0\r\nB\r\n", "A,0\r\nB,0,\r\n", "A,0\nB,0\n", "A,0\r\nB,0\n",
+                                  "A,0\r\n\nB,0\r\n", "\n", "A", "SN\r\nA,0\r\n"}) {
+        SCOPED_TRACE(testing::PrintToString(bad));
+        directory_.write("good.csv", "X,0\r\nY,0\r\n");
+        ASSERT_TRUE(file_.load(path("good.csv")));
+        auto* const held = file_.takeNext();
+        EXPECT_FALSE(load(bad));
+        EXPECT_EQ(file_.isLoaded(), 0);
+        EXPECT_EQ(next(), "-");
+        EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("sn.csv")));
+
+        // Nothing is marked any more, and whoever holds an old record may still come with it.
+        file_.markBurned(held);
+        file_.releaseRecord(held);
+        EXPECT_EQ(directory_.read("good.csv"), "X,0\r\nY,0\r\n");
+        EXPECT_EQ(content(), bad);
+        EXPECT_EQ(next(), "-");
+    }
+}
+
+TEST_F(SerialNumFileTest, FileThatCannotBeOpenedLeavesTheOldOneInUse) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\nC,0\r\n"));
+    auto* const a = file_.takeNext();
+    fs::create_directory(directory_.path() / "folder.csv");
+    EXPECT_FALSE(file_.load(path("missing.csv")));
+    EXPECT_FALSE(file_.load(path("folder.csv")));
+    EXPECT_FALSE(file_.load(L""));
+    EXPECT_EQ(file_.isLoaded(), 1);
+    file_.markBurned(a);
+    EXPECT_EQ(content(), "A,1\r\nB,0\r\nC,0\r\n");
+    EXPECT_EQ(next(), "B");
+}
+
+TEST_F(SerialNumFileTest, SecondUserIsRefusedUntilTheFirstLetsGo) {
+    ASSERT_TRUE(load("A,0\r\n"));
+    directory_.write("other.csv", "X,0\r\n");
+    SerialNumFile second;
+    ASSERT_TRUE(second.load(path("other.csv")));
+    EXPECT_FALSE(second.load(path()));
+    EXPECT_EQ(second.takeNext()->sn, "X");
+    file_.closeFile();
+    EXPECT_TRUE(second.load(path()));
+    EXPECT_EQ(second.takeNext()->sn, "A");
+}
+
+TEST_F(SerialNumFileTest, LoadsTheSameFileAgain) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\n"));
+    file_.markBurned(file_.takeNext());
+    ASSERT_TRUE(file_.load(path()));
+    auto* const b = file_.takeNext();
+    EXPECT_EQ(b->sn, "B");
+    file_.markBurned(b);
+    EXPECT_EQ(content(), "A,1\r\nB,1\r\n");
+
+    // It is still locked, once.
+    SerialNumFile second;
+    EXPECT_FALSE(second.load(path()));
+    file_.closeFile();
+    EXPECT_TRUE(second.load(path()));
+}
+
+TEST_F(SerialNumFileTest, LoadsAnotherFileUnderTheSamePath) {
+    ASSERT_TRUE(load("A,0\r\n"));
+    directory_.write("new.csv", "N,0\r\n");
+    fs::rename(directory_.path() / "new.csv", directory_.path() / kName);
+    ASSERT_TRUE(file_.load(path()));
+    file_.markBurned(file_.takeNext());
+    EXPECT_EQ(content(), "N,1\r\n");
+}
+
+TEST_F(SerialNumFileTest, RecordHeldAcrossALoadHarmsNoOtherNumber) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\n"));
+    auto* const early = file_.takeNext();
+    auto* const given = file_.takeNext();
+    directory_.write("new.csv", "M,0\r\nN,0\r\n");
+    ASSERT_TRUE(file_.load(path("new.csv")));
+    file_.releaseRecord(given);
+    file_.markBurned(early);
+    EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("SN=A ")));
+    EXPECT_EQ(content(), "A,0\r\nB,0\r\n");
+    EXPECT_EQ(next(), "M");
+    EXPECT_EQ(next(), "N");
+    EXPECT_EQ(next(), "-");
+    EXPECT_EQ(directory_.read("new.csv"), "M,0\r\nN,0\r\n");
+}
+
+TEST_F(SerialNumFileTest, ClosedOrClearedItDoesNothing) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\n"));
+    auto* const a = file_.takeNext();
+    file_.closeFile();
+    file_.markBurned(a);
+    EXPECT_EQ(a->burnFlag, "0");
+    EXPECT_EQ(content(), "A,0\r\nB,0\r\n");
+    file_.clearRecords();
+    EXPECT_EQ(next(), "-");
+    EXPECT_THAT(log_.take(hj::kError), IsEmpty());
+}
+
+// Someone has been at the file since it was loaded: the mark is not written, the log tells the
+// number, and the number is not used any more.
+class SerialNumFileChangedTest : public SerialNumFileTest {
+  protected:
+    static constexpr const char* kOriginal = "A,0\r\nBB,0\r\nC,0";
+
+    void SetUp() override {
+        ASSERT_TRUE(load(kOriginal));
+        a_ = file_.takeNext();
+        bb_ = file_.takeNext();
+        c_ = file_.takeNext();
+    }
+
+    void expectRefused(SerialNumFile::SnRecord* record) {
+        const std::string before = content();
+        file_.markBurned(record);
+        EXPECT_EQ(content(), before);
+        EXPECT_THAT(log_.take(hj::kError), ElementsAre(AllOf(HasSubstr("E/SerialNumFil("),
+                                                             HasSubstr("SN=" + record->sn + " "))));
+        file_.releaseRecord(record);
+        EXPECT_EQ(next(), "-");
+    }
+
+    SerialNumFile::SnRecord* a_ = nullptr;
+    SerialNumFile::SnRecord* bb_ = nullptr;
+    SerialNumFile::SnRecord* c_ = nullptr;
+};
+
+TEST_F(SerialNumFileChangedTest, Replaced) {
+    directory_.write("new.csv", kOriginal);
+    fs::rename(directory_.path() / "new.csv", directory_.path() / kName);
+    expectRefused(a_);
+}
+
+TEST_F(SerialNumFileChangedTest, Moved) {
+    fs::rename(directory_.path() / kName, directory_.path() / "moved.csv");
+    expectRefused(a_);
+    EXPECT_EQ(directory_.read("moved.csv"), kOriginal);
+}
+
+TEST_F(SerialNumFileChangedTest, Edited) {
+    directory_.write(kName, "X,0\r\nBB,1\r\nC,0,");
+    expectRefused(a_);   // another number
+    expectRefused(bb_);  // marked by someone else
+    expectRefused(c_);   // another row end
+}
+
+TEST_F(SerialNumFileChangedTest, Shortened) {
+    directory_.write(kName, "A,0\r\nBB,0");
+    expectRefused(bb_);  // was not the last row
+    expectRefused(c_);
+    file_.markBurned(a_);  // this row is as it was
+    EXPECT_EQ(content(), "A,1\r\nBB,0");
+}
+
+TEST_F(SerialNumFileChangedTest, Extended) {
+    directory_.write(kName, "A,0\r\nBB,0\r\nC,0\r\nD,0\r\n");
+    file_.markBurned(c_);
+    EXPECT_EQ(content(), "A,0\r\nBB,0\r\nC,1\r\nD,0\r\n");
+    EXPECT_THAT(log_.take(hj::kError), IsEmpty());
+}
+
+TEST_F(SerialNumFileTest, SixteenWorkersGetEveryNumberOnce) {
+    constexpr std::size_t kNumbers = 320;
+    std::string rows;
+    for (std::size_t i = 0; i < kNumbers; ++i)
+        rows += "SN" + std::to_string(1000 + i) + ",0\r\n";
+    ASSERT_TRUE(load(rows));
+
+    std::vector<std::vector<std::string>> burned(16);
+    std::vector<std::thread> workers;
+    for (auto& mine : burned)
+        workers.emplace_back([&] {
+            for (int i = 0; auto* const record = file_.takeNext(); ++i) {
+                // Every third burn fails, and its number goes to whoever comes next.
+                if (i % 3 == 1) {
+                    file_.releaseRecord(record);
+                    continue;
+                }
+                mine.push_back(record->sn);
+                file_.markBurned(record);
+            }
+        });
+    for (std::thread& worker : workers)
+        worker.join();
+
+    std::multiset<std::string> all;
+    for (const auto& mine : burned)
+        all.insert(mine.begin(), mine.end());
+    EXPECT_EQ(all.size(), kNumbers);
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), kNumbers);
+    std::string expected = rows;
+    for (std::size_t flag = 0; (flag = expected.find(",0\r", flag)) != std::string::npos;)
+        expected[flag + 1] = '1';
+    EXPECT_EQ(content(), expected);
+}

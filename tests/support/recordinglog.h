@@ -1,0 +1,41 @@
+// Installs itself as the run log's printer and keeps the lines.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "utils/logutil.h"
+
+class RecordingLog final : public hj::LogPrinter {
+  public:
+    RecordingLog() { hj::setLogPrinter(this); }
+    ~RecordingLog() { hj::clearLogPrinter(); }
+    RecordingLog(const RecordingLog&) = delete;
+    RecordingLog& operator=(const RecordingLog&) = delete;
+
+    void print(int level, const std::string& line) override {
+        const std::lock_guard guard(lock_);
+        lines_.emplace_back(level, line);
+    }
+
+    // The lines since the last call, with their levels.
+    std::vector<std::pair<int, std::string>> takeAll() {
+        const std::lock_guard guard(lock_);
+        return std::exchange(lines_, {});
+    }
+
+    // Those of one level; the others are dropped.
+    std::vector<std::string> take(int level) {
+        std::vector<std::string> taken;
+        for (auto& [lineLevel, line] : takeAll())
+            if (lineLevel == level)
+                taken.push_back(std::move(line));
+        return taken;
+    }
+
+  private:
+    std::mutex lock_;
+    std::vector<std::pair<int, std::string>> lines_;
+};

@@ -1,0 +1,160 @@
+#include "utils/fileutil.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "support/temporarydirectory.h"
+
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+class FileUtilTest : public testing::Test {
+  protected:
+    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+};
+
+}  // namespace
+
+TEST(FileUtil, OwnPathsAreConvertedAndTheOperatorsAreNot) {
+    EXPECT_EQ(fileutil::nativePath(L".\\temp_image\\a.bin"), "./temp_image/a.bin");
+    EXPECT_EQ(fileutil::nativePath("log\\run.log"), "log/run.log");
+    EXPECT_EQ(fileutil::nativePath(L"/home/\u4E2D/odd\\name"), "/home/\xE4\xB8\xAD/odd\\name");
+    EXPECT_EQ(fileutil::nativePath(L""), "");
+}
+
+TEST_F(FileUtilTest, FilesAndDirectoriesExist) {
+    directory_.write("file", "");
+    fs::create_directory("folder");
+    EXPECT_TRUE(fileutil::fileExists(L"file"));
+    EXPECT_TRUE(fileutil::fileExists(L".\\folder\\"));
+    EXPECT_FALSE(fileutil::fileExists(L"folder\\file"));
+    EXPECT_FALSE(fileutil::fileExists(L"file\\file"));
+    EXPECT_FALSE(fileutil::fileExists(L""));
+    EXPECT_TRUE(fileutil::isDirectory(L"folder"));
+    EXPECT_FALSE(fileutil::isDirectory(L"file"));
+    EXPECT_FALSE(fileutil::isDirectory(L"missing"));
+}
+
+TEST_F(FileUtilTest, CreatesDirectoriesWithTheirParents) {
+    EXPECT_TRUE(fileutil::createDirectories(L"log\\"));
+    EXPECT_TRUE(fs::is_directory("log"));
+    EXPECT_TRUE(fileutil::createDirectories(L"log\\"));
+    fs::create_directory("one");
+    EXPECT_TRUE(fileutil::createDirectories(L".\\one\\two\\three"));
+    EXPECT_TRUE(fs::is_directory("one/two/three"));
+    const std::wstring absolute = (directory_.path() / "x/y").wstring();
+    EXPECT_TRUE(fileutil::createDirectories(absolute));
+    EXPECT_TRUE(fs::is_directory("x/y"));
+
+    directory_.write("file", "");
+    EXPECT_FALSE(fileutil::createDirectories(L"file\\below"));
+    EXPECT_FALSE(fileutil::createDirectories(L""));
+}
+
+TEST_F(FileUtilTest, RemovesADirectoryWithAllItHolds) {
+    fs::create_directories("temp_image/sub/deeper");
+    fs::create_directory("temp_image/closed");
+    directory_.write("temp_image/a.bin", "a");
+    directory_.write("temp_image/.hidden", "h");
+    directory_.write("temp_image/sub/read-only.bin", "r");
+    directory_.write("temp_image/closed/b.bin", "b");
+    fs::permissions("temp_image/sub/read-only.bin", fs::perms::owner_read);
+    fs::permissions("temp_image/sub", fs::perms::owner_read | fs::perms::owner_exec);
+    fs::permissions("temp_image/closed", fs::perms::none);
+    directory_.write("temp_image_2", "stays");
+    fileutil::removePath(L".\\temp_image\\");
+    EXPECT_FALSE(fs::exists("temp_image"));
+    EXPECT_TRUE(fs::exists("temp_image_2"));
+}
+
+TEST_F(FileUtilTest, RemovesOneFileAndIgnoresWhatIsNotThere) {
+    directory_.write("file", "");
+    directory_.write("other", "");
+    fs::permissions("file", fs::perms::owner_read);
+    fileutil::removePath(L"file");
+    fileutil::removePath(L"missing\\file");
+    fileutil::removePath(L"");
+    EXPECT_FALSE(fs::exists("file"));
+    EXPECT_TRUE(fs::exists("other"));
+}
+
+TEST_F(FileUtilTest, RemovesLinksAndNotWhatTheyPointTo) {
+    fs::create_directories("outside/folder");
+    directory_.write("outside/file", "kept");
+    fs::create_directory("temp_image");
+    fs::create_directory_symlink("../outside", "temp_image/folder-link");
+    fs::create_symlink("../outside/file", "temp_image/file-link");
+    fs::create_symlink("nowhere", "temp_image/dangling");
+    fileutil::removePath(L"temp_image");
+    EXPECT_FALSE(fs::exists("temp_image"));
+
+    fs::create_directory_symlink("outside", "link");
+    fileutil::removePath(L"link\\");
+    EXPECT_EQ(fs::symlink_status("link").type(), fs::file_type::not_found);
+    EXPECT_EQ(directory_.read("outside/file"), "kept");
+    EXPECT_TRUE(fs::exists("outside/folder"));
+}
+
+TEST_F(FileUtilTest, ReadsTextWithLineFeedsUpToTheFirstNul) {
+    directory_.write("text", "a\r\nb\nc\rd\r\r\n\r\n\r");
+    EXPECT_EQ(fileutil::readFile(L".\\text"), "a\nb\nc\rd\r\n\n\r");
+    directory_.write("nul", "a\r\n\0b\r\n"s);
+    EXPECT_EQ(fileutil::readFile(L"nul"), "a\n");
+    directory_.write("empty", "");
+    EXPECT_EQ(fileutil::readFile(L"empty"), "");
+    EXPECT_EQ(fileutil::readFile(L"missing"), "");
+    const std::string large(100'000, 'x');
+    directory_.write("large", large);
+    EXPECT_EQ(fileutil::readFile(L"large"), large);
+}
+
+TEST_F(FileUtilTest, ReadsBytesAsTheyAreOrNotAtAll) {
+    const std::string bytes = "a\r\n\0\xFF"s;
+    directory_.write("bytes", bytes);
+    fs::create_directory("folder");
+    EXPECT_EQ(fileutil::readBytes(L"bytes"), bytes);
+    EXPECT_EQ(fileutil::readBytes(L"missing"), std::nullopt);
+    EXPECT_EQ(fileutil::readBytes(L"folder"), std::nullopt);
+}
+
+TEST_F(FileUtilTest, FindsFilesOneLevelDeep) {
+    fs::create_directories("drivers/vorlan_libusb0.inf_1/amd64");
+    directory_.write("drivers/vorlan_libusb0.inf_1/amd64/libusb0.sys", "");
+    fs::create_directories("drivers/other/deeper/amd64");
+    directory_.write("drivers/other/deeper/amd64/libusb0.sys", "");
+    fs::create_directories("drivers/amd64");
+    directory_.write("drivers/amd64/file", "");
+    directory_.write("drivers/vorlan_file", "");
+
+    const auto found = [](const wchar_t* prefix, const wchar_t* file) {
+        EXPECT_EQ(fileutil::findInSubdirs(L"drivers", prefix, file),
+                  fileutil::findInSubdirs(L".\\drivers\\", prefix, file));
+        return fileutil::findInSubdirs(L"drivers\\", prefix, file);
+    };
+    EXPECT_TRUE(found(L"vorlan_libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_TRUE(found(L"", L"\\amd64"));
+    EXPECT_FALSE(found(L"Vorlan_libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_FALSE(found(L"libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_FALSE(found(L"vorlan_libusb0", L"\\x86\\libusb0.sys"));
+    EXPECT_FALSE(found(L"other", L"\\amd64\\libusb0.sys")) << "a level too deep";
+    EXPECT_FALSE(found(L"drivers", L"\\amd64\\file")) << "the parent itself";
+    EXPECT_FALSE(found(L"vorlan_libusb0", L"amd64\\libusb0.sys")) << "no separator is added";
+    EXPECT_FALSE(fileutil::findInSubdirs(L"missing", L"", L"\\amd64"));
+}
+
+TEST_F(FileUtilTest, TraceSaysWhyAFileCannotBeRead) {
+    directory_.write("file", "");
+    fs::create_directory("folder");
+    const auto traceOf = [](const wchar_t* path, bool readable) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(fileutil::isFileReadable(path), readable);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(traceOf(L"file", true), "");
+    EXPECT_TRUE(traceOf(L"missing", false).ends_with("error=No such file or directory\n"));
+    EXPECT_TRUE(traceOf(L"folder", false).ends_with("error=Is a directory\n"));
+}

@@ -1,0 +1,150 @@
+#include "utils/logutil.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/process.h"
+#include "support/recordinglog.h"
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace {
+
+[[gnu::format(printf, 4, 5)]] std::string format(int level, const char* tag, int line,
+                                                 const char* text, ...) {
+    std::va_list arguments;
+    va_start(arguments, text);
+    const std::string result = hj::formatLogLine(level, tag, line, text, arguments);
+    va_end(arguments);
+    return result;
+}
+
+std::string hex8(std::uint32_t value) {
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", value);
+    return text;
+}
+
+// Where the level letter begins: behind the bracketed time and the two bracketed ids.
+constexpr std::size_t kLevelColumn = 54;
+
+}  // namespace
+
+TEST(LogLine, HasAHeaderOf80ColumnsAndTheMessageBehindTheColon) {
+    const std::string line = format(hj::kError, "SerialAvatar", 92, "port %s, code=%d", "x", -3);
+    const std::regex shape(
+        R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d{3}\] \[P0x[0-9a-f]{8}\] \[T0x[0-9a-f]{8}\] )"
+        R"(E/SerialAvatar\(line 92\) +:port x, code=-3)");
+    EXPECT_TRUE(std::regex_match(line, shape)) << line;
+    EXPECT_EQ(line.substr(80), " :port x, code=-3");
+    EXPECT_EQ(line.substr(kLevelColumn, 23), "E/SerialAvatar(line 92)");
+    EXPECT_THAT(line, HasSubstr("[P0x" + hex8(platform::processId()) + "] [T0x" +
+                                hex8(platform::threadId()) + "]"));
+}
+
+TEST(LogLine, NamesTheThreadThatCalls) {
+    std::string other;
+    std::string otherId;
+    std::thread([&] {
+        other = format(hj::kInfo, "t", 1, "m");
+        otherId = hex8(platform::threadId());
+    }).join();
+    EXPECT_NE(otherId, hex8(platform::threadId()));
+    EXPECT_THAT(other, HasSubstr("[T0x" + otherId + "]"));
+}
+
+// The log's readers know the second before the minute.
+TEST(LogLine, TellsTheLocalTimeWithTheSecondBeforeTheMinute) {
+    const auto before = std::chrono::system_clock::now();
+    const std::string line = format(hj::kInfo, "t", 1, "m");
+    const auto after = std::chrono::system_clock::now();
+    const std::string told = line.substr(1, 19);
+    // The clock may have moved on between the readings.
+    std::vector<std::string> possible;
+    for (auto second = std::chrono::floor<std::chrono::seconds>(before); second <= after;
+         second += std::chrono::seconds(1)) {
+        const std::time_t time = std::chrono::system_clock::to_time_t(second);
+        std::tm local{};
+        ASSERT_NE(localtime_r(&time, &local), nullptr);
+        char text[64];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", 1900 + local.tm_year,
+                      1 + local.tm_mon, local.tm_mday, local.tm_hour, local.tm_sec, local.tm_min);
+        possible.emplace_back(text);
+    }
+    EXPECT_THAT(possible, testing::Contains(told));
+}
+
+TEST(LogLine, CutsTheTagAndTheMessage) {
+    EXPECT_THAT(format(hj::kWarning, "vorlan_device", 7, "m"),
+                HasSubstr("] W/vorlan_devic(line 7) "));
+    const std::string most(10'239, 'm');
+    EXPECT_EQ(format(hj::kInfo, "t", 1, "%s", most.c_str()).substr(82), most);
+    EXPECT_EQ(format(hj::kInfo, "t", 1, "%sX", most.c_str()).substr(82), most);
+}
+
+TEST(LogLine, LongHeaderMovesTheMessageOn) {
+    const std::string line = format(hj::kDebug, "SerialAvatar", 2'147'483'647, "m");
+    EXPECT_THAT(line, EndsWith("D/SerialAvatar(line 2147483647) :m"));
+    EXPECT_GT(line.size(), 83U);
+}
+
+TEST(LogLine, UnknownLevelHasNoLetter) {
+    EXPECT_THAT(format(4, "tag", 1, "m").substr(kLevelColumn), StartsWith("/tag(line 1)"));
+}
+
+TEST(Log, EachOperationHasItsLevelAndDRanksAboveI) {
+    RecordingLog log;
+    const auto logAll = [] {
+        hj::logI("tag", 1, "%d", 10);
+        hj::logD("tag", 2, "%d", 20);
+        hj::logW("tag", 3, "%d", 30);
+        hj::logE("tag", 4, "%d", 40);
+    };
+    const auto lettersOfLevels = [&] {
+        std::string letters;
+        for (const auto& [level, line] : log.takeAll())
+            letters += std::to_string(level) + line.at(kLevelColumn);
+        return letters;
+    };
+    logAll();
+    EXPECT_EQ(lettersOfLevels(), "0I1D2W3E");
+    hj::setLogLevel(hj::kDebug);
+    logAll();
+    EXPECT_EQ(lettersOfLevels(), "1D2W3E");
+    hj::setLogLevel(4);
+    logAll();
+    EXPECT_EQ(lettersOfLevels(), "");
+    hj::setLogLevel(0);
+}
+
+TEST(Log, MacrosBringTagAndSourceLine) {
+    constexpr const char* LOG_TAG = "ThisModule";
+    RecordingLog log;
+    LOG_W("text");
+    const std::string here = std::to_string(__LINE__ - 1);
+    EXPECT_THAT(log.take(hj::kWarning), ElementsAre(HasSubstr("W/ThisModule(line " + here + ")")));
+}
+
+TEST(Log, WithoutAPrinterLinesGoToTheTrace) {
+    hj::clearLogPrinter();
+    testing::internal::CaptureStderr();
+    hj::logE("tag", 5, "in the trace");
+    const std::string trace = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(
+        trace, std::regex(R"([^\n]*atlTraceGeneral - \[[^\n]*E/tag\(line 5\) +:in the trace\n)")))
+        << trace;
+}
