@@ -82,8 +82,9 @@ UsbBurner::Response UsbBurner::getResult(Clock::time_point now, bool carryOut, b
         case State::Running:
             if (now < resultAt_)
                 return {kOngoing, running_.code};
-            if (carryOut)
-                outcome_ = finish();
+            if (!carryOut)
+                return {kSuccess, running_.code};
+            outcome_ = finish();
             return outcome_;
         case State::Finished:
         case State::Failed:

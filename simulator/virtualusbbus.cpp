@@ -8,6 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -65,6 +66,7 @@ bool isOut(std::uint8_t endpoint) {
 struct MonitorObject {
     DevicePattern pattern;
     libusbk::HotPlugCallback callback;
+    std::set<std::int32_t> reported;  // addresses of devices whose arrival it has been told
     bool live = true;
 };
 
@@ -185,14 +187,17 @@ class VirtualUsbBus::Core {
     };
 
     // Records a breach by the host; the operation fails.
-    bool misuse(const char* operation, const char* text);
+    bool misuse(const char* operation, const char* text,
+                std::uint32_t code = libusbk::kInvalidParameter);
     // Whether the operation is told to fail now; sets the last error then.
     bool isToFail(UsbOperation operation);
     HandleObject* openHandle(libusbk::UsbHandle* handle, const char* operation);
     SlotObject* takenSlot(libusbk::OverlappedSlot* slot, const char* operation);
     // Takes the device off the bus, once, and has its removal reported.
     void remove(const UsbConnection* connection);
-    void report(const DeviceEntry& entry, std::int32_t kind);  // with lock_ held
+    // These two are called with lock_ held.
+    void report(const DeviceEntry& entry, std::int32_t kind);
+    void report(MonitorObject& monitor, const DeviceEntry& entry, std::int32_t kind);
     void runEvents();
 
     mutable std::mutex lock_;  // guards all below but the atomic members; never held in a transfer
@@ -290,8 +295,18 @@ void VirtualUsbBus::Core::remove(const UsbConnection* connection) {
 void VirtualUsbBus::Core::report(const DeviceEntry& entry, std::int32_t kind) {
     for (MonitorObject& monitor : monitors_) {
         if (monitor.live && matches(entry, monitor.pattern))
-            events_.push_back({&monitor, entry, kind});
+            report(monitor, entry, kind);
     }
+}
+
+void VirtualUsbBus::Core::report(MonitorObject& monitor, const DeviceEntry& entry,
+                                 std::int32_t kind) {
+    // A removal is told only to those who were told the arrival.
+    if (kind == libusbk::kArrival)
+        monitor.reported.insert(entry.deviceAddress);
+    else if (monitor.reported.erase(entry.deviceAddress) == 0)
+        return;
+    events_.push_back({&monitor, entry, kind});
     eventsChanged_.notify_all();
 }
 
@@ -340,9 +355,9 @@ std::size_t VirtualUsbBus::Core::openHandles() const {
         handles_, [](const HandleObject& handle) { return handle.live.load(); }));
 }
 
-bool VirtualUsbBus::Core::misuse(const char* operation, const char* text) {
+bool VirtualUsbBus::Core::misuse(const char* operation, const char* text, std::uint32_t code) {
     errors_.add(std::string(operation) + ": " + text);
-    return failWith(libusbk::kInvalidParameter);
+    return failWith(code);
 }
 
 HandleObject* VirtualUsbBus::Core::openHandle(libusbk::UsbHandle* handle, const char* operation) {
@@ -402,9 +417,8 @@ bool VirtualUsbBus::Core::initMonitor(libusbk::Monitor** monitor,
         for (const Plugged& plugged : plugged_) {
             const DeviceEntry& entry = plugged.connection->entry();
             if (matches(entry, object.pattern))
-                events_.push_back({&object, entry, libusbk::kArrival});
+                report(object, entry, libusbk::kArrival);
         }
-        eventsChanged_.notify_all();
     }
     return true;
 }
@@ -490,7 +504,6 @@ bool VirtualUsbBus::Core::close(libusbk::UsbHandle* handle) {
         return false;
     if (object->connection->abandonAll(object->opening))
         misuse("UsbK_Free", "a transfer is under way");
-    const std::lock_guard guard(lock_);
     object->live = false;
     return true;
 }
@@ -550,8 +563,11 @@ bool VirtualUsbBus::Core::transfer(libusbk::UsbHandle* handle, const UsbRequest&
         case UsbTransferSlot::State::Ready:
             return misuse(name, "the slot was not made ready again");
         case UsbTransferSlot::State::UnderWay:
-            if (slot != nullptr)
+            if (slot != nullptr) {
+                if (transferred != nullptr)
+                    *transferred = 0;
                 return failWith(libusbk::kIoPending);
+            }
             connection.wait(own, kLimitWithoutSlot);
             if (own.code == libusbk::kCancelled)
                 own.code = libusbk::kSemaphoreTimeout;
@@ -650,7 +666,7 @@ bool VirtualUsbBus::Core::reuse(libusbk::OverlappedSlot* slot) {
     if (object == nullptr)
         return false;
     if (!object->pool->handle->connection->reuse(object->transfer))
-        return misuse("OvlK_ReUse", "a transfer is under way");
+        return misuse("OvlK_ReUse", "a transfer is under way", libusbk::kBusy);
     return true;
 }
 

@@ -68,6 +68,7 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
     const auto size = static_cast<std::uint32_t>(bytes.size());
     if (size > bytesUntilUnplugged()) {
         const auto moved = static_cast<std::uint32_t>(bytesUntilUnplugged());
+        traffic_ += moved;
         leave();
         return {.state = TransferOutcome::State::Refused, .moved = moved, .left = true};
     }
@@ -75,10 +76,11 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
         transfers_.push_back({endpoint, {bytes.begin(), bytes.end()}});
 
     TransferOutcome outcome{.state = TransferOutcome::State::Ended, .moved = size};
-    // A host that has opened the device anew cannot know that its burner runs already.
-    const bool strayDownload = std::exchange(fresh_, false) && stage_ == UsbStage::Burner &&
-                               endpoint == kDataOut && bytes.size() == 24 && bytes[1] == kMemBegin;
-    if (!strayDownload) {
+    // A host that has opened the device anew cannot know that its burner runs already, and may go
+    // on asking for a download.
+    fresh_ = fresh_ && stage_ == UsbStage::Burner && endpoint == kDataOut && bytes.size() == 24 &&
+             bytes[1] == kMemBegin;
+    if (!fresh_) {
         outcome.needsClaim = stage_ == UsbStage::Burner;
         const Fault& fault = strike(pointOf(endpoint, bytes));
         if (fault.kind >= Fault::Kind::Stall && fault.kind <= Fault::Kind::Unplug)
@@ -115,7 +117,7 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
     const std::lock_guard guard(lock_);
     TransferOutcome outcome{.state = TransferOutcome::State::Refused, .moved = moved};
     advance(now);
-    outcome.needsClaim = stage_ == UsbStage::Burner;
+    outcome.needsClaim = stage_ == UsbStage::Burner && !fresh_;
     Exchange& exchange = endpoint == kDataIn ? data_ : commands_;
     AnswerQueue& answers = exchange.answers;
     while (!left_) {

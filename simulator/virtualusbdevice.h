@@ -124,8 +124,8 @@ class VirtualUsbDevice {
     UsbRomLoader rom_;
     UsbBurner burner_;
     UsbStage stage_ = UsbStage::RomLoader;
-    bool left_ = true;  // no power
-    bool fresh_ = false;
+    bool left_ = true;    // no power
+    bool fresh_ = false;  // opened anew, and nothing but attempts to download came since
     // Whether it is still sure which answer the host takes for which message: an answer that is
     // late, or noise before it, can end that.
     bool inStep_ = true;

@@ -1,5 +1,5 @@
-// A host of bare wire bytes for the tests of the virtual USB devices: it calls the table directly and
-// knows nothing of what the product makes of it.
+// A host of bare wire bytes for the tests of the virtual USB devices: it calls the table directly
+// and knows nothing of what the product makes of it.
 #pragma once
 
 #include <gmock/gmock.h>

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <ostream>
 #include <thread>
 
 #include "agentbench.h"
@@ -119,6 +120,10 @@ struct FaultCase {
     bool succeeds;
     const char* logged;  // part of a line of the run log, empty if none matters
 };
+
+void PrintTo(const FaultCase& test, std::ostream* out) {
+    *out << test.name;
+}
 
 class BurnAgentFaults : public AgentBench, public testing::WithParamInterface<FaultCase> {};
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include "adminbench.h"
 
 using namespace std::chrono_literals;
@@ -54,6 +56,10 @@ struct RomFaultCase {
     FaultRule rule;
     const char* reported;  // empty: the download succeeds
 };
+
+void PrintTo(const RomFaultCase& test, std::ostream* out) {
+    *out << test.name;
+}
 
 class FwDownloadFaults : public AdminBench, public testing::WithParamInterface<RomFaultCase> {};
 
