@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::size_t kBlockSize = 256 * 1024;  // bytes; smaller ones cost speed
+constexpr std::size_t kBlockSize = 1 << 18;  // bytes; smaller ones cost speed
 
 constexpr uLong kEncrypted = 0x0001;    // general purpose flag
 constexpr uLong kDosReadOnly = 0x0001;  // external attributes
