@@ -85,7 +85,7 @@ void unpackLargePackage(benchmark::State& state) {
     for (const char* name : {"flashboot.bin", "respak.bin"}) {
         sound = sound && contentOf(fs::path("ours") / name) == contentOf(fs::path("theirs") / name);
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * 4 * kImageSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(4 * kImageSize));
     state.counters["ours_ms"] = 1000 * median(ours);
     state.counters["unzip_ms"] = 1000 * median(theirs);
     state.counters["packed_MiB"] = static_cast<double>(fs::file_size("package.vrk")) / (1 << 20);

@@ -130,8 +130,6 @@ bool PackageArchive::readEntry(std::int64_t index, PackageEntry& entry) {
     if (name.size() > kNameLimit)
         TRACE("name of entry %lld refused: %zu characters\n", static_cast<long long>(index),
               name.size());
-    else if (name.find(L'\0') != std::wstring::npos)
-        TRACE("name of entry %lld refused: NUL in it\n", static_cast<long long>(index));
     else
         entry.name = entryname::makeSafe(name);
     return true;
