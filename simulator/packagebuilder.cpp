@@ -3,8 +3,6 @@
 #include <zip.h>
 #include <zlib.h>
 
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -59,25 +57,27 @@ void addTo(zipFile archive, const PackageFile& file) {
     zip_fileinfo info{};
     info.dosDate = file.dosDate != 0 ? file.dosDate : kDefaultDate;
     info.external_fa = (static_cast<uLong>(file.unixMode) << 16) | (file.readOnly ? 1U : 0U);
-    const uLong crc = crc32(0, bytesOf(file.content), static_cast<uInt>(file.content.size()));
-    // The library packs only what it also encrypts; else it is done here, so that size and checksum
-    // can be told freely.
-    const bool raw = !file.encrypted;
+    const auto crc = static_cast<std::uint32_t>(
+        crc32(0, bytesOf(file.content), static_cast<uInt>(file.content.size())));
+    // The library is handed finished data, so that size and checksum can be told freely.
     const std::uint64_t size = file.declaredSize.value_or(file.content.size());
-    const std::string data = raw && !file.stored ? pack(file.content) : file.content;
-    require(zipOpenNewFileInZip3_64(archive, nameForLibrary(file.name).c_str(), &info, nullptr, 0,
+    const std::string data = file.stored ? file.content : pack(file.content);
+    require(zipOpenNewFileInZip2_64(archive, nameForLibrary(file.name).c_str(), &info, nullptr, 0,
                                     nullptr, 0, nullptr, file.stored ? 0 : Z_DEFLATED,
-                                    Z_DEFAULT_COMPRESSION, raw ? 1 : 0, -MAX_WBITS, DEF_MEM_LEVEL,
-                                    Z_DEFAULT_STRATEGY, file.encrypted ? "secret" : nullptr, crc,
+                                    Z_DEFAULT_COMPRESSION, 1,
                                     size >= kFourGigabytes ? 1 : 0) == ZIP_OK);
     require(zipWriteInFileInZip(archive, data.data(), static_cast<unsigned>(data.size())) ==
             ZIP_OK);
-    require((raw ? zipCloseFileInZipRaw64(archive, size,
-                                          file.declaredCrc.value_or(static_cast<uint32_t>(crc)))
-                 : zipCloseFileInZip(archive)) == ZIP_OK);
+    require(zipCloseFileInZipRaw64(archive, size, file.declaredCrc.value_or(crc)) == ZIP_OK);
 }
 
-// Calls change(header, offset of the name) for the headers of one kind, one after the other.
+void putLittleEndian(std::string& bytes, std::size_t at, std::uint16_t value) {
+    bytes.at(at) = static_cast<char>(value & 0xFF);
+    bytes.at(at + 1) = static_cast<char>(value >> 8);
+}
+
+// Calls change(index, offset of the header, offset of its name) for the headers of one kind, one
+// after the other.
 template <typename Change>
 void forEachHeader(std::string& bytes, std::string_view signature, std::size_t nameOffset,
                    std::size_t count, Change change) {
@@ -113,26 +113,21 @@ void PackageBuilder::write(const std::filesystem::path& path) const {
     }
     require(zipClose(archive, nullptr) == ZIP_OK);
 
-    bool patched = false;
-    for (const PackageFile& file : files_)
-        patched |= file.declaredMethod.has_value() || file.name.find('\0') != std::string::npos;
-    if (!patched)
-        return;
     std::ifstream in(path, std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(in), {}};
     in.close();
-    const auto patch = [&](std::size_t methodOffset) {
-        return [&, methodOffset](std::size_t i, std::size_t header, std::size_t name) {
+    const auto patch = [&](std::size_t flagsOffset) {
+        return [&, flagsOffset](std::size_t i, std::size_t header, std::size_t name) {
             const PackageFile& file = files_[i];
             bytes.replace(name, file.name.size(), file.name);
-            if (file.declaredMethod) {
-                bytes[header + methodOffset] = static_cast<char>(*file.declaredMethod & 0xFF);
-                bytes[header + methodOffset + 1] = static_cast<char>(*file.declaredMethod >> 8);
-            }
+            if (file.declaredFlags)
+                putLittleEndian(bytes, header + flagsOffset, *file.declaredFlags);
+            if (file.declaredMethod)
+                putLittleEndian(bytes, header + flagsOffset + 2, *file.declaredMethod);
         };
     };
-    forEachHeader(bytes, kLocalHeader, 30, files_.size(), patch(8));
-    forEachHeader(bytes, kCentralHeader, 46, files_.size(), patch(10));
+    forEachHeader(bytes, kLocalHeader, 30, files_.size(), patch(6));
+    forEachHeader(bytes, kCentralHeader, 46, files_.size(), patch(8));
     std::ofstream(path, std::ios::binary) << bytes;
 }
 

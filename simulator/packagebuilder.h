@@ -15,7 +15,6 @@ struct PackageFile {
     std::string content = {};
     bool stored = false;  // not deflated
     bool readOnly = false;
-    bool encrypted = false;
     std::uint32_t unixMode = 0;  // as in st_mode; 0: none stored
     std::uint32_t dosDate = 0;   // date in the upper 16 bits, time in the lower; 0: 2024-05-06
 
@@ -23,6 +22,7 @@ struct PackageFile {
     std::optional<std::uint64_t> declaredSize = {};
     std::optional<std::uint32_t> declaredCrc = {};
     std::optional<std::uint16_t> declaredMethod = {};
+    std::optional<std::uint16_t> declaredFlags = {};
 };
 
 class PackageBuilder {

@@ -16,7 +16,7 @@
 namespace {
 
 // A parsed document takes many times the memory of its text.
-constexpr std::uintmax_t kSizeLimit = 1024 * 1024;  // bytes
+constexpr std::uintmax_t kSizeLimit = 1 << 20;  // bytes
 
 struct JsonDeleter {
     void operator()(cJSON* json) const { cJSON_Delete(json); }

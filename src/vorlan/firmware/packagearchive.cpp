@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::size_t kBlockSize = 256 * 1024;  // bytes; smaller ones cost speed
+constexpr std::size_t kBlockSize = 1 << 18;  // bytes; smaller ones cost speed
 
 constexpr uLong kEncrypted = 0x0001;    // general purpose flag
 constexpr uLong kDosReadOnly = 0x0001;  // external attributes
@@ -130,8 +130,6 @@ bool PackageArchive::readEntry(std::int64_t index, PackageEntry& entry) {
     if (name.size() > kNameLimit)
         TRACE("name of entry %lld refused: %zu characters\n", static_cast<long long>(index),
               name.size());
-    else if (name.find(L'\0') != std::wstring::npos)
-        TRACE("name of entry %lld refused: NUL in it\n", static_cast<long long>(index));
     else
         entry.name = entryname::makeSafe(name);
     return true;

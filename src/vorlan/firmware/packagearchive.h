@@ -10,7 +10,7 @@
 
 struct PackageEntry {
     std::int64_t index = 0;
-    std::wstring name;       // made safe; empty for an entry whose name is refused
+    std::wstring name;       // made safe; empty if it is over-long
     std::uint64_t size = 0;  // unpacked, in bytes, as the archive declares it
 };
 
