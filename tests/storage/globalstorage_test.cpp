@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -97,6 +99,7 @@ TEST_F(GlobalStorageTest, CountsTheBurnsOfAllWorkers) {
     constexpr std::uint32_t kBurns = 500;
     std::vector<std::uint32_t> seen(kWorkers * kBurns + 1, 0);
     std::vector<std::thread> workers;
+    workers.reserve(kWorkers);
     for (int i = 0; i < kWorkers; ++i)
         workers.emplace_back([&] {
             for (std::uint32_t burn = 0; burn < kBurns; ++burn)
