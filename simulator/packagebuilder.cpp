@@ -3,6 +3,8 @@
 #include <zip.h>
 #include <zlib.h>
 
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
