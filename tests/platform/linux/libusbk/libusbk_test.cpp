@@ -325,6 +325,16 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     device->send(kIn, {});
     EXPECT_EQ(opened.read(512), Bytes());
 
+    // What completes in the moment of the cancellation has completed, and else its count is exact.
+    device->sendOnCancel(kIn, pattern(6));
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 6U);
+    device->sendOnCancel(kIn, pattern(512));
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 512U);
+
     Bytes received;
     device->setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
         EXPECT_EQ(endpoint, kOut);

@@ -112,8 +112,7 @@ MockUsbBus::MockUsbBus() : testbed_(umockdev_testbed_new()) {
 MockUsbBus::~MockUsbBus() {
     for (const auto& device : devices_)
         umockdev_testbed_detach_ioctl(testbed_, nodeName(device->address()).c_str(), nullptr);
-    devices_.clear();
-    g_object_unref(testbed_);
+    g_object_unref(testbed_);  // ends the thread that the devices' handlers run on
 }
 
 MockUsbDevice& MockUsbBus::plugIn(const std::string& port,
