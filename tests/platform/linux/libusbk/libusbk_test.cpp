@@ -264,10 +264,20 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     EXPECT_EQ(all[2].address, first.address());
     EXPECT_EQ(all[4].address, again.address());
 
+    // A lost removal is made up for when the port has a new device.
+    bus.unplug(again, true);
+    MockUsbDevice& replacement = bus.plugIn("2.4");
+    const auto more = reports.await(7);
+    ASSERT_EQ(more.size(), 7U);
+    EXPECT_EQ(more[5].kind, libusbk::kRemoval);
+    EXPECT_EQ(more[5].address, again.address());
+    EXPECT_EQ(more[6].kind, libusbk::kArrival);
+    EXPECT_EQ(more[6].address, replacement.address());
+
     // A list agrees with the reports, and an entry of a device that has left opens nothing.
     EXPECT_TRUE(list(portEleven).empty());
     ASSERT_EQ(list(portFour).size(), 1U);
-    EXPECT_EQ(list(portFour)[0].deviceAddress, again.address());
+    EXPECT_EQ(list(portFour)[0].deviceAddress, replacement.address());
     libusbk::UsbHandle* handle = nullptr;
     EXPECT_FALSE(usb().UsbK_Init(&handle, &all[0].entry));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);

@@ -133,10 +133,11 @@ MockUsbDevice& MockUsbBus::plugIn(const std::string& port,
     return device;
 }
 
-void MockUsbBus::unplug(MockUsbDevice& device) {
+void MockUsbBus::unplug(MockUsbDevice& device, bool loseEvent) {
     device.unplug();
     const std::string path = "/sys" + sysfsPath(device.sysfsName());
-    umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
+    if (!loseEvent)
+        umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
     umockdev_testbed_remove_device(testbed_, path.c_str());
 }
 
