@@ -532,8 +532,14 @@ TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     std::latch gate(1);
     libusbk::Monitor* const monitor =
         reports.watch(libusbk::kReportConnected, [&](const Reports::Report& report) {
-            if (report.kind == libusbk::kRemoval)
+            if (report.kind == libusbk::kArrival) {
+                // As the engine does: on the library's own thread.
+                libusbk::UsbHandle* handle = nullptr;
+                EXPECT_TRUE(usb().UsbK_Init(&handle, &report.entry));
+                EXPECT_TRUE(usb().UsbK_Free(handle));
+            } else {
                 gate.wait();
+            }
         });
     MockUsbDevice& seventeenth = bus.plugIn("1");
     std::vector<MockUsbDevice*> devices;
