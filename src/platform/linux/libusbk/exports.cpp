@@ -1,10 +1,8 @@
 // The operations of platform/libusbk.h: each checks what it is given and hands it to its object.
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
-#include <system_error>
 #include <vector>
 
 #include "platform/libusbk.h"

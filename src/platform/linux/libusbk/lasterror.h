@@ -15,7 +15,7 @@ bool fail(ErrorCode code);
 
 // For a negative result of a libusb call.
 ErrorCode codeOfResult(int result);
-// For a transfer that ended other than well or by being cancelled.
+// For a transfer that neither completed nor was cancelled.
 ErrorCode codeOfStatus(libusb_transfer_status status);
 
 }  // namespace libusbk

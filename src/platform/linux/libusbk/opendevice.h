@@ -3,7 +3,6 @@
 
 #include <libusb.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -50,11 +49,11 @@ class OpenDevice {
 
     const std::string name_;
     KernelDrivers& kernelDrivers_;
+    libusb_device_handle* handle_;  // null once it is closed
 
     std::mutex mutex_;
     std::condition_variable changed_;  // a transfer has ended, or the interruption has come
     // Guarded by mutex_:
-    libusb_device_handle* handle_;
     std::uint32_t claimed_ = 0;  // one bit for each interface number
     bool interrupted_ = false;
     std::vector<Transfer*> running_;

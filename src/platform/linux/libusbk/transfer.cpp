@@ -1,6 +1,5 @@
 #include "platform/linux/libusbk/transfer.h"
 
-#include <algorithm>
 #include <array>
 #include <limits>
 #include <new>

@@ -264,10 +264,20 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     EXPECT_EQ(all[2].address, first.address());
     EXPECT_EQ(all[4].address, again.address());
 
+    // A lost removal is made up for when the port has a new device.
+    bus.unplug(again, true);
+    MockUsbDevice& replacement = bus.plugIn("2.4");
+    const auto more = reports.await(7);
+    ASSERT_EQ(more.size(), 7U);
+    EXPECT_EQ(more[5].kind, libusbk::kRemoval);
+    EXPECT_EQ(more[5].address, again.address());
+    EXPECT_EQ(more[6].kind, libusbk::kArrival);
+    EXPECT_EQ(more[6].address, replacement.address());
+
     // A list agrees with the reports, and an entry of a device that has left opens nothing.
     EXPECT_TRUE(list(portEleven).empty());
     ASSERT_EQ(list(portFour).size(), 1U);
-    EXPECT_EQ(list(portFour)[0].deviceAddress, again.address());
+    EXPECT_EQ(list(portFour)[0].deviceAddress, replacement.address());
     libusbk::UsbHandle* handle = nullptr;
     EXPECT_FALSE(usb().UsbK_Init(&handle, &all[0].entry));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
@@ -324,6 +334,16 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     EXPECT_EQ(opened.read(512), pattern(10, 7));
     device->send(kIn, {});
     EXPECT_EQ(opened.read(512), Bytes());
+
+    // What completes in the moment of the cancellation has completed, and else its count is exact.
+    device->sendOnCancel(kIn, pattern(6));
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 6U);
+    device->sendOnCancel(kIn, pattern(512));
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 512U);
 
     Bytes received;
     device->setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
@@ -512,8 +532,14 @@ TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     std::latch gate(1);
     libusbk::Monitor* const monitor =
         reports.watch(libusbk::kReportConnected, [&](const Reports::Report& report) {
-            if (report.kind == libusbk::kRemoval)
+            if (report.kind == libusbk::kArrival) {
+                // As the engine does: on the library's own thread.
+                libusbk::UsbHandle* handle = nullptr;
+                EXPECT_TRUE(usb().UsbK_Init(&handle, &report.entry));
+                EXPECT_TRUE(usb().UsbK_Free(handle));
+            } else {
                 gate.wait();
+            }
         });
     MockUsbDevice& seventeenth = bus.plugIn("1");
     std::vector<MockUsbDevice*> devices;

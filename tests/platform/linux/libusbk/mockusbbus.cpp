@@ -112,8 +112,7 @@ MockUsbBus::MockUsbBus() : testbed_(umockdev_testbed_new()) {
 MockUsbBus::~MockUsbBus() {
     for (const auto& device : devices_)
         umockdev_testbed_detach_ioctl(testbed_, nodeName(device->address()).c_str(), nullptr);
-    devices_.clear();
-    g_object_unref(testbed_);
+    g_object_unref(testbed_);  // ends the thread that the devices' handlers run on
 }
 
 MockUsbDevice& MockUsbBus::plugIn(const std::string& port,
@@ -134,10 +133,11 @@ MockUsbDevice& MockUsbBus::plugIn(const std::string& port,
     return device;
 }
 
-void MockUsbBus::unplug(MockUsbDevice& device) {
+void MockUsbBus::unplug(MockUsbDevice& device, bool loseEvent) {
     device.unplug();
     const std::string path = "/sys" + sysfsPath(device.sysfsName());
-    umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
+    if (!loseEvent)
+        umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
     umockdev_testbed_remove_device(testbed_, path.c_str());
 }
 

@@ -23,8 +23,8 @@ class MockUsbBus {
     MockUsbDevice& plugIn(const std::string& port,
                           const std::function<void(MockUsbDevice&)>& prepare = nullptr,
                           std::uint16_t vendorId = 0x1234, std::uint16_t productId = 0x5678);
-    // What is under way fails, and the host is told.
-    void unplug(MockUsbDevice& device);
+    // What is under way fails, and the host is told, unless its event is to be lost.
+    void unplug(MockUsbDevice& device, bool loseEvent = false);
 
   private:
     void addHub(const std::string& path, int address);

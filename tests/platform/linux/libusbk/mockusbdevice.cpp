@@ -92,16 +92,13 @@ void MockUsbDevice::setReceiver(Receiver receiver) {
 
 void MockUsbDevice::send(std::uint8_t endpoint, const Bytes& bytes) {
     const std::lock_guard guard(mutex_);
-    std::deque<Bytes>& queue = packets_[endpoint];
-    std::size_t sent = 0;
-    do {
-        const std::size_t size = std::min(kPacketSize, bytes.size() - sent);
-        const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(sent);
-        queue.emplace_back(first, first + static_cast<std::ptrdiff_t>(size));
-        sent += size;
-    } while (sent < bytes.size());
-    moveIn(endpoint);
+    queue(endpoint, bytes);
     showFinished();
+}
+
+void MockUsbDevice::sendOnCancel(std::uint8_t endpoint, const Bytes& bytes) {
+    const std::lock_guard guard(mutex_);
+    onCancel_[endpoint] = bytes;
 }
 
 void MockUsbDevice::takeOnly(std::uint8_t endpoint, int packets) {
@@ -274,11 +271,16 @@ MockUsbDevice::Answer MockUsbDevice::reap(UMockdevIoctlClient* client) {
 MockUsbDevice::Answer MockUsbDevice::discard(UMockdevIoctlClient* client) {
     const auto address = valueAt<gulong>(umockdev_ioctl_client_get_arg(client));
     for (Urb& urb : urbs_) {
-        if (urb.client == client && urb.record->client_addr == address && !urb.finished) {
+        if (urb.client != client || urb.record->client_addr != address || urb.finished)
+            continue;
+        const auto late = onCancel_.extract(urb.endpoint);
+        if (late)
+            queue(urb.endpoint, late.mapped());
+        const bool cancelled = !urb.finished;
+        if (cancelled)
             finish(urb, -ENOENT);
-            showFinished();
-            return {};
-        }
+        showFinished();
+        return cancelled ? Answer{} : Answer{-1, EINVAL};
     }
     return {-1, EINVAL};
 }
@@ -343,6 +345,18 @@ MockUsbDevice::Answer MockUsbDevice::clearHalt(UMockdevIoctlClient* client) {
     halted_.erase(static_cast<std::uint8_t>(argument<unsigned int>(client)));
     ++counts_.clearedHalts;
     return {};
+}
+
+void MockUsbDevice::queue(std::uint8_t endpoint, const Bytes& bytes) {
+    std::deque<Bytes>& packets = packets_[endpoint];
+    std::size_t sent = 0;
+    do {
+        const std::size_t size = std::min(kPacketSize, bytes.size() - sent);
+        const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(sent);
+        packets.emplace_back(first, first + static_cast<std::ptrdiff_t>(size));
+        sent += size;
+    } while (sent < bytes.size());
+    moveIn(endpoint);
 }
 
 // Packets fill the host's transfers in the order of both; one ends with a short packet or when it

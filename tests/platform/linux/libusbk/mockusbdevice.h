@@ -52,6 +52,9 @@ class MockUsbDevice {
     // or fills the host's buffer; no zero-length packet follows by itself, but no bytes send one.
     void send(std::uint8_t endpoint, const Bytes& bytes);
 
+    // Sends bytes in the moment in which the host next cancels a transfer on the endpoint.
+    void sendOnCancel(std::uint8_t endpoint, const Bytes& bytes);
+
     // From now on takes only this many more packets on an OUT endpoint; -1 is no limit.
     void takeOnly(std::uint8_t endpoint, int packets);
     // Transfers fail until the host clears the halt.
@@ -108,6 +111,7 @@ class MockUsbDevice {
     Answer commandDriver(_UMockdevIoctlClient* client);
     Answer clearHalt(_UMockdevIoctlClient* client);
 
+    void queue(std::uint8_t endpoint, const Bytes& bytes);
     void moveIn(std::uint8_t endpoint);
     void moveOut(Urb& urb);
     void finish(Urb& urb, int status);
@@ -126,7 +130,8 @@ class MockUsbDevice {
     Receiver receiver_;
     std::list<Urb> urbs_;
     std::map<std::uint8_t, std::deque<Bytes>> packets_;  // sent, and not fetched yet
-    std::map<std::uint8_t, int> room_;                   // packets that an OUT endpoint still takes
+    std::map<std::uint8_t, Bytes> onCancel_;
+    std::map<std::uint8_t, int> room_;  // packets that an OUT endpoint still takes
     std::set<std::uint8_t> halted_;
     std::string driver_;
     std::string detachedDriver_;
