@@ -27,7 +27,7 @@ constexpr const char* kVerifyOperation = "BurnAgent::vorlan_verify_only";
 constexpr const char* kEraseOperation = "BurnAgent::vorlan_erase_only";
 
 // An image is taken in chunks; fetched in chunks, 16 images at once would keep the disk too busy.
-constexpr std::size_t kReadAhead = 256 * 1024;  // bytes
+constexpr std::size_t kReadAhead = 0x40000;  // bytes
 
 // `perMiB` for every MiB that the size begins.
 std::uint32_t timePerStartedMiB(std::uint32_t size, std::uint32_t perMiB) {
