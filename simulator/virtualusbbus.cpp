@@ -235,7 +235,7 @@ std::string VirtualUsbBus::Core::plug(const std::string& port,
     char prefix[32];
     std::snprintf(prefix, sizeof prefix, "USB\\VID_%04X&PID_%04X\\", unsigned{identity.vendorId},
                   unsigned{identity.productId});
-    const std::string deviceId = prefix + port;
+    std::string deviceId = prefix + port;
     DeviceEntry entry{};
     entry.vendorId = identity.vendorId;
     entry.productId = identity.productId;
