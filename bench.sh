@@ -1,24 +1,25 @@
 #!/usr/bin/env bash
-# Builds and runs the benchmarks: a table on the screen, JSON in build/bench/. A benchmark that
+# Builds and runs the benchmarks: a table on the screen, JSON in build/bench/results/. A benchmark that
 # misses its budget says so, and the script ends with 1.
 # ./bench.sh [FILTER]: only the benchmarks whose names match the regular expression.
 set -euo pipefail
 cd "$(dirname "$0")"
 
 scripts/install-packages.sh build test bench
-scripts/build.sh release
+scripts/build.sh bench
 
-mkdir -p build/bench
+results=build/bench/results
+mkdir -p "$results"
 status=0
-for program in build/release/bin/bench/*; do
+for program in build/bench/bin/bench/*; do
     name=$(basename "$program")
     echo "== $name"
-    json=build/bench/$name.json
+    json=$results/$name.json
     "$program" --benchmark_filter="${1:-.}" --benchmark_counters_tabular=true \
         --benchmark_out_format=json --benchmark_out="$json" 2>/dev/null
     if grep -q '"error_occurred": true' "$json"; then
         status=1
     fi
 done
-echo "JSON: build/bench/*.json"
+echo "JSON: $results/*.json"
 exit "$status"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: ./test.sh [PRESET...]
-# Presets: dev (the default), asan, tsan, release, fuzz.
+# Presets: dev (the default), asan, tsan, bench, fuzz.
 set -euo pipefail
 cd "$(dirname "$0")"
 

@@ -55,7 +55,7 @@ std::size_t heapInUse() {
 
 void load(benchmark::State& state) {
     const NumberFile source;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         SerialNumFile file;
         const std::size_t before = heapInUse();
         const auto start = Clock::now();
@@ -74,7 +74,7 @@ BENCHMARK(load)->Unit(benchmark::kMillisecond);
 
 void handOutAll(benchmark::State& state) {
     const NumberFile source;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         SerialNumFile file;
         file.load(source.path());
         const auto start = Clock::now();
@@ -101,7 +101,7 @@ void releaseAndTake(benchmark::State& state) {
         file.takeNext();
     auto* record = file.takeNext();
     const auto start = Clock::now();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         file.releaseRecord(record);
         benchmark::DoNotOptimize(record = file.takeNext());
     }
@@ -128,7 +128,7 @@ void markBurned(benchmark::State& state) {
         file.markBurned(records[row]);
         times.push_back(secondsSince(start));
     };
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (std::size_t i = 0; i < kMarks; ++i) {
             mark(i, first);
             mark(kRows - 1 - i, last);

@@ -72,8 +72,9 @@ struct OverlappedSlot;
 constexpr std::int32_t kArrival = 2;
 constexpr std::int32_t kRemoval = 4;
 
-// Called on one thread of the library, in the order of the events. It may use every operation but
-// HotK_Free on its own monitor.
+// Called on one thread of the library, in the order of the events; every removal follows an arrival
+// with the same ids. It may use every operation but HotK_Free on its own monitor, which fails with
+// kInvalidParameter, and it may take its time: transfers run on meanwhile.
 using HotPlugCallback = void (*)(Monitor* monitor, const DeviceEntry* entry, std::int32_t kind);
 
 constexpr std::uint32_t kReportConnected = 1;  // report what is connected already, as arrivals
@@ -92,14 +93,15 @@ extern "C" {
 std::uint32_t LibK_LastError();
 
 // Begin and end of a binding: the library's context is made and freed here. No other operation may
-// run before LibK_Startup has succeeded or once LibK_Shutdown has begun. LibK_Shutdown gives the
-// kernel its drivers back.
+// run before LibK_Startup has succeeded or once LibK_Shutdown has begun, and all monitors, lists,
+// handles and pools are freed before. LibK_Shutdown gives the kernel its drivers back.
 bool LibK_Startup();
 void LibK_Shutdown();
 
 // Starts reporting arrivals and removals to the callback.
 bool HotK_Init(libusbk::Monitor** monitor, const libusbk::MonitorParameters* parameters);
-// Ends the monitor and waits for a callback that is running. LibK_LastError is kNoError on success.
+// Ends the monitor: waits for a callback that is running, and none begins after. LibK_LastError is
+// kNoError on success.
 bool HotK_Free(libusbk::Monitor* monitor);
 
 // A snapshot of the connected devices that match.
@@ -113,7 +115,8 @@ bool LstK_Free(libusbk::DeviceList* list);
 // Opens the device; its pipes work at once, with no claim. Fails with kDeviceNotConnected,
 // kAccessDenied, kNotEnoughMemory or kGeneralFailure.
 bool UsbK_Init(libusbk::UsbHandle** handle, const libusbk::DeviceEntry* entry);
-// Closes the handle, with no transfer under way on it. Its pools and slots may be given back after.
+// Closes the handle, and cancels what is still under way on it. Its pools may be freed before or
+// after, but nothing can be started with their slots any more.
 bool UsbK_Free(libusbk::UsbHandle* handle);
 // numberOrIndex is an interface number unless isIndex. Fails with kNoMoreItems if there is none,
 // kBusy if somebody else has it.
@@ -130,7 +133,8 @@ bool UsbK_WritePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, const std
                     libusbk::OverlappedSlot* slot);
 // Clears a halt of the pipe.
 bool UsbK_ResetPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
-// Empties the pipe: an IN pipe drops answers that came too late, an OUT pipe has nothing to drop.
+// Empties the pipe: an IN pipe drops answers that came too late until none follows for a moment, an
+// OUT pipe has nothing to drop. Fails with kSemaphoreTimeout if the device never stops answering.
 bool UsbK_FlushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
 // Ends all waits on the handle at once with kOperationAborted; from then on every transfer on it
 // fails with that code. A transfer that has completed before keeps its result. May be called while
@@ -140,16 +144,18 @@ bool UsbK_Interrupt(libusbk::UsbHandle* handle);
 // A pool of `count` slots for transfers on the handle; flags are 0.
 bool OvlK_Init(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle, std::int32_t count,
                std::uint32_t flags);
-// Frees the pool with its slots; none of them may have a transfer under way.
+// Frees the pool with its slots, and cancels what is still under way with them.
 bool OvlK_Free(libusbk::OverlappedPool* pool);
 // Fails with kNoMoreItems when all slots are taken.
 bool OvlK_Acquire(libusbk::OverlappedSlot** slot, libusbk::OverlappedPool* pool);
 bool OvlK_Release(libusbk::OverlappedSlot* slot);
-// Makes the slot ready for its next transfer.
+// Makes the slot ready for its next transfer. Fails with kBusy while one is under way.
 bool OvlK_ReUse(libusbk::OverlappedSlot* slot);
 // Waits for the transfer of the slot. True when it ended well in time. On time-out it is cancelled:
-// false with kCancelled, and the count says exactly what moved before. After an interruption false
-// with kOperationAborted, after a failure false with its cause.
+// false with kCancelled, and the count says exactly what moved before; true if the cancellation
+// came too late and the transfer completed. After an interruption false with kOperationAborted,
+// after a failure false with its cause, both with the count. Fails with kInvalidParameter if no
+// transfer was started.
 bool OvlK_WaitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
                        std::uint32_t* transferred);
 }

@@ -38,7 +38,7 @@ class LineReader {
     bool failed() const { return failed_; }
 
   private:
-    static constexpr std::size_t kBlockSize = 256 * 1024;
+    static constexpr std::size_t kBlockSize = 256 * std::size_t{1024};
 
     std::string_view take(std::size_t size) {
         const std::string_view line = std::string_view(buffer_).substr(start_, size);
@@ -161,7 +161,7 @@ std::string SerialNumFile::reload(const std::string& path) {
     }
     path_ = path;
     discardRecords();
-    const std::string problem = readRecords();
+    std::string problem = readRecords();
     loaded_ = problem.empty() ? 1 : 0;
     if (!problem.empty()) {
         discardRecords();

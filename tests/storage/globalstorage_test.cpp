@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,7 +21,7 @@ class GlobalStorageTest : public testing::Test {
     std::string file() const { return directory_.read("global_storage"); }
     void setFile(const std::string& bytes) const { directory_.write("global_storage", bytes); }
 
-    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+    EnteredDirectory directory_;
     GlobalStorage storage_;
 };
 
@@ -97,6 +99,7 @@ TEST_F(GlobalStorageTest, CountsTheBurnsOfAllWorkers) {
     constexpr std::uint32_t kBurns = 500;
     std::vector<std::uint32_t> seen(kWorkers * kBurns + 1, 0);
     std::vector<std::thread> workers;
+    workers.reserve(kWorkers);
     for (int i = 0; i < kWorkers; ++i)
         workers.emplace_back([&] {
             for (std::uint32_t burn = 0; burn < kBurns; ++burn)

@@ -137,9 +137,9 @@ TEST(SerialNumFileProcess, FileThatMayNotBeWrittenIsRefused) {
     EXPECT_EXIT(
         {
             if (::geteuid() == 0 && ::setuid(65534) != 0)
-                std::exit(2);
+                std::_Exit(2);
             SerialNumFile file;
-            std::exit(file.load(wide(path)) ? 1 : 0);
+            std::_Exit(file.load(wide(path)) ? 1 : 0);
         },
         testing::ExitedWithCode(0), "Permission denied");
 }

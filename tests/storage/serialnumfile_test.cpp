@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -326,6 +325,7 @@ TEST_F(SerialNumFileTest, SixteenWorkersGetEveryNumberOnce) {
 
     std::vector<std::vector<std::string>> burned(16);
     std::vector<std::thread> workers;
+    workers.reserve(burned.size());
     for (auto& mine : burned)
         workers.emplace_back([&] {
             for (int i = 0; auto* const record = file_.takeNext(); ++i) {

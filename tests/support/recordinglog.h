@@ -1,6 +1,7 @@
 // Installs itself as the run log's printer and keeps the lines.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -33,6 +34,14 @@ class RecordingLog final : public hj::LogPrinter {
             if (lineLevel == level)
                 taken.push_back(std::move(line));
         return taken;
+    }
+
+    // Whether some line so far holds the text.
+    bool contains(const std::string& text) {
+        const std::lock_guard guard(lock_);
+        return std::any_of(lines_.begin(), lines_.end(), [&](const auto& line) {
+            return line.second.find(text) != std::string::npos;
+        });
     }
 
   private:

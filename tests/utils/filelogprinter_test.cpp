@@ -35,7 +35,7 @@ class FileLogPrinterTest : public testing::Test {
     }
     std::string file() const { return directory_.read("log/run.log"); }
 
-    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+    EnteredDirectory directory_;
     bool capturing_ = true;
 };
 
@@ -79,6 +79,7 @@ TEST_F(FileLogPrinterTest, LinesOfManyThreadsStayWholeAndInOrder) {
     FileLogPrinter printer("log\\run.log");
     hj::setLogPrinter(&printer);
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int id = 0; id < kThreads; ++id)
         threads.emplace_back([id] {
             const std::string filling(static_cast<std::size_t>(id) * 300, 'x');

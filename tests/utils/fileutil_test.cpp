@@ -14,7 +14,7 @@ namespace {
 
 class FileUtilTest : public testing::Test {
   protected:
-    TemporaryDirectory directory_{TemporaryDirectory::Use::kEnter};
+    EnteredDirectory directory_;
 };
 
 }  // namespace

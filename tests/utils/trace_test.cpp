@@ -50,6 +50,7 @@ TEST(Trace, KeepsLinesOfManyThreadsWhole) {
                             std::string(50, static_cast<char>('a' + thread)));
     const std::string trace = traceOf([] {
         std::vector<std::thread> threads;
+        threads.reserve(kThreads);
         for (int thread = 0; thread < kThreads; ++thread)
             threads.emplace_back([thread] {
                 const std::string text(50, static_cast<char>('a' + thread));

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <filesystem>
 #include <utility>
 
 #include "platform/process.h"
@@ -23,10 +24,10 @@ DynamicLibrary& DynamicLibrary::operator=(DynamicLibrary&& other) noexcept {
 
 bool DynamicLibrary::load(const std::string& name) {
     unload();
-    const std::string file = name + ".so";
-    const std::string home = executableDirectory();
-    for (const std::string& candidate :
-         {home + "/" + file, home + "/../lib/vorlanfactorytool/" + file, file}) {
+    const std::filesystem::path file = name + ".so";
+    const std::filesystem::path home = executableDirectory();
+    for (const std::filesystem::path& candidate :
+         {home / file, home / "../lib/vorlanfactorytool" / file, file}) {
         handle_ = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle_ != nullptr)
             return true;

@@ -26,6 +26,9 @@ constexpr const char* kBurnOperation = "BurnAgent::vorlan_burn";
 constexpr const char* kVerifyOperation = "BurnAgent::vorlan_verify_only";
 constexpr const char* kEraseOperation = "BurnAgent::vorlan_erase_only";
 
+// An image is taken in chunks; fetched in chunks, 16 images at once would keep the disk too busy.
+constexpr std::size_t kReadAhead = 256 * 1024;  // bytes
+
 // `perMiB` for every MiB that the size begins.
 std::uint32_t timePerStartedMiB(std::uint32_t size, std::uint32_t perMiB) {
     constexpr std::uint64_t kAlmostOneMiB = 0xFFFFF;
@@ -98,11 +101,13 @@ bool BurnAgent::runItems(unsigned mode) {
 
 bool BurnAgent::runItem(const BurnItem& item, unsigned mode) {
     const std::string path = text::narrow(item.file);
+    std::vector<char> readAhead(kReadAhead);  // outlives the file, which reads into it
     const fileutil::FilePtr file = fileutil::openFile(path, "rb");
     if (file == nullptr) {
         reportError(-3, "Open file failed! path=" + path);
         return false;
     }
+    std::setvbuf(file.get(), readAhead.data(), _IOFBF, readAhead.size());
     switch (mode) {
         case CMD_CODE_FLASH_WRITE:
             return vorlan_burn(pVorDev_, item.addr, file.get(), flags_);

@@ -1,0 +1,243 @@
+// The USB engine: CRC-64 by itself, and whole burns against virtual devices that answer at once,
+// compared with a bare loop of the same transfers over the same table.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "simulator/virtualusbbus.h"
+#include "simulator/virtualusbdevice.h"
+#include "support/temporarydirectory.h"
+#include "utils/logutil.h"
+#include "utils/text.h"
+#include "vorlan/burn/burnagent.h"
+#include "vorlan/burn/crc64.h"
+#include "vorlan/burn/libusbk_table.h"
+
+namespace {
+
+constexpr std::uint32_t kImageSize = 8 * 1024 * 1024;  // bytes
+constexpr std::uint32_t kAddress = 0x10000;
+constexpr std::size_t kDevices = 16;
+// What a burn of one image waits by rule: after the first SYNC, and before the first chunk.
+constexpr double kFixedWaits = 0.001 + 0.010;  // s
+
+std::vector<std::uint8_t> makeImage() {
+    std::vector<std::uint8_t> image(kImageSize);
+    std::uint32_t state = 1;
+    for (std::uint8_t& byte : image) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<std::uint8_t>(state >> 24);
+    }
+    return image;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+double processorTime() {
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
+
+template <typename Work>
+double secondsOf(Work work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// A floor of devices that run the burner image and answer at once.
+class Floor {
+  public:
+    explicit Floor(std::size_t devices) : image_(makeImage()) {
+        hj::setLogLevel(hj::kError + 1);  // or the terminal is what is measured
+        file_ = directory_.write("image.bin", std::string(image_.begin(), image_.end()));
+        for (std::size_t i = 0; i < devices; ++i)
+            plug("0-" + std::to_string(i + 1));
+    }
+
+    const std::vector<std::uint8_t>& image() const { return image_; }
+
+    bool burn(std::size_t index) const {
+        BurnAgent agent(ids_[index]);
+        agent.run({{text::widen(file_), kAddress}}, nullptr, CMD_CODE_FLASH_WRITE);
+        return agent.is_done();
+    }
+
+    bool holdsImage(std::size_t index) const {
+        return devices_[index]->flash().holds(kAddress, image_);
+    }
+
+    const std::string& id(std::size_t index) const { return ids_[index]; }
+
+  private:
+    void plug(const std::string& port) {
+        simulator::UsbDeviceOptions options;
+        options.startsInBurner = true;
+        devices_.push_back(std::make_shared<simulator::VirtualUsbDevice>(options));
+        ids_.push_back(bus_.plug(port, devices_.back()));
+    }
+
+    TemporaryDirectory directory_;
+    simulator::VirtualUsbBus bus_;
+    LibusbkBinding binding_;
+    std::vector<std::uint8_t> image_;
+    std::string file_;
+    std::vector<std::shared_ptr<simulator::VirtualUsbDevice>> devices_;
+    std::vector<std::string> ids_;
+};
+
+// The transfers of one burn of the image, and nothing else.
+class BareLoop {
+  public:
+    explicit BareLoop(const std::string& id) {
+        libusbk::DevicePattern pattern{};
+        std::copy(id.begin(), id.end(), pattern.deviceId);
+        libusbk::DeviceList* list = nullptr;
+        const libusbk::DeviceEntry* entry = nullptr;
+        good_ = usb_.LstK_InitEx(&list, 0, &pattern) &&
+                usb_.LstK_FindByVidPid(list, kVorlanVendorId, kVorlanProductId, &entry) &&
+                usb_.UsbK_Init(&handle_, entry) && usb_.LstK_Free(list) &&
+                usb_.UsbK_ClaimInterface(handle_, 0, false) &&
+                usb_.OvlK_Init(&pool_, handle_, 4, 0) && usb_.OvlK_Acquire(&slot_, pool_);
+    }
+
+    ~BareLoop() {
+        usb_.OvlK_Release(slot_);
+        usb_.OvlK_Free(pool_);
+        usb_.UsbK_ReleaseInterface(handle_, 0, false);
+        usb_.UsbK_Free(handle_);
+    }
+    BareLoop(const BareLoop&) = delete;
+    BareLoop& operator=(const BareLoop&) = delete;
+
+    bool run(const std::vector<std::uint8_t>& image) {
+        const std::uint64_t crc = crc64(0, image.data(), image.size());
+        command(encode({.cmdcode = CMD_CODE_SYNC}));
+        command(encodeSetCrc64(BURN_FLAG_CRC64, crc));
+        command(encode({.cmdcode = CMD_CODE_FLASH_WRITE,
+                        .flags = BURN_FLAG_CRC64,
+                        .address = kAddress,
+                        .size = kImageSize}));
+        for (std::uint32_t sent = 0; sent < kImageSize; sent += kChunkSize) {
+            write(EP_ADDR_DATA_RESP_OUT, image.data() + sent, kChunkSize);
+            read(EP_ADDR_DATA_RESP_IN);
+        }
+        command(encode({.cmdcode = CMD_CODE_GET_RESULT}));
+        return good_ && decodeResponse(answer_).respcode == RESP_CODE_SUCCESS;
+    }
+
+  private:
+    void command(const Record& record) {
+        write(EP_ADDR_CMD_RESP_OUT, record.data(), kRecordSize);
+        read(EP_ADDR_CMD_RESP_IN);
+    }
+
+    void write(std::uint8_t endpoint, const std::uint8_t* data, std::uint32_t size) {
+        std::uint32_t count = 0;
+        usb_.OvlK_ReUse(slot_);
+        good_ = (usb_.UsbK_WritePipe(handle_, endpoint, data, size, &count, slot_) ||
+                 usb_.OvlK_WaitOrCancel(slot_, kTransferTimeoutMs, &count)) &&
+                count == size && good_;
+    }
+
+    void read(std::uint8_t endpoint) {
+        std::uint32_t count = 0;
+        usb_.OvlK_ReUse(slot_);
+        good_ =
+            (usb_.UsbK_ReadPipe(handle_, endpoint, answer_.data(), kRecordSize, &count, slot_) ||
+             usb_.OvlK_WaitOrCancel(slot_, kTransferTimeoutMs, &count)) &&
+            count == kRecordSize && good_;
+    }
+
+    const LibusbkTable& usb_ = libusbkTable();
+    libusbk::UsbHandle* handle_ = nullptr;
+    libusbk::OverlappedPool* pool_ = nullptr;
+    libusbk::OverlappedSlot* slot_ = nullptr;
+    Record answer_{};
+    bool good_ = false;
+};
+
+void crc64OfChunks(benchmark::State& state) {
+    const std::vector<std::uint8_t> image = makeImage();
+    std::uint64_t crc = 0;
+    const double start = processorTime();
+    for (auto _ : state) {
+        for (std::size_t offset = 0; offset < image.size(); offset += kChunkSize)
+            crc = crc64(crc, image.data() + offset, kChunkSize);
+        benchmark::DoNotOptimize(crc);
+    }
+    const double bytes = static_cast<double>(state.iterations()) * kImageSize;
+    const double rate = bytes / (processorTime() - start) / 1e9;
+    state.counters["GB_per_s"] = rate;
+    if (rate < 2.0)
+        state.SkipWithError("below 2 GB/s");
+}
+BENCHMARK(crc64OfChunks)->Unit(benchmark::kMillisecond);
+
+void burnOfOneDevice(benchmark::State& state) {
+    const Floor floor(1);
+    std::vector<double> burns;
+    std::vector<double> bare;
+    bool sound = true;
+    for (auto _ : state) {
+        bare.push_back(
+            secondsOf([&] { sound = BareLoop(floor.id(0)).run(floor.image()) && sound; }));
+        burns.push_back(secondsOf([&] { sound = floor.burn(0) && sound; }));
+        state.SetIterationTime(burns.back());
+    }
+    const double ratio = median(burns) / (kFixedWaits + median(bare));
+    state.counters["burn_ms"] = 1000 * median(burns);
+    state.counters["bare_ms"] = 1000 * median(bare);
+    state.counters["ratio"] = ratio;
+    if (!sound || !floor.holdsImage(0))
+        state.SkipWithError("a burn failed");
+    else if (ratio > 1.2)
+        state.SkipWithError(
+            ("over 1.2 times the bare transfers: " + std::to_string(ratio)).c_str());
+}
+BENCHMARK(burnOfOneDevice)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void burnOfSixteenDevices(benchmark::State& state) {
+    const Floor floor(kDevices);
+    std::vector<double> alone;
+    std::vector<double> together;
+    std::atomic<bool> sound = true;
+    for (auto _ : state) {
+        const double before = processorTime();
+        if (!floor.burn(0))
+            sound = false;
+        const double between = processorTime();
+        state.SetIterationTime(secondsOf([&] {
+            std::vector<std::jthread> workers;
+            for (std::size_t i = 0; i < kDevices; ++i) {
+                workers.emplace_back([&floor, &sound, i] {
+                    if (!floor.burn(i))
+                        sound = false;
+                });
+            }
+        }));
+        alone.push_back(between - before);
+        together.push_back((processorTime() - between) / kDevices);
+    }
+    const double ratio = median(together) / median(alone);
+    state.counters["cpu_alone_ms"] = 1000 * median(alone);
+    state.counters["cpu_each_ms"] = 1000 * median(together);
+    state.counters["ratio"] = ratio;
+    if (!sound || !floor.holdsImage(kDevices - 1))
+        state.SkipWithError("a burn failed");
+    else if (ratio > 2.0)
+        state.SkipWithError(("over twice the processor time: " + std::to_string(ratio)).c_str());
+}
+BENCHMARK(burnOfSixteenDevices)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace

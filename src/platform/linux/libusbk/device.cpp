@@ -1,0 +1,136 @@
+#include "platform/linux/libusbk/device.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace libusbk {
+namespace {
+
+constexpr char kSysfsDevices[] = "/sys/bus/usb/devices/";
+
+void setText(char (&field)[kTextSize], std::string_view text) {
+    field[text.copy(field, kTextSize - 1)] = '\0';
+}
+
+// The chain of ports from the root hub, as in "2.4"; empty for a root hub.
+std::string portChain(libusb_device* device) {
+    std::array<std::uint8_t, 7> ports{};  // USB allows no longer chain
+    const int count = libusb_get_port_numbers(device, ports.data(), static_cast<int>(ports.size()));
+    std::string chain;
+    for (int i = 0; i < count; ++i) {
+        if (i != 0)
+            chain += '.';
+        chain += std::to_string(ports[static_cast<std::size_t>(i)]);
+    }
+    return chain;
+}
+
+std::string sysfsDirectory(libusb_device* device) {
+    const std::string bus = std::to_string(libusb_get_bus_number(device));
+    const std::string chain = portChain(device);
+    return kSysfsDevices + (chain.empty() ? "usb" + bus : bus + '-' + chain);
+}
+
+// The name of the host controller that owns the bus: unlike the bus number it is the same after
+// every start of the machine.
+std::string controllerName(std::uint8_t bus) {
+    const std::string number = std::to_string(bus);
+    std::error_code error;
+    const std::filesystem::path rootHub =
+        std::filesystem::canonical(kSysfsDevices + ("usb" + number), error);
+    const std::string name = error ? std::string() : rootHub.parent_path().filename().string();
+    return name.empty() || name == "devices" ? number : name;
+}
+
+std::string readLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+bool matchesText(const char (&pattern)[kTextSize], std::string_view text) {
+    const std::string_view wanted(pattern, ::strnlen(pattern, kTextSize));
+    if (wanted.empty())
+        return true;
+    if (wanted.back() != '*')
+        return text == wanted;
+    const std::string_view start = wanted.substr(0, wanted.size() - 1);
+    return text.substr(0, start.size()) == start;
+}
+
+}  // namespace
+
+DeviceReference referTo(libusb_device* device) {
+    return DeviceReference(libusb_ref_device(device));
+}
+
+std::vector<DeviceReference> connectedDevices(libusb_context* context) {
+    libusb_device** list = nullptr;
+    const ssize_t count = libusb_get_device_list(context, &list);
+    if (count < 0)
+        throw std::bad_alloc();  // nothing else can go wrong there
+    std::vector<DeviceReference> devices;
+    for (ssize_t i = 0; i < count; ++i)
+        devices.emplace_back(list[i]);
+    // The references have passed to the vector.
+    libusb_free_device_list(list, 0);
+    return devices;
+}
+
+DeviceEntry identify(libusb_device* device) {
+    libusb_device_descriptor descriptor{};
+    libusb_get_device_descriptor(device, &descriptor);  // libusb has it at hand: cannot fail
+    DeviceEntry entry{};
+    entry.vendorId = descriptor.idVendor;
+    entry.productId = descriptor.idProduct;
+    entry.driverId = kDriverIdLibusb;
+    entry.busNumber = libusb_get_bus_number(device);
+    entry.deviceAddress = libusb_get_device_address(device);
+
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "USB\\VID_%04X&PID_%04X\\", entry.vendorId,
+                  entry.productId);
+    const std::string chain = portChain(device);
+    const std::string id = text.data() + controllerName(libusb_get_bus_number(device)) +
+                           (chain.empty() ? "" : "-" + chain);
+    setText(entry.deviceId, id);
+    setText(entry.instanceId, id);
+    setText(entry.service, "usbfs");
+    std::snprintf(entry.devicePath, kTextSize, "/dev/bus/usb/%03d/%03d", entry.busNumber,
+                  entry.deviceAddress);
+    return entry;
+}
+
+void describe(libusb_device* device, DeviceEntry& entry) {
+    const std::string directory = sysfsDirectory(device);
+    setText(entry.manufacturer, readLine(directory + "/manufacturer"));
+    const std::string product = readLine(directory + "/product");
+    setText(entry.description, product.empty() ? "USB device" : product);
+}
+
+bool matches(const DevicePattern& pattern, const DeviceEntry& entry) {
+    // The kernel gives devices no interface GUID and no class GUID: those texts are empty.
+    return matchesText(pattern.deviceId, entry.deviceId) &&
+           matchesText(pattern.deviceInterfaceGuid, entry.deviceInterfaceGuid) &&
+           matchesText(pattern.classGuid, "");
+}
+
+DeviceReference findDevice(libusb_context* context, const DeviceEntry& entry) {
+    for (DeviceReference& device : connectedDevices(context)) {
+        if (libusb_get_bus_number(device.get()) == entry.busNumber &&
+            libusb_get_device_address(device.get()) == entry.deviceAddress &&
+            std::strcmp(identify(device.get()).deviceId, entry.deviceId) == 0)
+            return std::move(device);
+    }
+    return nullptr;
+}
+
+}  // namespace libusbk

@@ -1,0 +1,28 @@
+// Any bytes as "burn.cfg".
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "support/temporarydirectory.h"
+#include "utils/text.h"
+#include "vorlan/firmware/burncfg.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const TemporaryDirectory directory;
+    static const std::wstring path = text::widen((directory.path() / "burn.cfg").string());
+    writeContent(directory.path() / "burn.cfg",
+                 std::string(reinterpret_cast<const char*>(data), size));
+    BurnCfg cfg;
+    const bool loaded = cfg.load(path);
+    const auto items = cfg.getItems();
+    if (!loaded && !items.empty())
+        std::abort();
+    std::size_t used = 0;
+    for (const BurnItem& item : items)
+        cfg.markUsed(item.file);
+    for (const BurnItem& item : cfg.getItems())
+        used += item.used;
+    if (used > items.size() || (used == 0) != items.empty())
+        std::abort();
+    return 0;
+}

@@ -1,0 +1,65 @@
+// Any bytes as a firmware package: lists and unpacks what they hold, and ends the program if
+// anything appears outside the unpack directory or an entry grows beyond what it declared.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "support/temporarydirectory.h"
+#include "vorlan/firmware/entryname.h"
+#include "vorlan/firmware/packagearchive.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint64_t kSizeLimit = 1 << 20;  // bytes that one input may make us write
+constexpr std::int64_t kEntryLimit = 100;
+
+void require(bool holds) {
+    if (!holds)
+        std::abort();
+}
+
+void extractAll(PackageArchive& archive, std::int64_t count) {
+    std::uint64_t total = 0;
+    PackageEntry entry;
+    for (std::int64_t i = 0; i < count && archive.readEntry(i, entry); ++i) {
+        require(entry.name.size() <= PackageArchive::kNameLimit);
+        require(entryname::makeSafe(entry.name) == entry.name);
+        if (entry.size > kSizeLimit - total)
+            return;
+        total += entry.size;
+        if (!archive.extractEntry(i, entry.name))
+            archive.discardEntry(entry.name);
+    }
+    for (const auto& file : fs::recursive_directory_iterator("work/unpack")) {
+        require(file.is_regular_file() || file.is_directory());
+        require(file.is_directory() || file.file_size() <= total);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static TemporaryDirectory directory;
+    static const bool entered = (directory.enter(), true);
+    require(entered);
+    writeContent("work/package.zip", std::string(reinterpret_cast<const char*>(data), size));
+    fs::create_directory("work/unpack");
+
+    PackageArchive archive;
+    PackageEntry entry;
+    archive.setExtractDir(L".\\work\\unpack\\");
+    if (archive.openArchive(L".\\work\\package.zip") &&
+        archive.readEntry(PackageArchive::kArchive, entry))
+        extractAll(archive, std::min(entry.index, kEntryLimit));
+    archive.closeArchive();
+
+    fs::remove_all("work/unpack");
+    fs::remove("work/package.zip");
+    require(fs::remove("work"));  // only works if it is empty
+    require(fs::is_empty("."));
+    return 0;
+}

@@ -1,0 +1,406 @@
+#include "tests/platform/linux/libusbk/mockusbdevice.h"
+
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+
+// One transfer has to stay one URB, or counts could not be told exactly.
+constexpr std::uint32_t kCapabilities =
+    USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
+    USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+
+// What the pointer at `offset` points to, in the host's memory; the caller owns the reference.
+UMockdevIoctlData* resolve(UMockdevIoctlData* data, std::size_t offset, std::size_t size) {
+    UMockdevIoctlData* const target = umockdev_ioctl_data_resolve(data, offset, size, nullptr);
+    if (target == nullptr)
+        throw std::runtime_error("the host's memory cannot be read");
+    return target;
+}
+
+template <typename Value>
+Value valueAt(const UMockdevIoctlData* data) {
+    Value value;
+    std::memcpy(&value, data->data, sizeof value);
+    return value;
+}
+
+template <typename Value>
+void store(UMockdevIoctlData* data, std::size_t offset, Value value) {
+    umockdev_ioctl_data_update(data, offset, reinterpret_cast<guint8*>(&value), sizeof value);
+}
+
+// The argument of a call that takes a pointer to a value.
+template <typename Value>
+Value argument(UMockdevIoctlClient* client) {
+    UMockdevIoctlData* const data =
+        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(Value));
+    const Value value = valueAt<Value>(data);
+    g_object_unref(data);
+    return value;
+}
+
+bool isIn(std::uint8_t endpoint) {
+    return (endpoint & 0x80) != 0;
+}
+
+}  // namespace
+
+MockUsbDevice::MockUsbDevice(std::string sysfsName, int address, std::string node)
+    : sysfsName_(std::move(sysfsName)),
+      address_(address),
+      node_(std::move(node)),
+      handler_(umockdev_ioctl_base_new()) {
+    g_signal_connect(handler_, "handle-ioctl", G_CALLBACK(&MockUsbDevice::onIoctl), this);
+    g_signal_connect(handler_, "client-vanished", G_CALLBACK(&MockUsbDevice::onVanished), this);
+    // A FIFO, since the host polls for room to write: that can be turned on and off here. It has
+    // one page, so that a single byte fills it.
+    fifo_ = ::mkfifo(node_.c_str(), 0666) == 0
+                ? ::open(node_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)
+                : -1;
+    if (fifo_ < 0 || ::fcntl(fifo_, F_SETPIPE_SZ, 4096) < 0)
+        throw std::system_error(errno, std::generic_category(), node_);
+    showFinished();
+}
+
+MockUsbDevice::~MockUsbDevice() {
+    g_signal_handlers_disconnect_by_data(handler_, this);
+    g_object_unref(handler_);
+    ::close(fifo_);
+    while (!urbs_.empty())
+        forget(urbs_.begin());
+}
+
+void MockUsbDevice::setReceiver(Receiver receiver) {
+    const std::lock_guard guard(mutex_);
+    receiver_ = std::move(receiver);
+}
+
+void MockUsbDevice::send(std::uint8_t endpoint, const Bytes& bytes) {
+    const std::lock_guard guard(mutex_);
+    std::deque<Bytes>& queue = packets_[endpoint];
+    std::size_t sent = 0;
+    do {
+        const std::size_t size = std::min(kPacketSize, bytes.size() - sent);
+        const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(sent);
+        queue.emplace_back(first, first + static_cast<std::ptrdiff_t>(size));
+        sent += size;
+    } while (sent < bytes.size());
+    moveIn(endpoint);
+    showFinished();
+}
+
+void MockUsbDevice::takeOnly(std::uint8_t endpoint, int packets) {
+    const std::lock_guard guard(mutex_);
+    room_[endpoint] = packets;
+}
+
+void MockUsbDevice::stall(std::uint8_t endpoint) {
+    const std::lock_guard guard(mutex_);
+    halted_.insert(endpoint);
+    for (Urb& urb : urbs_) {
+        if (!urb.finished && urb.endpoint == endpoint)
+            finish(urb, -EPIPE);
+    }
+    showFinished();
+}
+
+void MockUsbDevice::bindDriver(const std::string& name) {
+    const std::lock_guard guard(mutex_);
+    driver_ = name;
+}
+
+std::string MockUsbDevice::boundDriver() {
+    const std::lock_guard guard(mutex_);
+    return driver_;
+}
+
+void MockUsbDevice::claimElsewhere(bool claimed) {
+    const std::lock_guard guard(mutex_);
+    claimedElsewhere_ = claimed;
+}
+
+MockUsbDevice::Counts MockUsbDevice::counts() {
+    const std::lock_guard guard(mutex_);
+    return counts_;
+}
+
+bool MockUsbDevice::awaitPending(std::uint8_t endpoint, std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] {
+        return static_cast<std::size_t>(
+                   std::count_if(urbs_.begin(), urbs_.end(), [&](const Urb& urb) {
+                       return !urb.finished && urb.endpoint == endpoint;
+                   })) == count;
+    });
+}
+
+void MockUsbDevice::unplug() {
+    const std::lock_guard guard(mutex_);
+    gone_ = true;
+    for (Urb& urb : urbs_) {
+        if (!urb.finished)
+            finish(urb, -ESHUTDOWN);
+    }
+    showFinished();
+    ::unlink(node_.c_str());
+}
+
+int MockUsbDevice::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self) {
+    MockUsbDevice& device = *static_cast<MockUsbDevice*>(self);
+    const Answer answer = device.answer(client);
+    umockdev_ioctl_client_complete(client, answer.result, answer.error);
+    if (answer.received) {
+        Receiver receiver;
+        {
+            const std::lock_guard guard(device.mutex_);
+            receiver = device.receiver_;
+        }
+        if (receiver)
+            receiver(answer.endpoint, answer.bytes);
+    }
+    return 1;
+}
+
+void MockUsbDevice::onVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self) {
+    MockUsbDevice& device = *static_cast<MockUsbDevice*>(self);
+    const std::lock_guard guard(device.mutex_);
+    if (device.claimant_ == client)
+        device.claimant_ = nullptr;
+    for (auto urb = device.urbs_.begin(); urb != device.urbs_.end();) {
+        const auto next = std::next(urb);
+        if (urb->client == client)
+            device.forget(urb);
+        urb = next;
+    }
+    device.showFinished();
+}
+
+MockUsbDevice::Answer MockUsbDevice::answer(UMockdevIoctlClient* client) {
+    const std::lock_guard guard(mutex_);
+    const unsigned long request = umockdev_ioctl_client_get_request(client);
+    if (request == USBDEVFS_REAPURBNDELAY)
+        return reap(client);
+    if (request == USBDEVFS_GET_CAPABILITIES) {
+        UMockdevIoctlData* const value =
+            resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof kCapabilities);
+        store(value, 0, kCapabilities);
+        g_object_unref(value);
+        return {};
+    }
+    if (gone_)
+        return {-1, ENODEV};
+    switch (request) {
+        case USBDEVFS_SUBMITURB:
+            return submit(client);
+        case USBDEVFS_DISCARDURB:
+            return discard(client);
+        case USBDEVFS_CLAIMINTERFACE:
+            return claim(client);
+        case USBDEVFS_RELEASEINTERFACE:
+            return release(client);
+        case USBDEVFS_GETDRIVER:
+            return askDriver(client);
+        case USBDEVFS_IOCTL:
+            return commandDriver(client);
+        case USBDEVFS_CLEAR_HALT:
+            return clearHalt(client);
+        default:
+            return {-1, ENOTTY};
+    }
+}
+
+MockUsbDevice::Answer MockUsbDevice::submit(UMockdevIoctlClient* client) {
+    if (claimant_ != client)
+        return {-1, EINVAL};  // more strict than the kernel, which grumbles and claims by itself
+    UMockdevIoctlData* const record =
+        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_urb));
+    const auto request = valueAt<usbdevfs_urb>(record);
+    const auto length = static_cast<std::size_t>(request.buffer_length);
+    UMockdevIoctlData* const buffer =
+        length > 0 ? resolve(record, offsetof(usbdevfs_urb, buffer), length) : nullptr;
+    Urb& urb = urbs_.emplace_back(
+        Urb{client, record, buffer, request.endpoint, length, Bytes(), 0, false});
+    if (halted_.count(urb.endpoint) != 0)
+        finish(urb, -EPIPE);
+    else if (isIn(urb.endpoint))
+        moveIn(urb.endpoint);
+    else
+        moveOut(urb);
+    Answer answer;
+    if (urb.finished && urb.status == 0 && !isIn(urb.endpoint)) {
+        answer.received = true;
+        answer.endpoint = urb.endpoint;
+        answer.bytes = urb.moved;
+    }
+    showFinished();
+    return answer;
+}
+
+MockUsbDevice::Answer MockUsbDevice::reap(UMockdevIoctlClient* client) {
+    const auto urb = std::find_if(urbs_.begin(), urbs_.end(), [&](const Urb& other) {
+        return other.client == client && other.finished;
+    });
+    if (urb == urbs_.end())
+        return {-1, gone_ ? ENODEV : EAGAIN};
+    if (isIn(urb->endpoint) && !urb->moved.empty())
+        umockdev_ioctl_data_update(urb->buffer, 0, urb->moved.data(),
+                                   static_cast<gint>(urb->moved.size()));
+    store(urb->record, offsetof(usbdevfs_urb, status), urb->status);
+    store(urb->record, offsetof(usbdevfs_urb, actual_length), static_cast<int>(urb->moved.size()));
+    UMockdevIoctlData* const place =
+        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(void*));
+    umockdev_ioctl_data_set_ptr(place, 0, urb->record);
+    g_object_unref(place);
+    forget(urb);
+    showFinished();
+    return {};
+}
+
+MockUsbDevice::Answer MockUsbDevice::discard(UMockdevIoctlClient* client) {
+    const auto address = valueAt<gulong>(umockdev_ioctl_client_get_arg(client));
+    for (Urb& urb : urbs_) {
+        if (urb.client == client && urb.record->client_addr == address && !urb.finished) {
+            finish(urb, -ENOENT);
+            showFinished();
+            return {};
+        }
+    }
+    return {-1, EINVAL};
+}
+
+MockUsbDevice::Answer MockUsbDevice::claim(UMockdevIoctlClient* client) {
+    if (argument<unsigned int>(client) != 0)
+        return {-1, ENOENT};
+    if (!driver_.empty() || claimedElsewhere_ || (claimant_ != nullptr && claimant_ != client))
+        return {-1, EBUSY};
+    claimant_ = client;
+    ++counts_.claims;
+    return {};
+}
+
+MockUsbDevice::Answer MockUsbDevice::release(UMockdevIoctlClient* client) {
+    if (argument<unsigned int>(client) != 0 || claimant_ != client)
+        return {-1, EINVAL};
+    claimant_ = nullptr;
+    return {};
+}
+
+MockUsbDevice::Answer MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
+    const bool claimed = claimedElsewhere_ || claimant_ != nullptr;
+    const std::string name = claimed ? "usbfs" : driver_;
+    UMockdevIoctlData* const data =
+        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_getdriver));
+    auto record = valueAt<usbdevfs_getdriver>(data);
+    const bool exists = record.interface == 0 && !name.empty();
+    if (exists) {
+        name.copy(record.driver, sizeof record.driver - 1);
+        store(data, 0, record);
+    }
+    g_object_unref(data);
+    return exists ? Answer{} : Answer{-1, ENODATA};
+}
+
+MockUsbDevice::Answer MockUsbDevice::commandDriver(UMockdevIoctlClient* client) {
+    const auto command = argument<usbdevfs_ioctl>(client);
+    if (command.ifno != 0)
+        return {-1, EINVAL};
+    switch (static_cast<unsigned int>(command.ioctl_code)) {
+        case USBDEVFS_DISCONNECT:
+            if (driver_.empty())
+                return {-1, ENODATA};
+            detachedDriver_ = std::exchange(driver_, "");
+            ++counts_.detaches;
+            return {};
+        case USBDEVFS_CONNECT:
+            if (!driver_.empty() || claimant_ != nullptr || claimedElsewhere_)
+                return {-1, EBUSY};
+            driver_ = std::exchange(detachedDriver_, "");
+            ++counts_.attaches;
+            return {driver_.empty() ? 0 : 1, 0};
+        default:
+            return {-1, ENOTTY};
+    }
+}
+
+MockUsbDevice::Answer MockUsbDevice::clearHalt(UMockdevIoctlClient* client) {
+    if (claimant_ != client)
+        return {-1, EINVAL};
+    halted_.erase(static_cast<std::uint8_t>(argument<unsigned int>(client)));
+    ++counts_.clearedHalts;
+    return {};
+}
+
+// Packets fill the host's transfers in the order of both; one ends with a short packet or when it
+// is full.
+void MockUsbDevice::moveIn(std::uint8_t endpoint) {
+    std::deque<Bytes>& queue = packets_[endpoint];
+    for (Urb& urb : urbs_) {
+        while (!urb.finished && urb.endpoint == endpoint && !queue.empty()) {
+            Bytes packet = std::move(queue.front());
+            queue.pop_front();
+            const std::size_t room = urb.length - urb.moved.size();
+            const std::size_t size = std::min(packet.size(), room);
+            urb.moved.insert(urb.moved.end(), packet.begin(),
+                             packet.begin() + static_cast<std::ptrdiff_t>(size));
+            if (packet.size() > room)
+                finish(urb, -EOVERFLOW);
+            else if (packet.size() < kPacketSize || packet.size() == room)
+                finish(urb, 0);
+        }
+    }
+}
+
+void MockUsbDevice::moveOut(Urb& urb) {
+    const auto limit = room_.find(urb.endpoint);
+    std::size_t size = urb.length;
+    if (limit != room_.end() && limit->second >= 0) {
+        const auto packets = static_cast<int>((size + kPacketSize - 1) / kPacketSize);
+        const int taken = std::min(packets, limit->second);
+        size = std::min(size, static_cast<std::size_t>(taken) * kPacketSize);
+        limit->second -= taken;
+    }
+    if (urb.buffer != nullptr)
+        urb.moved.assign(urb.buffer->data, urb.buffer->data + size);
+    if (size == urb.length)
+        finish(urb, 0);
+}
+
+void MockUsbDevice::finish(Urb& urb, int status) {
+    urb.status = status;
+    urb.finished = true;
+}
+
+void MockUsbDevice::forget(std::list<Urb>::iterator urb) {
+    g_object_unref(urb->record);
+    if (urb->buffer != nullptr)
+        g_object_unref(urb->buffer);
+    urbs_.erase(urb);
+}
+
+void MockUsbDevice::showFinished() {
+    const bool finished =
+        std::any_of(urbs_.begin(), urbs_.end(), [](const Urb& urb) { return urb.finished; });
+    char byte = 0;
+    if (finished == fifoFull_) {
+        const ssize_t count = finished ? ::read(fifo_, &byte, 1) : ::write(fifo_, &byte, 1);
+        if (count != 1)
+            throw std::system_error(errno, std::generic_category(), node_);
+        fifoFull_ = !finished;
+    }
+    changed_.notify_all();
+}

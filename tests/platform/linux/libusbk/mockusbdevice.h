@@ -1,0 +1,138 @@
+// A fake USB device as the kernel would show it: its usbfs node answers the calls of the real
+// libusb, and packets move on its endpoints as a test, or a whole device model, lets them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+struct _UMockdevIoctlBase;
+struct _UMockdevIoctlClient;
+struct _UMockdevIoctlData;
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Operations may be called from any thread. Interface 0 has the bulk endpoints 0x04 and 0x06 (OUT)
+// and 0x83 and 0x85 (IN).
+class MockUsbDevice {
+  public:
+    static constexpr std::size_t kPacketSize = 512;
+
+    // What the host has asked for, counted since the device was plugged in.
+    struct Counts {
+        int claims = 0;
+        int detaches = 0;
+        int attaches = 0;
+        int clearedHalts = 0;
+    };
+
+    // Receives the bytes of each finished OUT transfer, on the thread of the testbed. It may
+    // send().
+    using Receiver = std::function<void(std::uint8_t endpoint, const Bytes& bytes)>;
+
+    // `node` is the path of the node outside the testbed; it is made here.
+    MockUsbDevice(std::string sysfsName, int address, std::string node);
+    ~MockUsbDevice();
+    MockUsbDevice(const MockUsbDevice&) = delete;
+    MockUsbDevice& operator=(const MockUsbDevice&) = delete;
+
+    void setReceiver(Receiver receiver);
+
+    // Sends bytes in packets. The last one ends the host's transfer if it is shorter than a packet
+    // or fills the host's buffer; no zero-length packet follows by itself, but no bytes send one.
+    void send(std::uint8_t endpoint, const Bytes& bytes);
+
+    // From now on takes only this many more packets on an OUT endpoint; -1 is no limit.
+    void takeOnly(std::uint8_t endpoint, int packets);
+    // Transfers fail until the host clears the halt.
+    void stall(std::uint8_t endpoint);
+
+    // A kernel driver has the interface; an empty name is none.
+    void bindDriver(const std::string& name);
+    std::string boundDriver();
+    // Another program has claimed the interface.
+    void claimElsewhere(bool claimed);
+
+    Counts counts();
+    // Waits until this many transfers are under way on the endpoint; false if that never comes.
+    bool awaitPending(std::uint8_t endpoint, std::size_t count);
+
+    const std::string& sysfsName() const { return sysfsName_; }
+    int address() const { return address_; }
+    const std::string& node() const { return node_; }
+
+    // For the bus: what answers the node's calls, and the end of the device.
+    _UMockdevIoctlBase* handler() const { return handler_; }
+    void unplug();
+
+  private:
+    struct Urb {
+        _UMockdevIoctlClient* client;
+        _UMockdevIoctlData* record;  // the host's usbdevfs_urb
+        _UMockdevIoctlData* buffer;  // null if it has no bytes
+        std::uint8_t endpoint;
+        std::size_t length;
+        Bytes moved;
+        int status = 0;
+        bool finished = false;
+    };
+    // Result and errno of a call; for an OUT transfer that it has finished, what to tell.
+    struct Answer {
+        long result = 0;
+        int error = 0;
+        bool received = false;
+        std::uint8_t endpoint = 0;
+        Bytes bytes{};
+    };
+
+    static int onIoctl(_UMockdevIoctlBase* handler, _UMockdevIoctlClient* client, void* self);
+    static void onVanished(_UMockdevIoctlBase* handler, _UMockdevIoctlClient* client, void* self);
+
+    Answer answer(_UMockdevIoctlClient* client);
+    Answer submit(_UMockdevIoctlClient* client);
+    Answer reap(_UMockdevIoctlClient* client);
+    Answer discard(_UMockdevIoctlClient* client);
+    Answer claim(_UMockdevIoctlClient* client);
+    Answer release(_UMockdevIoctlClient* client);
+    Answer askDriver(_UMockdevIoctlClient* client);
+    Answer commandDriver(_UMockdevIoctlClient* client);
+    Answer clearHalt(_UMockdevIoctlClient* client);
+
+    void moveIn(std::uint8_t endpoint);
+    void moveOut(Urb& urb);
+    void finish(Urb& urb, int status);
+    void forget(std::list<Urb>::iterator urb);
+    void showFinished();
+
+    const std::string sysfsName_;
+    const int address_;
+    const std::string node_;
+    _UMockdevIoctlBase* handler_;
+    int fifo_;  // the node's other end: room in it tells the host that something has finished
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    // Guarded by mutex_:
+    Receiver receiver_;
+    std::list<Urb> urbs_;
+    std::map<std::uint8_t, std::deque<Bytes>> packets_;  // sent, and not fetched yet
+    std::map<std::uint8_t, int> room_;                   // packets that an OUT endpoint still takes
+    std::set<std::uint8_t> halted_;
+    std::string driver_;
+    std::string detachedDriver_;
+    bool claimedElsewhere_ = false;
+    _UMockdevIoctlClient* claimant_ = nullptr;
+    bool gone_ = false;
+    bool fifoFull_ = false;
+    Counts counts_;
+};

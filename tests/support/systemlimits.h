@@ -1,0 +1,29 @@
+// Conditions of a factory machine that a test can bring about for as long as an object lives.
+#pragma once
+
+#include <cstdint>
+
+// Writing a file beyond `bytes` fails, as on a full disk. Counts for the whole process.
+class FullDisk {
+  public:
+    explicit FullDisk(std::uint64_t bytes);
+    ~FullDisk();
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+  private:
+    std::uint64_t previousLimit_;
+    void (*previousHandler_)(int);
+};
+
+// File permissions bind the calling thread even if the test runs as root.
+class OrdinaryUser {
+  public:
+    OrdinaryUser();
+    ~OrdinaryUser();
+    OrdinaryUser(const OrdinaryUser&) = delete;
+    OrdinaryUser& operator=(const OrdinaryUser&) = delete;
+
+  private:
+    unsigned previous_;
+};

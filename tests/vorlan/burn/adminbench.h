@@ -1,0 +1,136 @@
+// The administrator over a virtual bus, with a listener that keeps what it hears: what the tests of
+// sessions and of the ROM stage work with.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "agentbench.h"
+#include "vorlan/burn/burnadmin.h"
+
+// Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for
+// them.
+class RecordingUsbListener final : public UsbListener {
+  public:
+    // What the worker does once the burner image runs.
+    std::function<void(SesHandle)> burn = [](SesHandle) {};
+
+    void onPlug(SesHandle session) override { add("plug", session); }
+    void onBurnerReady(SesHandle session) override {
+        add("ready", session);
+        burn(session);
+        add("burned", session);
+    }
+    void onRemove(SesHandle session) override {
+        EXPECT_TRUE(session->workerEnded) << "the worker must be gone before its device is";
+        add("remove", session);
+    }
+    void onError(SesHandle session, std::uint32_t code, const std::string& message) override {
+        char text[16];
+        std::snprintf(text, sizeof text, "error %x ", code);
+        add(text + message, session);
+    }
+
+    // Waits for the event to have come so often.
+    bool waitFor(const std::string& event, std::size_t times = 1) {
+        return wait(times, [&](const std::string& candidate) { return candidate == event; });
+    }
+
+    // Waits for so many events that begin like this.
+    bool waitForCount(const std::string& beginning, std::size_t times) {
+        return wait(times,
+                    [&](const std::string& candidate) { return candidate.starts_with(beginning); });
+    }
+
+    std::size_t count(const std::string& beginning) const {
+        const std::lock_guard guard(lock_);
+        return matching([&](const std::string& event) { return event.starts_with(beginning); });
+    }
+
+    std::vector<std::string> events() const {
+        const std::lock_guard guard(lock_);
+        return events_;
+    }
+
+    void clear() {
+        const std::lock_guard guard(lock_);
+        events_.clear();
+    }
+
+    // The session at the port, while its device is plugged in.
+    SesHandle session(const std::string& at) const {
+        const std::lock_guard guard(lock_);
+        return sessions_.at(at);
+    }
+
+  private:
+    using Match = std::function<bool(const std::string&)>;
+
+    std::size_t matching(const Match& match) const {
+        return static_cast<std::size_t>(std::count_if(events_.begin(), events_.end(), match));
+    }
+
+    bool wait(std::size_t times, const Match& match) {
+        std::unique_lock lock(lock_);
+        return changed_.wait_for(lock, std::chrono::seconds(60),
+                                 [&] { return matching(match) >= times; });
+    }
+
+    void add(const std::string& event, SesHandle session) {
+        const std::string at = session->device_id.substr(session->device_id.rfind('\\') + 1);
+        const std::lock_guard guard(lock_);
+        sessions_[at] = session;
+        events_.push_back(event + " " + at);
+        changed_.notify_all();
+    }
+
+    mutable std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<std::string> events_;
+    std::map<std::string, SesHandle> sessions_;
+};
+
+class AdminBench : public testing::Test {
+  protected:
+    void start(std::uint32_t romWait = 5) {
+        BurnAdmin* const admin = BurnAdmin::getInstance();
+        admin->setRomWait(romWait);
+        admin->setBurnerPath(burnerPath);
+        admin->startMonitor(&listener);
+    }
+
+    static std::string port(std::size_t number) { return "0-" + std::to_string(number); }
+
+    std::shared_ptr<simulator::VirtualUsbDevice> plug(const std::string& at,
+                                                      simulator::UsbDeviceOptions options = {}) {
+        auto device = std::make_shared<simulator::VirtualUsbDevice>(options);
+        devices.push_back(device);
+        bus.plug(at, device);
+        return device;
+    }
+
+    void TearDown() override {
+        BurnAdmin::destroyInstance();
+        EXPECT_EQ(bus.openHandles(), 0U);
+        EXPECT_EQ(bus.errors(), std::vector<std::string>());
+        for (const auto& device : devices)
+            EXPECT_EQ(device->errors(), std::vector<std::string>());
+    }
+
+    TemporaryDirectory directory;
+    std::string burner = imageBytes(5000, 9);
+    std::string burnerPath = directory.write("burner.img", burner);
+    simulator::VirtualUsbBus bus;
+    RecordingLog log;
+    RecordingUsbListener listener;
+    std::vector<std::shared_ptr<simulator::VirtualUsbDevice>> devices;
+};

@@ -1,0 +1,459 @@
+#include "vorlan/burn/burnagent.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ostream>
+#include <thread>
+
+#include "agentbench.h"
+#include "utils/fileutil.h"
+#include "utils/interruption.h"
+#include "vorlan/burn/crc64.h"
+
+using namespace std::chrono_literals;
+using simulator::Fault;
+using simulator::FaultPoint;
+using simulator::FaultRule;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class BurnAgentTest : public AgentBench {};
+
+TEST_F(BurnAgentTest, WritesImagesInOrderAndTheSerialNumberBehindThem) {
+    plug({.chunkTime = 1ms, .resultTime = 120ms});
+    const std::string first = imageBytes(10'000, 1);
+    const std::string second = imageBytes(4096, 2);
+    const BurnItem firstItem = item("first.bin", 0x0, first);
+    const BurnItem secondItem = item("second.bin", 0x20000, second);
+    EXPECT_TRUE(run({firstItem, secondItem}, "VRL260000000001"));
+
+    EXPECT_TRUE(flashHolds(0x0, first));
+    EXPECT_TRUE(flashHolds(0x20000, second));
+    EXPECT_TRUE(flashHolds(kSnAddress, "VRL260000000001"));
+    const std::vector<simulator::Flash::Range> written{
+        {0x0, 10'000}, {0x20000, 4096}, {kSnAddress, 15}};
+    EXPECT_EQ(device->flash().writtenRanges(), written);
+    EXPECT_EQ(device->count(FaultPoint::Chunk), 3U + 1U + 1U);
+
+    const std::string firstPath = text::narrow(firstItem.file);
+    const std::string secondPath = text::narrow(secondItem.file);
+    EXPECT_THAT(listener.reports,
+                ElementsAre("start", firstPath + " 0", firstPath + " 18", firstPath + " 37",
+                            firstPath + " 45", firstPath + " 100", secondPath + " 0",
+                            secondPath + " 45", secondPath + " 100", "SN=VRL260000000001 0",
+                            "SN=VRL260000000001 45", "SN=VRL260000000001 100", "done"));
+}
+
+TEST_F(BurnAgentTest, SendsTheBytesOfTheWorkedExample) {
+    plug({.recordsTransfers = true});
+    const std::string image = imageBytes(5000);
+    ASSERT_TRUE(run({item("image.bin", 0x100000, image)}));
+
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (const simulator::UsbTransfer& transfer : device->transfers()) {
+        if (transfer.endpoint == EP_ADDR_CMD_RESP_OUT)
+            sent.push_back(transfer.bytes);
+        if (transfer.endpoint == EP_ADDR_DATA_RESP_OUT)
+            sent.push_back({static_cast<std::uint8_t>(transfer.bytes.size() >> 8),
+                            static_cast<std::uint8_t>(transfer.bytes.size())});
+    }
+    const Record setCrc =
+        encodeSetCrc64(BURN_FLAG_CRC64,
+                       crc64(0, reinterpret_cast<const std::uint8_t*>(image.data()), image.size()));
+    const std::vector<std::uint8_t> sync{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const std::vector<std::uint8_t> write{8, 0, 0, 2, 0, 0, 0x10, 0, 0x88, 0x13, 0, 0, 0, 0, 0, 0};
+    const std::vector<std::uint8_t> result{0, 0, 0, 0x0A, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_THAT(sent, ElementsAre(sync, std::vector<std::uint8_t>(setCrc.begin(), setCrc.end()),
+                                  write, std::vector<std::uint8_t>{0x10, 0x00},
+                                  std::vector<std::uint8_t>{0x03, 0x88}, result));
+}
+
+TEST_F(BurnAgentTest, ChunksFollowFromTheSize) {
+    const std::pair<std::size_t, unsigned> sizes[] = {{0, 0}, {1, 1}, {4096, 1}, {4097, 2}};
+    for (const auto& [size, chunks] : sizes) {
+        plug();
+        listener.reports.clear();
+        const std::string image = imageBytes(size);
+        EXPECT_TRUE(run({item("image.bin", 0x1000, image)})) << size;
+        EXPECT_TRUE(flashHolds(0x1000, image)) << size;
+        EXPECT_EQ(device->count(FaultPoint::Chunk), chunks) << size;
+        EXPECT_EQ(device->errors(), std::vector<std::string>());
+    }
+    // An empty image reports nothing between the two ends and is asked for its result once.
+    plug();
+    listener.reports.clear();
+    const BurnItem empty = item("empty.bin", 0x1000, "");
+    ASSERT_TRUE(run({empty}));
+    const std::string path = text::narrow(empty.file);
+    EXPECT_THAT(listener.reports, ElementsAre("start", path + " 0", path + " 100", "done"));
+    EXPECT_EQ(device->count(FaultPoint::GetResult), 1U);
+}
+
+TEST_F(BurnAgentTest, NothingToBurnIsABurnToo) {
+    plug();
+    EXPECT_TRUE(run({}));
+    EXPECT_THAT(listener.reports, ElementsAre("start", "done"));
+    EXPECT_EQ(device->count(FaultPoint::FlashWrite), 0U);
+    EXPECT_TRUE(device->flash().writtenRanges().empty());
+}
+
+TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSync) {
+    plug();
+    device->addFault({.where = FaultPoint::Chunk, .what = Fault::lateAnswer(700ms)});
+    const BurnItem slow = item("slow.bin", 0, imageBytes(2 * 4096));
+    EXPECT_TRUE(run({slow}));
+    EXPECT_GE(device->count(FaultPoint::Sync), 1U + 2U);
+    // Waiting moves the percent on by itself: the first chunk alone would make it 23.
+    const std::string path = text::narrow(slow.file);
+    EXPECT_TRUE(listener.has(path + " 1")) << testing::PrintToString(listener.reports);
+}
+
+// How a command ends that meets a fault on the open device.
+struct FaultCase {
+    const char* name;
+    FaultRule rule;
+    bool succeeds;
+    const char* logged;  // part of a line of the run log, empty if none matters
+};
+
+void PrintTo(const FaultCase& test, std::ostream* out) {
+    *out << test.name;
+}
+
+class BurnAgentFaults : public AgentBench, public testing::WithParamInterface<FaultCase> {};
+
+TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {
+    plug();
+    device->addFault(GetParam().rule);
+    const std::string image = imageBytes(3 * 4096);
+    EXPECT_EQ(run({item("image.bin", 0x1000, image)}, "SN-1"), GetParam().succeeds);
+    EXPECT_EQ(listener.has("done"), GetParam().succeeds);
+    EXPECT_THAT(listener.reports, Not(Contains(HasSubstr("error "))));
+    if (GetParam().succeeds) {
+        EXPECT_TRUE(flashHolds(0x1000, image));
+        EXPECT_TRUE(flashHolds(kSnAddress, "SN-1"));
+    } else {
+        EXPECT_FALSE(flashHolds(kSnAddress, "SN-1"));
+    }
+    EXPECT_TRUE(log.contains(GetParam().logged));
+}
+
+const std::string kText127(127, 'd');
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, BurnAgentFaults,
+    testing::Values(
+        FaultCase{"BusyTwice",
+                  {.where = FaultPoint::FlashWrite, .what = Fault::response(4), .times = 2},
+                  true,
+                  "FLASH_WRITE command successful!"},
+        FaultCase{"BusyForGood",
+                  {.where = FaultPoint::FlashWrite, .what = Fault::response(4), .times = 3},
+                  false,
+                  "BurnAgent::vorlan_burn: retry sending FLASH_WRITE for 3 times!"},
+        FaultCase{"WriteRefused",
+                  {.where = FaultPoint::FlashWrite, .what = Fault::error("write protected")},
+                  false,
+                  "BurnAgent::vorlan_burn: write protected"},
+        FaultCase{"UnknownAnswerToWrite",
+                  {.where = FaultPoint::FlashWrite, .what = Fault::response(99), .times = 2},
+                  true,
+                  ""},
+        FaultCase{"CrcAnswerNamesNoCommand",
+                  {.where = FaultPoint::SetCrc64, .what = Fault::wrongCmdorg(0), .times = 3},
+                  false,
+                  "BurnAgent::vorlan_set_crc64: retry sending SET_CRC64 for 3 times!"},
+        FaultCase{"CrcRefused",
+                  {.where = FaultPoint::SetCrc64, .what = Fault::error("no crc")},
+                  false,
+                  "vorlan SET_CRC64 command failed! BurnAgent::vorlan_set_crc64: no crc"},
+        FaultCase{"CrcAnswerLost",
+                  {.where = FaultPoint::SetCrc64, .what = Fault::silence(), .times = 2},
+                  true,
+                  ""},
+        FaultCase{"ErrorWithoutText",
+                  {.where = FaultPoint::Chunk, .what = Fault::error(""), .skip = 1},
+                  false,
+                  "BurnAgent::vorlan_burn: \n"},
+        FaultCase{"ErrorTextOf128",
+                  {.where = FaultPoint::Chunk, .what = Fault::error(std::string(128, 'd'))},
+                  false,
+                  kText127.c_str()},
+        FaultCase{"ErrorTextOf255",
+                  {.where = FaultPoint::GetResult, .what = Fault::error(std::string(255, 'd'))},
+                  false,
+                  kText127.c_str()},
+        FaultCase{"ErrorTextShorterThanItSays",
+                  {.where = FaultPoint::Chunk, .what = Fault::error("short", 200)},
+                  false,
+                  "BurnAgent::vorlan_burn: short"},
+        FaultCase{"ChunkAnsweredWithSuccess",
+                  {.where = FaultPoint::Chunk, .what = Fault::response(0), .skip = 1},
+                  false,
+                  "FLASH_WRITE command failed!"},
+        FaultCase{"ChunkAnsweredWithOngoing",
+                  {.where = FaultPoint::Chunk, .what = Fault::response(3), .skip = 1},
+                  false,
+                  "FLASH_WRITE command failed!"},
+        FaultCase{"ChunkAnsweredShort",
+                  {.where = FaultPoint::Chunk, .what = Fault::shortAnswer(15)},
+                  false,
+                  "FLASH_WRITE command failed!"},
+        FaultCase{"ChunkStalls",
+                  {.where = FaultPoint::Chunk, .what = Fault::stall(), .skip = 2},
+                  false,
+                  "FLASH_WRITE command failed!"},
+        FaultCase{"ChunkTakenInPart",
+                  {.where = FaultPoint::Chunk, .what = Fault::refuseWrite(1000)},
+                  false,
+                  "did not complete. ErrorCode=0x000004c7"},
+        FaultCase{"FlashKeepsAWrongByte",
+                  {.where = FaultPoint::Chunk, .what = Fault::corrupt(7), .skip = 1},
+                  false,
+                  "BurnAgent::vorlan_get_result: "},
+        FaultCase{"ResultOfAnotherCommand",
+                  {.where = FaultPoint::GetResult, .what = Fault::wrongCmdorg(2), .times = 2},
+                  true,
+                  ""},
+        FaultCase{"ResultWithUnknownCode",
+                  {.where = FaultPoint::GetResult, .what = Fault::response(77), .times = 2},
+                  true,
+                  ""},
+        FaultCase{"ResultAnswerLost",
+                  {.where = FaultPoint::GetResult, .what = Fault::silence()},
+                  true,
+                  ""},
+        FaultCase{"AnswerCutInTwo",
+                  {.where = FaultPoint::GetResult, .what = Fault::cutAnswer(8, 300ms)},
+                  true,
+                  ""}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(BurnAgentTest, AnswersOfOtherCommandsAreNoAnswersToSync) {
+    plug();
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(2), .times = 9});
+    EXPECT_TRUE(run({}));
+    EXPECT_EQ(device->count(FaultPoint::Sync), 10U);
+}
+
+TEST_F(BurnAgentTest, ADeviceThatNeverSpeaksFailsTheFirstSync) {
+    plug();
+    device->addFault(
+        {.where = FaultPoint::Sync, .what = Fault::swallow(), .times = FaultRule::kAlways});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(run({item("image.bin", 0, "x")}, "SN-1"));
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_THAT(listener.reports, ElementsAre("error -2 Failed to sync device!"));
+    EXPECT_TRUE(log.contains("vorlan SYNC command has been retried for 10 times, FAILED!"));
+    EXPECT_GE(elapsed, 2s);
+    EXPECT_LT(elapsed, 10s);
+}
+
+TEST_F(BurnAgentTest, ARefusedSyncIsNotRepeated) {
+    plug();
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::error("not today")});
+    EXPECT_FALSE(run({}));
+    EXPECT_THAT(listener.reports, ElementsAre("error -2 Failed to sync device!"));
+    EXPECT_TRUE(
+        log.contains("vorlan SYNC command failed! in response, cmdorg = 4, "
+                     "BurnAgent::vorlan_sync: not today"));
+    EXPECT_EQ(device->count(FaultPoint::Sync), 1U);
+}
+
+TEST_F(BurnAgentTest, AMissingImageStopsTheBurnThere) {
+    plug();
+    const std::string first = imageBytes(100);
+    BurnItem missing = item("missing.bin", 0x2000, "");
+    missing.file += L".gone";
+    const BurnItem behind = item("behind.bin", 0x3000, "behind");
+    EXPECT_FALSE(run({item("first.bin", 0x1000, first), missing, behind}, "SN-1"));
+    EXPECT_EQ(listener.reports.back(),
+              "error -3 Open file failed! path=" + text::narrow(missing.file));
+    EXPECT_TRUE(flashHolds(0x1000, first));
+    const std::vector<simulator::Flash::Range> written{{0x1000, 100}};
+    EXPECT_EQ(device->flash().writtenRanges(), written);
+
+    // A directory is no image either.
+    listener.reports.clear();
+    const BurnItem folder{text::widen(directory.path().string()), 0};
+    EXPECT_FALSE(run({folder}));
+    EXPECT_THAT(listener.reports.back(), HasSubstr("error -3 Open file failed! path="));
+}
+
+TEST_F(BurnAgentTest, WhatCannotBeOpenedIsReportedAndReleased) {
+    using simulator::UsbOperation;
+    deviceId = "USB\\VID_1234&PID_5678\\0000:00:14.0-9";
+    EXPECT_FALSE(run({}));
+    EXPECT_THAT(listener.reports, ElementsAre("error -1 Cannot open device!"));
+    EXPECT_TRUE(log.contains("LstK_FindByVidPid: vorlan device not found, errorCode = 0x"));
+
+    plug();
+    const struct {
+        UsbOperation operation;
+        std::uint32_t code;
+        std::uint32_t skip;
+        const char* logged;
+    } cases[] = {
+        {UsbOperation::List, 8, 0,
+         "An error occured getting the device list. errorCode = 0x00000008"},
+        {UsbOperation::Open, 5, 0, "Init vorlan device failed. ErrorCode = 0x00000005"},
+        {UsbOperation::Claim, 259, 0, ""},
+        {UsbOperation::Claim, 170, 0, ""},
+        {UsbOperation::PoolInit, 8, 0, "OvlK_Init failed. ErrorCode = 0x00000008"},
+        {UsbOperation::SlotAcquire, 259, 0, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
+        {UsbOperation::SlotAcquire, 259, 3, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
+    };
+    for (const auto& c : cases) {
+        listener.reports.clear();
+        bus.fail(c.operation, c.code, c.skip);
+        EXPECT_FALSE(run({}));
+        EXPECT_THAT(listener.reports, ElementsAre("error -1 Cannot open device!"));
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        EXPECT_EQ(bus.openHandles(), 0U) << c.logged;
+    }
+    EXPECT_TRUE(run({})) << "the device itself was never at fault";
+}
+
+TEST_F(BurnAgentTest, TheSystemsOwnDriverIsWarnedOf) {
+    plug({}, {.driverId = libusbk::kDriverIdWinUsb});
+    bus.fail(simulator::UsbOperation::Open, libusbk::kInvalidFunction);
+    EXPECT_FALSE(run({}));
+    EXPECT_TRUE(log.contains("vorlan_burn_agent: open vln_helper.dll failed"));
+}
+
+TEST_F(BurnAgentTest, VerifiesAndErasesWithoutWriting) {
+    plug({.resultTime = 150ms});
+    const std::string image = imageBytes(5000);
+    const BurnItem good = item("good.bin", 0x1000, image);
+    ASSERT_TRUE(run({good}));
+    listener.reports.clear();
+
+    EXPECT_TRUE(run({good}, {}, CMD_CODE_VERIFY_ONLY));
+    EXPECT_THAT(listener.reports, ElementsAre("start", "done"));
+    EXPECT_TRUE(log.contains("verify flash from 0x1000 to 0x2388"));
+    EXPECT_TRUE(log.contains("VERIFY_ONLY command succeed!"));
+
+    EXPECT_FALSE(run({item("other.bin", 0x1000, imageBytes(5000, 2))}, {}, CMD_CODE_VERIFY_ONLY));
+    EXPECT_TRUE(log.contains("VERIFY_ONLY command failed!"));
+
+    EXPECT_TRUE(run({good}, {}, CMD_CODE_ERASE_ONLY));
+    EXPECT_TRUE(flashHolds(0x1000, std::string(5000, '\xFF')));
+    EXPECT_TRUE(log.contains("erase only, address = 0x1000, size = 0x1388"));
+    EXPECT_TRUE(log.contains("ERASE_ONLY command succeed!"));
+
+    device->addFault({.where = FaultPoint::EraseOnly, .what = Fault::response(4), .times = 3});
+    EXPECT_FALSE(run({good}, {}, CMD_CODE_ERASE_ONLY));
+    EXPECT_TRUE(log.contains("retry sending ERASE_ONLY for 3 times!"));
+}
+
+TEST_F(BurnAgentTest, GeneralExchange) {
+    plug();
+    BurnAgent agent(deviceId);
+    VORLAN_DEVICE* const open = vorlan_device_open(deviceId.c_str());
+    ASSERT_NE(open, nullptr);
+    const Record sync = encode({.cmdcode = CMD_CODE_SYNC});
+    const auto send = [&](unsigned retries, std::uint8_t* respcode) {
+        return agent.vorlan_send_usb_command(open, sync.data(), kRecordSize, retries, 1, respcode);
+    };
+
+    std::uint8_t respcode = 0xAA;
+    EXPECT_TRUE(send(1, &respcode));
+    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
+
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::response(4), .times = 2});
+    EXPECT_FALSE(send(2, &respcode));
+    EXPECT_EQ(respcode, RESP_CODE_ERROR);
+    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 2 times!"));
+
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::error("no")});
+    EXPECT_FALSE(send(3, &respcode));
+    EXPECT_EQ(respcode, RESP_CODE_ERROR);
+    vorlan_device_close(open);
+
+    EXPECT_EQ(BurnAgent::get_version(), "unknown");
+    EXPECT_TRUE(log.contains("open vln_helper.dll failed"));
+}
+
+TEST_F(BurnAgentTest, UnpluggedAtAnyByteItEndsAndLeaksNothing) {
+    const std::string image = imageBytes(3 * 4096 + 5);
+    plug();
+    ASSERT_TRUE(run({item("image.bin", 0x1000, image)}, "SN-1"));
+    const std::uint64_t whole = device->traffic();
+    for (std::uint64_t at = 0; at < whole; at += 1 + whole / 61) {
+        plug();
+        listener.reports.clear();
+        device->unplugAtByte(at);
+        EXPECT_FALSE(run({item("image.bin", 0x1000, image)}, "SN-1")) << "at byte " << at;
+        EXPECT_FALSE(listener.has("done")) << "at byte " << at;
+        EXPECT_EQ(bus.openHandles(), 0U) << "at byte " << at;
+        EXPECT_EQ(device->errors(), std::vector<std::string>());
+    }
+}
+
+TEST_F(BurnAgentTest, AnInterruptedBurnEndsAtOnceAndReportsNoFailure) {
+    const struct {
+        const char* name;
+        FaultRule rule;
+    } holdUps[] = {
+        {"first sync", {FaultPoint::Sync, Fault::swallow(), 0, FaultRule::kAlways}},
+        {"write", {FaultPoint::FlashWrite, Fault::silence(), 0, FaultRule::kAlways}},
+        {"chunk", {FaultPoint::Chunk, Fault::refuseWrite(), 1, FaultRule::kAlways}},
+        {"answer to a chunk", {FaultPoint::Chunk, Fault::silence(), 1, FaultRule::kAlways}},
+        {"result", {FaultPoint::GetResult, Fault::response(3), 0, FaultRule::kAlways}},
+    };
+    for (const auto& holdUp : holdUps) {
+        plug();
+        listener.reports.clear();
+        device->addFault(holdUp.rule);
+        const BurnItem image = item("image.bin", 0, imageBytes(3 * 4096));
+        bool done = true;
+        std::jthread worker([&](const std::stop_token& stop) {
+            const interruption::Scope scope(stop);
+            done = run({image}, "SN-1");
+        });
+        while (device->count(holdUp.rule.where) <= holdUp.rule.skip)
+            std::this_thread::yield();
+        const auto start = std::chrono::steady_clock::now();
+        worker.request_stop();
+        worker.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 150ms) << holdUp.name;
+        EXPECT_FALSE(done) << holdUp.name;
+        EXPECT_THAT(listener.reports, Not(Contains(HasSubstr("error")))) << holdUp.name;
+    }
+}
+
+TEST_F(BurnAgentTest, ABurnThatTheDeviceHasConfirmedIsReportedThoughInterrupted) {
+    plug();
+    std::stop_source stop;
+    const interruption::Scope scope(stop.get_token());
+
+    // Interrupts the burn when its last percent is reported: the device has confirmed all by then.
+    class StopAtTheEnd final : public BurnListener {
+      public:
+        explicit StopAtTheEnd(std::stop_source& source) : source_(source) {}
+        void onBurnStart(BurnAgent*) override {}
+        void onBurnProgress(BurnAgent*, const std::string&, unsigned percent) override {
+            if (percent == 100)
+                source_.request_stop();
+        }
+        void onItemProgress(BurnAgent*, const BurnItem*, unsigned) override {}
+        void onBurnDone(BurnAgent*) override { done = true; }
+        void onBurnError(BurnAgent*, int, const std::string&) override {}
+        bool done = false;
+
+      private:
+        std::stop_source& source_;
+    } stopper(stop);
+
+    BurnAgent agent(deviceId);
+    agent.set_sn("SN-1", kSnAddress);
+    agent.run({}, &stopper, CMD_CODE_FLASH_WRITE);
+    EXPECT_TRUE(stopper.done);
+    EXPECT_TRUE(agent.is_done());
+    EXPECT_TRUE(flashHolds(kSnAddress, "SN-1"));
+}

@@ -1,0 +1,137 @@
+#include "vorlan/burn/fw_download.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+#include "adminbench.h"
+
+using namespace std::chrono_literals;
+using simulator::Fault;
+using simulator::FaultPoint;
+using simulator::FaultRule;
+
+class FwDownloadTest : public AdminBench {};
+
+TEST_F(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
+    const std::pair<std::size_t, unsigned> sizes[] = {{1, 1}, {2048, 1}, {2049, 2}, {4096, 2}};
+    start();
+    for (const auto& [size, blocks] : sizes) {
+        const std::string image = imageBytes(size);
+        directory.write("burner.img", image);
+        const auto device = plug("0-1", {.romStartUp = 1ms, .handOver = 50ms});
+        ASSERT_TRUE(listener.waitFor("burned 0-1"));
+        const std::vector<std::uint8_t> downloaded = device->downloadedBurner();
+        EXPECT_EQ(std::string(downloaded.begin(), downloaded.end()), image);
+        EXPECT_EQ(device->count(FaultPoint::MemData), blocks);
+        EXPECT_EQ(device->stage(), simulator::UsbStage::Burner);
+        // The ROM stage's handle is gone when the burn begins.
+        EXPECT_EQ(bus.openHandles(), 0U);
+        bus.unplug("0-1");
+        ASSERT_TRUE(listener.waitFor("remove 0-1"));
+        listener.clear();
+    }
+}
+
+TEST_F(FwDownloadTest, MessagesOnTheWire) {
+    directory.write("burner.img", "\xEF");
+    start();
+    const auto device = plug("0-1", {.recordsTransfers = true});
+    ASSERT_TRUE(listener.waitFor("ready 0-1"));
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (const simulator::UsbTransfer& transfer : device->transfers())
+        if (transfer.endpoint == EP_ADDR_DATA_RESP_OUT)
+            sent.push_back(transfer.bytes);
+    using Bytes = std::vector<std::uint8_t>;
+    const Bytes begin{0, 5, 16, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0};
+    // The checksum of a single byte 0xEF is 0.
+    const Bytes data{0, 7, 17, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xEF};
+    const Bytes end{0, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_THAT(sent, testing::ElementsAre(begin, data, end));
+}
+
+struct RomFaultCase {
+    const char* name;
+    FaultRule rule;
+    const char* reported;  // empty: the download succeeds
+};
+
+void PrintTo(const RomFaultCase& test, std::ostream* out) {
+    *out << test.name;
+}
+
+class FwDownloadFaults : public AdminBench, public testing::WithParamInterface<RomFaultCase> {};
+
+TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
+    start();
+    auto device = std::make_shared<simulator::VirtualUsbDevice>();
+    devices.push_back(device);
+    device->addFault(GetParam().rule);
+    bus.plug("0-1", device);
+    const std::string reported = GetParam().reported;
+    if (reported.empty()) {
+        EXPECT_TRUE(listener.waitFor("ready 0-1"));
+        EXPECT_EQ(listener.count("error"), 0U);
+    } else {
+        EXPECT_TRUE(listener.waitFor(reported + " 0-1"))
+            << testing::PrintToString(listener.events());
+        EXPECT_EQ(listener.count("ready"), 0U);
+    }
+}
+
+constexpr std::uint32_t kAlways = FaultRule::kAlways;
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, FwDownloadFaults,
+    testing::Values(
+        RomFaultCase{"FatalStatus",
+                     {FaultPoint::MemData, Fault::romStatus(0xF0)},
+                     "error f0 Return Fatal Error! (retries = 0)"},
+        RomFaultCase{"FatalStatusAfterAnError",
+                     {FaultPoint::MemData, Fault::romStatus(0xFF), 1},
+                     "error ff Return Fatal Error! (retries = 0)"},
+        RomFaultCase{
+            "ErrorStatusNineTimes", {FaultPoint::MemData, Fault::romStatus(0x05), 0, 9}, ""},
+        RomFaultCase{"ErrorStatusForGood",
+                     {FaultPoint::MemBegin, Fault::romStatus(0xEF), 0, kAlways},
+                     "error ef Retry WritePipe has reaches max (10)!"},
+        RomFaultCase{"NoAnswerToTheEnd",
+                     {FaultPoint::MemEnd, Fault::swallow(), 0, kAlways},
+                     "error 4c7 Retry WritePipe has reaches max (10)!"},
+        RomFaultCase{"AnswerLostOnce", {FaultPoint::MemData, Fault::silence(), 1, 1}, ""},
+        RomFaultCase{"ShortAnswer", {FaultPoint::MemData, Fault::shortAnswer(9), 0, 2}, ""},
+        RomFaultCase{"LateAnswer", {FaultPoint::MemBegin, Fault::lateAnswer(205ms)}, ""},
+        RomFaultCase{"Stall", {FaultPoint::MemData, Fault::stall(), 1, 2}, ""},
+        RomFaultCase{"StallForGood",
+                     {FaultPoint::MemBegin, Fault::stall(), 0, kAlways},
+                     "error 1f Retry WritePipe has reaches max (10)!"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(FwDownloadTest, WithoutASlotTransfersEndInsideTheCall) {
+    bus.fail(simulator::UsbOperation::SlotAcquire, libusbk::kNoMoreItems);
+    start();
+    const auto device = plug("0-1");
+    ASSERT_TRUE(listener.waitFor("ready 0-1"));
+    EXPECT_EQ(device->downloadedBurner().size(), burner.size());
+}
+
+TEST_F(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {
+    burnerPath = directory.write("empty.img", "");
+    start();
+    plug("0-1");
+    EXPECT_TRUE(listener.waitFor("error 57 Empty file! path=" + burnerPath + " 0-1"));
+    BurnAdmin::destroyInstance();
+    listener.clear();
+
+    burnerPath += ".gone";
+    start();
+    ASSERT_TRUE(listener.waitFor("plug 0-1"));
+    // The session keeps its handle until the device leaves.
+    while (!listener.session("0-1")->workerEnded)
+        std::this_thread::yield();
+    EXPECT_EQ(bus.openHandles(), 1U);
+    EXPECT_EQ(listener.count("error"), 0U);
+    bus.unplug("0-1");
+    EXPECT_TRUE(listener.waitFor("remove 0-1"));
+}

@@ -1,0 +1,111 @@
+#include "vorlan/firmware/burncfg.h"
+
+#include <gtest/gtest.h>
+
+#include "support/temporarydirectory.h"
+
+namespace {
+
+class BurnCfgTest : public testing::Test {
+  protected:
+    BurnCfgTest() { directory_.enter(); }
+
+    bool load(const std::string& content) {
+        writeContent("burn.cfg", content);
+        return cfg_.load(L".\\burn.cfg");
+    }
+
+    // A list of one item with that address text.
+    std::uint32_t addressOf(const std::string& text) {
+        EXPECT_TRUE(load(R"({"burn_items":[{"name":"x","addr":")" + text + R"("}]})"));
+        return cfg_.getItems().at(0).addr;
+    }
+
+    TemporaryDirectory directory_;
+    BurnCfg cfg_;
+};
+
+}  // namespace
+
+TEST_F(BurnCfgTest, KeepsTheOrderOfTheFileAndAnswersForTheFirstOfAName) {
+    ASSERT_TRUE(
+        load("{\"burn_items\":[\r\n"
+             R"({"name":"b.bin","addr":"0x200"},{"addr":"100","name":"a.bin"},)"
+             R"({"name":"b.bin","addr":"300","more":1}]})"));
+    const auto items = cfg_.getItems();
+    ASSERT_EQ(items.size(), 3U);
+    EXPECT_EQ(items[0].file, L"b.bin");
+    EXPECT_EQ(items[1].file, L"a.bin");
+    EXPECT_EQ(items[1].addr, 0x100U);
+    EXPECT_EQ(cfg_.getAddr(L"b.bin"), 0x200U);
+    EXPECT_EQ(cfg_.getAddr(L"B.bin"), BurnCfg::kNoAddress);
+    cfg_.markUsed(L"b.bin");
+    cfg_.markUsed(L"unknown");
+    EXPECT_EQ(cfg_.getItems()[0].used, 1U);
+    EXPECT_EQ(cfg_.getItems()[1].used, 0U);
+    EXPECT_EQ(cfg_.getItems()[2].used, 0U);
+    cfg_.clear();
+    EXPECT_TRUE(cfg_.getItems().empty());
+}
+
+TEST_F(BurnCfgTest, ReadsAddressesAsHexadecimalOnThirtyTwoBits) {
+    EXPECT_EQ(addressOf("200000"), 0x200000U);
+    EXPECT_EQ(addressOf("0X7fF000"), 0x7FF000U);
+    EXPECT_EQ(addressOf("  +10 rest"), 0x10U);
+    EXPECT_EQ(addressOf("12g4"), 0x12U);
+    EXPECT_EQ(addressOf(""), 0U);
+    EXPECT_EQ(addressOf("0x"), 0U);
+    EXPECT_EQ(addressOf("zero"), 0U);
+    EXPECT_EQ(addressOf("-10"), 0xFFFFFFF0U);
+    EXPECT_EQ(addressOf("-1"), BurnCfg::kNoAddress);
+    EXPECT_EQ(addressOf("7FFFFFFF"), 0x7FFFFFFFU);
+    EXPECT_EQ(addressOf("80000000"), 0x7FFFFFFFU);
+    EXPECT_EQ(addressOf("FFFFFFFFFFFFFFFFFFFF"), 0x7FFFFFFFU);
+    EXPECT_EQ(addressOf("-80000000"), 0x80000000U);
+    EXPECT_EQ(addressOf("-FFFFFFFFFFFFFFFFFFFF"), 0x80000000U);
+}
+
+TEST_F(BurnCfgTest, SkipsWhatIsIncompleteAndTakesKeysInAnyCase) {
+    ASSERT_TRUE(load(R"({"BURN_Items":[{"name":"a"},{"addr":"1"},7,null,"text",[],)"
+                     R"({"Name":"b","ADDR":"2"},{"name":"c","addr":4096},)"
+                     R"({"name":3,"addr":"5"}]})"));
+    const auto items = cfg_.getItems();
+    ASSERT_EQ(items.size(), 3U);
+    EXPECT_EQ(items[0].file, L"b");
+    EXPECT_EQ(items[0].addr, 2U);
+    EXPECT_EQ(items[1].file, L"c");
+    EXPECT_EQ(items[1].addr, 0U);  // only text is an address
+    EXPECT_EQ(items[2].file, L"");
+
+    ASSERT_TRUE(load("{\"burn_items\":[{\"name\":\"\xE5\x9B\xBA\xFF.bin\",\"addr\":\"1\"}]}"));
+    EXPECT_EQ(cfg_.getItems().at(0).file, L"\u56FA\uFFFD.bin");
+}
+
+TEST_F(BurnCfgTest, KeepsItsListUnlessTheFileIsJson) {
+    ASSERT_TRUE(load(R"({"burn_items":[{"name":"a","addr":"1"}]})"));
+    EXPECT_FALSE(cfg_.load(L".\\missing.cfg"));
+    EXPECT_FALSE(cfg_.load(L".\\"));
+    for (const std::string& content :
+         {std::string(), std::string("burn_items"), std::string("{\"burn_items\":["),
+          std::string("\0{}", 3), std::string(5000, '['), std::string(2'000'000, ' ') + "{}"}) {
+        EXPECT_FALSE(load(content)) << content.substr(0, 20);
+        EXPECT_EQ(cfg_.getItems().size(), 1U);
+    }
+    // These are JSON, and list nothing.
+    for (const char* content :
+         {"{}", "[]", "5", "null", R"("burn_items")", R"({"burn_items":null})",
+          R"({"burn_items":"x"})", R"({"burn_items":5})",
+          R"([{"burn_items":[{"name":"a","addr":"1"}]}])"}) {
+        ASSERT_TRUE(load(R"({"burn_items":[{"name":"a","addr":"1"}]})"));
+        EXPECT_TRUE(load(content)) << content;
+        EXPECT_TRUE(cfg_.getItems().empty()) << content;
+    }
+}
+
+TEST_F(BurnCfgTest, ReadsALongListInReasonableTime) {
+    std::string content = "{\"burn_items\":[";
+    while (content.size() < 1'000'000)
+        content += "{},";
+    ASSERT_TRUE(load(content + R"({"name":"last","addr":"9"}]})"));
+    EXPECT_EQ(cfg_.getAddr(L"last"), 9U);
+}

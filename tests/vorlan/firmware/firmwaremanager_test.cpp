@@ -1,0 +1,217 @@
+#include "vorlan/firmware/firmwaremanager.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include "simulator/packagebuilder.h"
+#include "support/temporarydirectory.h"
+
+using simulator::PackageBuilder;
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+
+static void PrintTo(const BurnItem& item, std::ostream* out) {
+    *out << fs::path(item.file).string() << " at " << std::hex << item.addr;
+}
+
+namespace {
+
+constexpr const wchar_t* kDirectory = L".\\temp_image\\";
+
+MATCHER_P2(ItemAt, name, addr, "") {
+    return arg.file == std::wstring(kDirectory) + name &&
+           arg.addr == static_cast<std::uint32_t>(addr) && arg.used == 0;
+}
+
+class FirmwareManagerTest : public testing::Test {
+  protected:
+    FirmwareManagerTest() { directory_.enter(); }
+
+    bool unpack(const PackageBuilder& package) {
+        package.write("package.vrk");
+        manager_.setFirmwarePath((directory_.path() / "package.vrk").wstring());
+        return manager_.unpack(kDirectory);
+    }
+
+    static PackageBuilder smallest() {
+        PackageBuilder package;
+        return package.add("flashboot.bin", "boot").add("master.bin", "main");
+    }
+
+    static PackageBuilder withCfg(const std::string& items) {
+        return smallest().add("burn.cfg", "{\"burn_items\":[" + items + "]}");
+    }
+
+    TemporaryDirectory directory_;
+    FirmwareManager manager_;
+};
+
+}  // namespace
+
+TEST_F(FirmwareManagerTest, GivesNothingBeforeTheFirstUnpack) {
+    EXPECT_TRUE(manager_.getFirmwarePath().empty());
+    EXPECT_FALSE(manager_.isUnpacked());
+    EXPECT_TRUE(manager_.getBurnItems().empty());
+    EXPECT_TRUE(manager_.getBurnerPath().empty());
+}
+
+TEST_F(FirmwareManagerTest, BurnsTheSmallestPackageAtTheDefaultAddresses) {
+    ASSERT_TRUE(unpack(smallest()));
+    EXPECT_TRUE(manager_.isUnpacked());
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000)));
+    EXPECT_TRUE(manager_.getBurnerPath().empty());
+    EXPECT_EQ(contentOf("temp_image/flashboot.bin"), "boot");
+    EXPECT_EQ(contentOf("temp_image/master.bin"), "main");
+}
+
+TEST_F(FirmwareManagerTest, OrdersFixedImagesAndPutsTheOthersOfTheCfgBehind) {
+    PackageBuilder package;
+    package.add("sub/extra.bin", "s").add("config.bin", "c").add("vorlan.bin", "v");
+    package.add("respak.bin", "r").add("script.bin", "x").add("unlisted.bin", "u");
+    package.add("burner.img", "b").add("flashboot.bin", "f").add("font.bin", "t");
+    package.add("burn.cfg", R"({"burn_items":[
+        {"name":"font.bin","addr":"300000"}, {"name":"config.bin","addr":"0x7FE000"},
+        {"name":"sub/extra.bin","addr":"400000"}, {"name":"absent.bin","addr":"1"},
+        {"name":"font.bin","addr":"310000"}, {"name":"config.bin","addr":"7FD000"},
+        {"name":"script.bin","addr":"200000"}, {"name":"master.bin","addr":"2"}]})");
+    ASSERT_TRUE(unpack(package));
+    const auto expected =
+        ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"vorlan.bin", 0x10000),
+                    ItemAt(L"script.bin", 0x200000), ItemAt(L"respak.bin", 0x100000),
+                    ItemAt(L"config.bin", 0x7FE000), ItemAt(L"font.bin", 0x300000),
+                    ItemAt(L"sub/extra.bin", 0x400000), ItemAt(L"font.bin", 0x310000),
+                    ItemAt(L"config.bin", 0x7FD000));
+    EXPECT_THAT(manager_.getBurnItems(), expected);
+    EXPECT_THAT(manager_.getBurnItems(), expected);
+    EXPECT_EQ(manager_.getBurnerPath(), L".\\temp_image\\burner.img");
+    EXPECT_EQ(contentOf("temp_image/unlisted.bin"), "u");
+}
+
+TEST_F(FirmwareManagerTest, PrefersMasterToVorlan) {
+    ASSERT_TRUE(unpack(smallest().add("vorlan.bin", "v")));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000)));
+    ASSERT_TRUE(unpack(withCfg(R"({"name":"vorlan.bin","addr":"500"})").add("vorlan.bin", "v")));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000),
+                            ItemAt(L"vorlan.bin", 0x500)));
+}
+
+TEST_F(FirmwareManagerTest, TakesTheReservedAddressAsNone) {
+    ASSERT_TRUE(unpack(withCfg(R"({"name":"master.bin","addr":"-1"})")));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000),
+                            ItemAt(L"master.bin", 0xFFFFFFFF)));
+}
+
+TEST_F(FirmwareManagerTest, RefusesInvalidPackagesAndKeepsWhatItHad) {
+    ASSERT_TRUE(unpack(smallest()));
+    const PackageBuilder invalid[] = {
+        PackageBuilder(),
+        PackageBuilder().add("flashboot.bin", "f"),
+        PackageBuilder().add("master.bin", "m").add("vorlan.bin", "v"),
+        PackageBuilder().add("Flashboot.bin", "f").add("master.bin", "m"),
+        PackageBuilder().add("images/flashboot.bin", "f").add("master.bin", "m"),
+    };
+    for (const PackageBuilder& package : invalid)
+        EXPECT_FALSE(unpack(package));
+    writeContent("no.zip", "PK but not really");
+    for (const fs::path& path : {fs::path(), fs::path("missing.zip"), fs::path("no.zip"),
+                                 fs::path("temp_image"), fs::path("/dev/zero")}) {
+        manager_.setFirmwarePath(path.wstring());
+        EXPECT_FALSE(manager_.unpack(L".\\elsewhere\\")) << path;
+    }
+    EXPECT_EQ(manager_.getFirmwarePath(), L"/dev/zero");
+    EXPECT_FALSE(fs::exists("elsewhere"));
+    EXPECT_TRUE(manager_.isUnpacked());
+    EXPECT_EQ(contentOf("temp_image/flashboot.bin"), "boot");
+}
+
+TEST_F(FirmwareManagerTest, ClearsOnlyWhatItUnpackedItself) {
+    writeContent("temp_image/burn.cfg", R"({"burn_items":[{"name":"kept.bin","addr":"9"}]})");
+    writeContent("temp_image/kept.bin", "from an earlier run");
+    writeContent("temp_image/master.bin", "from an earlier run");
+    ASSERT_TRUE(unpack(smallest()));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000),
+                            ItemAt(L"kept.bin", 9)));
+    EXPECT_EQ(contentOf("temp_image/master.bin"), "main");
+
+    ASSERT_TRUE(manager_.unpack(L".\\uart_temp_image\\"));
+    EXPECT_FALSE(fs::exists("temp_image"));
+    EXPECT_EQ(manager_.getBurnItems().size(), 2U);
+    EXPECT_EQ(contentOf("uart_temp_image/flashboot.bin"), "boot");
+}
+
+TEST_F(FirmwareManagerTest, TreatsABrokenCfgAsNone) {
+    ASSERT_TRUE(unpack(withCfg(R"({"name":"master.bin","addr":"500"})")));
+    ASSERT_TRUE(unpack(smallest().add("burn.cfg", "{\"burn_items\":[")));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000)));
+}
+
+TEST_F(FirmwareManagerTest, KeepsTimesAndTheReadOnlyAttributeAlone) {
+    constexpr std::uint32_t kDate =
+        ((2019U - 1980) << 25) | (3U << 21) | (14U << 16) | (15U << 11) | (9U << 5) | (26U / 2);
+    PackageBuilder package = smallest();
+    package.add({.name = "locked.bin", .content = "1", .readOnly = true, .dosDate = kDate});
+    package.add({.name = "open.bin", .content = "1", .unixMode = 0106777});
+    package.add({.name = "odd.bin", .content = "1", .dosDate = 0xFFFFFFFF});
+    ASSERT_TRUE(unpack(package));
+
+    const auto writable = fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write;
+    EXPECT_EQ(fs::status("temp_image/locked.bin").permissions() & writable, fs::perms::none);
+    EXPECT_EQ(fs::status("temp_image/open.bin").permissions() & ~(writable | fs::perms(0444)),
+              fs::perms::none);
+    std::tm stored{};
+    stored.tm_year = 2019 - 1900;
+    stored.tm_mon = 2;
+    stored.tm_mday = 14;
+    stored.tm_hour = 15;
+    stored.tm_min = 9;
+    stored.tm_sec = 26;
+    stored.tm_isdst = -1;
+    EXPECT_EQ(std::chrono::system_clock::to_time_t(
+                  std::chrono::file_clock::to_sys(fs::last_write_time("temp_image/locked.bin"))),
+              std::mktime(&stored));
+
+    // The next run replaces it.
+    FirmwareManager next;
+    smallest().add("locked.bin", "2").write("next.zip");
+    next.setFirmwarePath(L"next.zip");
+    ASSERT_TRUE(next.unpack(kDirectory));
+    EXPECT_EQ(contentOf("temp_image/locked.bin"), "2");
+}
+
+TEST_F(FirmwareManagerTest, GivesEveryDeviceTheSameListAtTheSameTime) {
+    ASSERT_TRUE(unpack(withCfg(R"({"name":"master.bin","addr":"20000"},)"
+                               R"({"name":"font.bin","addr":"300000"})")
+                           .add("font.bin", "f")));
+    const auto expected = ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x20000),
+                                      ItemAt(L"font.bin", 0x300000));
+    constexpr int kDevices = 16;
+    std::latch start(kDevices);
+    std::vector<std::vector<BurnItem>> lists(kDevices);
+    std::vector<std::thread> devices;
+    devices.reserve(kDevices);
+    for (auto& list : lists) {
+        devices.emplace_back([&] {
+            start.arrive_and_wait();
+            for (int i = 0; i < 50; ++i)
+                list = manager_.getBurnItems();
+        });
+    }
+    for (std::thread& device : devices)
+        device.join();
+    for (const auto& list : lists)
+        EXPECT_THAT(list, expected);
+}
