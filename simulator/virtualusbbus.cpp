@@ -428,8 +428,8 @@ bool VirtualUsbBus::Core::freeMonitor(libusbk::Monitor* monitor) {
     std::unique_lock lock(lock_);
     if (object == nullptr || !object->live)
         return misuse("HotK_Free", "no such monitor");
-    if (std::this_thread::get_id() == thread_.get_id())
-        return misuse("HotK_Free", "called within a callback");
+    if (reportingTo_ == object && std::this_thread::get_id() == thread_.get_id())
+        return misuse("HotK_Free", "called within the monitor's own callback");
     object->live = false;
     std::erase_if(events_, [&](const Event& event) { return event.monitor == object; });
     eventsChanged_.wait(lock, [&] { return reportingTo_ != object; });

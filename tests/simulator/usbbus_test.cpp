@@ -126,6 +126,24 @@ TEST_F(UsbBus, WaitsForARunningCallbackWhenAMonitorEndsAndDropsTheOthers) {
     EXPECT_EQ(events.await(1).front(), "+1");
 }
 
+TEST_F(UsbBus, RefusesToEndAMonitorWithinItsOwnCallback) {
+    static std::atomic<bool> called;
+    called = false;
+    libusbk::MonitorParameters parameters{};
+    parameters.callback = [](libusbk::Monitor* own, const libusbk::DeviceEntry*, std::int32_t) {
+        EXPECT_FALSE(libusbkTable().HotK_Free(own));
+        EXPECT_EQ(libusbkTable().LibK_LastError(), libusbk::kInvalidParameter);
+        called = true;
+        called.notify_all();
+    };
+    libusbk::Monitor* monitor = nullptr;
+    ASSERT_TRUE(usb.HotK_Init(&monitor, &parameters));
+    bus.plug("1", newDevice());
+    called.wait(false);
+    EXPECT_TRUE(usb.HotK_Free(monitor));
+    expectedMisuse = {"HotK_Free: called within the monitor's own callback"};
+}
+
 TEST_F(UsbBus, ListsAndOpensWhatIsConnected) {
     const std::string id = bus.plug("0000:00:14.0-1.1", newDevice());
     EXPECT_EQ(id, "USB\\VID_1234&PID_5678\\0000:00:14.0-1.1");
