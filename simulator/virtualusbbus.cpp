@@ -235,7 +235,7 @@ std::string VirtualUsbBus::Core::plug(const std::string& port,
     char prefix[32];
     std::snprintf(prefix, sizeof prefix, "USB\\VID_%04X&PID_%04X\\", unsigned{identity.vendorId},
                   unsigned{identity.productId});
-    const std::string deviceId = prefix + port;
+    std::string deviceId = prefix + port;
     DeviceEntry entry{};
     entry.vendorId = identity.vendorId;
     entry.productId = identity.productId;
@@ -428,8 +428,8 @@ bool VirtualUsbBus::Core::freeMonitor(libusbk::Monitor* monitor) {
     std::unique_lock lock(lock_);
     if (object == nullptr || !object->live)
         return misuse("HotK_Free", "no such monitor");
-    if (std::this_thread::get_id() == thread_.get_id())
-        return misuse("HotK_Free", "called within a callback");
+    if (reportingTo_ == object && std::this_thread::get_id() == thread_.get_id())
+        return misuse("HotK_Free", "called within the monitor's own callback");
     object->live = false;
     std::erase_if(events_, [&](const Event& event) { return event.monitor == object; });
     eventsChanged_.wait(lock, [&] { return reportingTo_ != object; });

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "wirehost.h"
@@ -14,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 // What the hot-plug callback was told. There is one at a time, as a callback knows no context.
@@ -56,11 +56,15 @@ class Events {
     bool held_ = false;
 };
 
+void put(char (&field)[libusbk::kTextSize], std::string_view text) {
+    text.copy(field, libusbk::kTextSize - 1);
+}
+
 libusbk::Monitor* watch(std::uint32_t flags, const char* deviceId) {
     libusbk::MonitorParameters parameters{};
     parameters.flags = flags;
     parameters.callback = Events::record;
-    std::strcpy(parameters.pattern.deviceId, deviceId);
+    put(parameters.pattern.deviceId, deviceId);
     libusbk::Monitor* monitor = nullptr;
     EXPECT_TRUE(libusbkTable().HotK_Init(&monitor, &parameters));
     return monitor;
@@ -122,14 +126,32 @@ TEST_F(UsbBus, WaitsForARunningCallbackWhenAMonitorEndsAndDropsTheOthers) {
     EXPECT_EQ(events.await(1).front(), "+1");
 }
 
+TEST_F(UsbBus, RefusesToEndAMonitorWithinItsOwnCallback) {
+    static std::atomic<bool> called;
+    called = false;
+    libusbk::MonitorParameters parameters{};
+    parameters.callback = [](libusbk::Monitor* own, const libusbk::DeviceEntry*, std::int32_t) {
+        EXPECT_FALSE(libusbkTable().HotK_Free(own));
+        EXPECT_EQ(libusbkTable().LibK_LastError(), libusbk::kInvalidParameter);
+        called = true;
+        called.notify_all();
+    };
+    libusbk::Monitor* monitor = nullptr;
+    ASSERT_TRUE(usb.HotK_Init(&monitor, &parameters));
+    bus.plug("1", newDevice());
+    called.wait(false);
+    EXPECT_TRUE(usb.HotK_Free(monitor));
+    expectedMisuse = {"HotK_Free: called within the monitor's own callback"};
+}
+
 TEST_F(UsbBus, ListsAndOpensWhatIsConnected) {
     const std::string id = bus.plug("0000:00:14.0-1.1", newDevice());
     EXPECT_EQ(id, "USB\\VID_1234&PID_5678\\0000:00:14.0-1.1");
     bus.plug("2", newDevice(), {0x1234, 0x5678, 0});
 
     libusbk::DevicePattern pattern{};
-    std::strcpy(pattern.deviceId, "USB\\VID_1234&PID_5678\\2");
-    std::strcpy(pattern.classGuid, "*");
+    put(pattern.deviceId, "USB\\VID_1234&PID_5678\\2");
+    put(pattern.classGuid, "*");
     libusbk::DeviceList* list = nullptr;
     ASSERT_TRUE(usb.LstK_InitEx(&list, 0, &pattern));
     const libusbk::DeviceEntry* entry = nullptr;
@@ -424,7 +446,7 @@ TEST_F(UsbBus, ServesSixteenDevicesAtOnceWhileSomeLeave) {
             for (std::uint32_t at = 0; at < kSize; at += 4096) {
                 const auto from = image.begin() + at;
                 if (worker.chunk({from, from + 4096}) == "2/1") {
-                    if (at == kSize / 2)
+                    if (leaves && at == kSize / 2)
                         ++halfWay;
                     // Those that are to leave wait for it before their last chunk.
                     if (leaves && at == kSize - 8192) {

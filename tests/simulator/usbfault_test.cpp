@@ -34,9 +34,9 @@ TEST_F(UsbFault, StrikesWhereAndAsOftenAsTheRuleSays) {
     device->addFault({FaultPoint::Sync, Fault::response(kRetry), 1, 2});
     device->addFault({FaultPoint::Sync, Fault::response(9), 0, 1});
     device->addFault({FaultPoint::GetResult, Fault::response(kReady), 0, FaultRule::kAlways});
-    std::vector<std::string> answers;
-    for (int i = 0; i < 5; ++i)
-        answers.push_back(host->command(sync));
+    std::vector<std::string> answers(5);
+    for (std::string& answer : answers)
+        answer = host->command(sync);
     // The second rule takes the first message, since the first one lets it pass.
     EXPECT_THAT(answers, ElementsAre("9/4", "4/4", "4/4", "0/4", "0/4"));
     EXPECT_EQ(device->count(FaultPoint::Sync), 5U);
