@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <optional>
 
@@ -28,7 +29,7 @@ class BurnProgress {
         const float value = static_cast<float>(data_) + waiting_;
         if (value - static_cast<float>(reported_) <= 0.5F)
             return std::nullopt;
-        reported_ = static_cast<unsigned>(value + 0.5F);
+        reported_ = static_cast<unsigned>(std::lround(value));
         return reported_;
     }
 

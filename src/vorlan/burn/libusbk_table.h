@@ -30,6 +30,7 @@
     X(OvlK_WaitOrCancel)
 
 struct LibusbkTable {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the second use declares the member.
 #define LIBUSBK_DECLARE(name) decltype(&::name) name;
     LIBUSBK_OPERATIONS(LIBUSBK_DECLARE)
 #undef LIBUSBK_DECLARE
