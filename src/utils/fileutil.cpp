@@ -61,6 +61,13 @@ FilePtr openFile(std::string_view path, const char* mode) {
     return FilePtr(std::fopen(native.c_str(), mode));
 }
 
+std::optional<std::uint32_t> sizeOf(std::FILE* file) {
+    const long size = std::fseek(file, 0, SEEK_END) == 0 ? std::ftell(file) : -1;
+    if (size < 0 || size > std::int64_t{UINT32_MAX} || std::fseek(file, 0, SEEK_SET) != 0)
+        return std::nullopt;
+    return static_cast<std::uint32_t>(size);
+}
+
 bool fileExists(const std::wstring& path) {
     std::error_code error;
     return !path.empty() && fs::exists(nativePath(path), error);

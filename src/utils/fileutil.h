@@ -6,6 +6,7 @@
 // the backslash as separator. They keep that form wherever they are stored, joined or shown.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -27,6 +28,10 @@ std::string nativePath(std::string_view path);
 // As fopen, with a path of the program. A directory counts as not opened.
 FilePtr openFile(std::wstring_view path, const char* mode);
 FilePtr openFile(std::string_view path, const char* mode);
+
+// Size in bytes of an open file, which is then at its start; nothing if it has none, like a pipe,
+// or one that does not fit.
+std::optional<std::uint32_t> sizeOf(std::FILE* file);
 
 // Whether a file or directory of that path exists; false for an empty path.
 bool fileExists(const std::wstring& path);

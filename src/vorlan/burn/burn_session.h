@@ -20,7 +20,8 @@ struct BURN_SESSION {
     libusbk::OverlappedPool* ovlPool = nullptr;  // one slot for the ROM stage; null likewise
     std::binary_semaphore entered{0};            // released when the session is in the table
     std::atomic<bool> workerEnded = false;
-    std::jthread worker;  // last member: it is joined before the others go
+    bool endedByForce = false;  // the worker still ran when it was interrupted
+    std::jthread worker;        // last member: it is joined before the others go
 };
 
 using SesHandle = BURN_SESSION*;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <system_error>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include "utils/interruption.h"
@@ -27,12 +28,10 @@ void serveSession(const std::stop_token& stop, SesHandle session) {
     session->workerEnded = true;
 }
 
-// Returns once the worker has ended, at most one transfer or short wait later.
-void endWorker(BURN_SESSION& session) {
-    if (session.worker.joinable()) {
-        session.worker.request_stop();
-        session.worker.join();
-    }
+// To be called before a worker is interrupted: afterwards it may end so soon that nobody can tell.
+void noteIfRunning(BURN_SESSION& session) {
+    if (!session.workerEnded)
+        session.endedByForce = true;
 }
 
 // Gives back what the worker has left, once it has ended.
@@ -72,6 +71,7 @@ void BurnAdmin::destroyInstance() {
 BurnAdmin::BurnAdmin() {
     TRACE("OS_NAME=%s\n", text::narrow(sysutil::getOsName()).c_str());
     TRACE("is64BitOS=%d\n", sysutil::is64BitOS());
+    binding_.emplace();
 }
 
 BurnAdmin::~BurnAdmin() = default;
@@ -143,43 +143,48 @@ void BurnAdmin::arrived(const libusbk::DeviceEntry& entry) {
         return;
     }
     const LibusbkTable& usb = libusbkTable();
-    auto session = std::make_unique<BURN_SESSION>();
-    if (!usb.UsbK_Init(&session->usbHandle, &entry)) {
+    libusbk::UsbHandle* usbHandle = nullptr;
+    if (!usb.UsbK_Init(&usbHandle, &entry)) {
         TRACE("Init device failed (ErrorCode: %08Xh) and CANNOT start FwDownload for %s!!\n",
               usb.LibK_LastError(), entry.instanceId);
         return;
     }
     TRACE("Vorlan %s opened successfully!\n", entry.instanceId);
     // The interface is not claimed: the ROM loader's pipes work without.
-    if (!usb.OvlK_Init(&session->ovlPool, session->usbHandle, 1, 0))
+    std::unique_ptr<BURN_SESSION> session(new (std::nothrow) BURN_SESSION);
+    if (session == nullptr) {
+        TRACE("No memory for BURN_SESSION!");
+        usb.UsbK_Free(usbHandle);
+        return;
+    }
+    session->usbHandle = usbHandle;
+    if (!usb.OvlK_Init(&session->ovlPool, usbHandle, 1, 0))
         session->ovlPool = nullptr;
-    session->device_path = entry.devicePath;
-    session->device_id = entry.deviceId;
-    session->bus_no = entry.busNumber;
-    session->device_address = entry.deviceAddress;
-
     try {
+        session->device_path = entry.devicePath;
+        session->device_id = entry.deviceId;
+        session->bus_no = entry.busNumber;
+        session->device_address = entry.deviceAddress;
         session->worker = std::jthread(serveSession, session.get());
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {  // no thread, or no memory for one
         TRACE("Failed to create Firmware Download thread!\n");
         releaseHandles(*session);
         return;
     }
     if (!Burn_Session_Add(session)) {
+        session->worker.request_stop();
         session->entered.release();
-        endWorker(*session);
+        session->worker.join();
         releaseHandles(*session);
     }
 }
 
 bool BurnAdmin::Burn_Session_Add(std::unique_ptr<BURN_SESSION>& session) {
-    if (session == nullptr)
-        return false;
-    TRACE("Burn_Session_Add\n");
     const std::lock_guard guard(lock_);
     const auto place = std::find(sessions_.begin(), sessions_.end(), nullptr);
-    if (place == sessions_.end())
+    if (session == nullptr || place == sessions_.end())
         return false;
+    TRACE("Burn_Session_Add\n");
     *place = std::move(session);
     ++count_;
     notifyPlug(place->get());
@@ -201,10 +206,12 @@ bool BurnAdmin::Burn_Session_Remove(const std::string& device_id) {
         --count_;
     }
     // The listener deletes what the worker uses, so the worker has to be gone first.
-    if (!session->workerEnded)
+    noteIfRunning(*session);
+    if (session->endedByForce)
         std::printf("%s: Firmware Download Thread for %s is still alive...\n",
                     "BurnAdmin::Burn_Session_Remove", session->device_id.c_str());
-    endWorker(*session);
+    session->worker.request_stop();
+    session->worker.join();
     notifyRemove(session.get());
     releaseHandles(*session);
     return true;
@@ -219,6 +226,7 @@ std::vector<std::string> BurnAdmin::interruptWorkers() {
         for (const auto& session : sessions_) {
             if (session == nullptr)
                 continue;
+            noteIfRunning(*session);
             ids.push_back(session->device_id);
             workers.push_back(session->worker.get_stop_source());
         }

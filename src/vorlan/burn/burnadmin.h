@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,7 +72,7 @@ class BurnAdmin {
 
     static std::atomic<BurnAdmin*> instance;
 
-    LibusbkBinding binding_;
+    std::optional<LibusbkBinding> binding_;  // first member: all else goes before it
     std::array<std::unique_ptr<BURN_SESSION>, kMaxSessions> sessions_;  // null where free
     mutable std::mutex lock_;                                           // guards table and count
     std::uint32_t count_ = 0;

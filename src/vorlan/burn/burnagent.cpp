@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <cerrno>
 #include <chrono>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "platform/dynamiclibrary.h"
@@ -12,6 +15,7 @@
 #include "utils/interruption.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
+#include "vorlan/burn/burn_limits.h"
 #include "vorlan/burn/burnprogress.h"
 #include "vorlan/burn/command_exchange.h"
 #include "vorlan/burn/imagesource.h"
@@ -29,16 +33,36 @@ constexpr const char* kEraseOperation = "BurnAgent::vorlan_erase_only";
 // An image is taken in chunks; fetched in chunks, 16 images at once would keep the disk too busy.
 constexpr std::size_t kReadAhead = 0x40000;  // bytes
 
-// `perMiB` for every MiB that the size begins.
-std::uint32_t timePerStartedMiB(std::uint32_t size, std::uint32_t perMiB) {
-    constexpr std::uint64_t kAlmostOneMiB = 0xFFFFF;
-    return static_cast<std::uint32_t>((size + kAlmostOneMiB) >> 20) * perMiB;
-}
-
 // Whole seconds, as the limit for a chunk counts them.
 std::int64_t secondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::seconds>(now).count();
+}
+
+bool isUsable(const FileImage& image, const char* operation) {
+    if (!image.isUsable())
+        LOG_E("%s: the size of the image file cannot be told or is too large!\n", operation);
+    return image.isUsable();
+}
+
+// Takes the image's next bytes, all that are wanted unless it ends before.
+bool readChunk(ImageSource& image, std::uint8_t* buffer, std::uint32_t wanted,
+               std::uint32_t& count) {
+    count = 0;
+    for (;;) {
+        std::uint32_t got = 0;
+        const ImageSource::Result result = image.read(buffer + count, wanted - count, got);
+        count += got;
+        if (result == ImageSource::Result::kOk)
+            return true;
+        if (result == ImageSource::Result::kError) {
+            LOG_E("\n%s: error(%08Xh) occurs in reading image file! readBytes = %u\n",
+                  kBurnOperation, static_cast<unsigned>(errno), count);
+            return false;
+        }
+        std::printf("\n%s: no end & no error, but read %u (< %u) bytes!\n", kBurnOperation, got,
+                    wanted);
+    }
 }
 
 bool anyCommand(std::uint8_t /*cmdorg*/) {
@@ -101,19 +125,23 @@ bool BurnAgent::runItems(unsigned mode) {
 
 bool BurnAgent::runItem(const BurnItem& item, unsigned mode) {
     const std::string path = text::narrow(item.file);
-    std::vector<char> readAhead(kReadAhead);  // outlives the file, which reads into it
+    // Outlives the file, which reads into it.
+    const std::unique_ptr<char[]> readAhead(new (std::nothrow) char[kReadAhead]);
     const fileutil::FilePtr file = fileutil::openFile(path, "rb");
     if (file == nullptr) {
         reportError(-3, "Open file failed! path=" + path);
         return false;
     }
-    std::setvbuf(file.get(), readAhead.data(), _IOFBF, readAhead.size());
+    if (readAhead != nullptr)
+        std::setvbuf(file.get(), readAhead.get(), _IOFBF, kReadAhead);
     switch (mode) {
         case CMD_CODE_FLASH_WRITE:
             return vorlan_burn(pVorDev_, item.addr, file.get(), flags_);
-        case CMD_CODE_ERASE_ONLY:
-            return vorlan_erase_only(pVorDev_, item.addr,
-                                     FileImage(file.get(), kEraseOperation).size(), flags_);
+        case CMD_CODE_ERASE_ONLY: {
+            const FileImage image(file.get());
+            return isUsable(image, kEraseOperation) &&
+                   vorlan_erase_only(pVorDev_, item.addr, image.size(), flags_);
+        }
         default:
             return vorlan_verify_only(pVorDev_, item.addr, file.get(), flags_);
     }
@@ -160,10 +188,9 @@ bool BurnAgent::vorlan_set_crc64(VORLAN_DEVICE* device, std::uint64_t crc, std::
 
 bool BurnAgent::vorlan_get_result(VORLAN_DEVICE* device, std::uint8_t cmdcode,
                                   std::uint32_t timeout) {
-    constexpr std::uint32_t kPollMs = 100;
     constexpr const char* kOperation = "BurnAgent::vorlan_get_result";
     const Record record = encode({.cmdcode = CMD_CODE_GET_RESULT});
-    for (std::uint32_t left = (timeout + kPollMs) / kPollMs; left > 0; --left) {
+    for (std::uint32_t left = resultPolls(timeout); left > 0; --left) {
         USB_RESP_COMMON response;
         const Exchange exchange = exchangeCommand(device, record, response);
         if (exchange == Exchange::kNotSent)
@@ -177,7 +204,7 @@ bool BurnAgent::vorlan_get_result(VORLAN_DEVICE* device, std::uint8_t cmdcode,
             LOG_E("%s: %s\n", kOperation, description.c_str());
             return false;
         }
-        interruption::sleep(std::chrono::milliseconds(kPollMs));
+        interruption::sleep(std::chrono::milliseconds(kResultPollMs));
     }
     LOG_E("%s: timeout!\n", kOperation);
     return false;
@@ -191,8 +218,8 @@ bool BurnAgent::vorlan_burn(VORLAN_DEVICE* device, std::uint32_t address, const 
 
 bool BurnAgent::vorlan_burn(VORLAN_DEVICE* device, std::uint32_t address, std::FILE* file,
                             std::uint32_t flags) {
-    FileImage image(file, kBurnOperation);
-    return burnImage(device, address, image, flags, "");
+    FileImage image(file);
+    return isUsable(image, kBurnOperation) && burnImage(device, address, image, flags, "");
 }
 
 bool BurnAgent::burnImage(VORLAN_DEVICE* device, std::uint32_t address, ImageSource& image,
@@ -227,15 +254,13 @@ bool BurnAgent::writeImage(VORLAN_DEVICE* device, std::uint32_t address, ImageSo
     reportProgress(tag, 0);
     image.rewind();
 
-    const std::uint32_t maxWait = timePerStartedMiB(image.size(), 15);  // s
-    if (!sendData(device, image, maxWait, tag))
-        return false;
-    const std::uint32_t timeout = maxWait * 1000;
-    return vorlan_get_result(device, CMD_CODE_FLASH_WRITE, checked ? timeout * 2 : timeout);
+    return sendData(device, image, tag) &&
+           vorlan_get_result(device, CMD_CODE_FLASH_WRITE,
+                             writeResultTimeout(image.size(), checked));
 }
 
-bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, std::uint32_t maxWait,
-                         const std::string& tag) {
+bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, const std::string& tag) {
+    const std::int64_t maxWait = maxChunkWait(image.size());
     BurnProgress progress(image.size());
     const auto reportIfDue = [&] {
         if (const auto percent = progress.due())
@@ -244,8 +269,7 @@ bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, std::uint32_
     std::array<std::uint8_t, kChunkSize> chunk;
     for (std::uint32_t sent = 0; sent < image.size();) {
         std::uint32_t count = 0;
-        if (image.read(chunk.data(), std::min(kChunkSize, image.size() - sent), count) !=
-            ImageSource::Result::kOk)
+        if (!readChunk(image, chunk.data(), std::min(kChunkSize, image.size() - sent), count))
             return false;
         if (count == 0)
             break;  // the file has become shorter: the device's check decides
@@ -263,6 +287,8 @@ bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, std::uint32_
                                    kTransferTimeoutMs, &error);
             if (bytes == kRecordSize)
                 break;
+            if (error == libusbk::kOperationAborted)
+                return false;
             if (error != libusbk::kCancelled) {
                 std::printf("%s: failed to read data response, bytes = %u, ErrorCode = 0x%08x\n",
                             kBurnOperation, bytes, error);
@@ -297,7 +323,9 @@ bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, std::uint32_
 
 bool BurnAgent::vorlan_verify_only(VORLAN_DEVICE* device, std::uint32_t address, std::FILE* file,
                                    std::uint32_t flags) {
-    FileImage image(file, kVerifyOperation);
+    FileImage image(file);
+    if (!isUsable(image, kVerifyOperation))
+        return false;
     LOG_D("verify flash from 0x%x to 0x%x\n", address, address + image.size());
     if (!announceCrc64(device, image, flags, kVerifyOperation))
         return false;
@@ -314,7 +342,7 @@ bool BurnAgent::vorlan_verify_only(VORLAN_DEVICE* device, std::uint32_t address,
         return false;
     interruption::sleep(20ms);
     const bool verified =
-        vorlan_get_result(device, CMD_CODE_VERIFY_ONLY, timePerStartedMiB(image.size(), 10'000));
+        vorlan_get_result(device, CMD_CODE_VERIFY_ONLY, scanResultTimeout(image.size()));
     LOG_E("%s: VERIFY_ONLY command %s!\n", kVerifyOperation, verified ? "succeed" : "failed");
     return verified;
 }
@@ -333,8 +361,7 @@ bool BurnAgent::vorlan_erase_only(VORLAN_DEVICE* device, std::uint32_t address, 
              .errorPrefix = ""}))
         return false;
     interruption::sleep(20ms);
-    const bool erased =
-        vorlan_get_result(device, CMD_CODE_ERASE_ONLY, timePerStartedMiB(size, 10'000));
+    const bool erased = vorlan_get_result(device, CMD_CODE_ERASE_ONLY, scanResultTimeout(size));
     if (erased)
         LOG_D("%s: ERASE_ONLY command succeed!\n", kEraseOperation);
     else

@@ -68,8 +68,7 @@ class BurnAgent {
                    std::uint32_t flags, const std::string& tag);
     bool writeImage(VORLAN_DEVICE* device, std::uint32_t address, ImageSource& image,
                     std::uint32_t flags, const std::string& tag);
-    bool sendData(VORLAN_DEVICE* device, ImageSource& image, std::uint32_t maxWait,
-                  const std::string& tag);
+    bool sendData(VORLAN_DEVICE* device, ImageSource& image, const std::string& tag);
     bool announceCrc64(VORLAN_DEVICE* device, ImageSource& image, std::uint32_t flags,
                        const char* operation);
 

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "utils/littleendian.h"
 #include "vorlan/burn/crc64_folding.h"
 #include "vorlan/burn/crc64_polynomial.h"
 
@@ -31,16 +32,9 @@ constexpr Tables makeTables() {
 
 constexpr Tables kTables = makeTables();
 
-std::uint64_t loadLittleEndian(const std::uint8_t* data) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < 8; ++i)
-        value |= std::uint64_t{data[i]} << (8 * i);
-    return value;
-}
-
 std::uint64_t slicedCrc64(std::uint64_t crc, const std::uint8_t* data, std::size_t size) {
     for (; size >= kSlices; data += kSlices, size -= kSlices) {
-        const std::uint64_t word = crc ^ loadLittleEndian(data);
+        const std::uint64_t word = crc ^ littleendian::get<std::uint64_t>(data);
         crc = 0;
         for (std::size_t i = 0; i < kSlices; ++i)
             crc ^= kTables[kSlices - 1 - i][(word >> (8 * i)) & 0xFF];

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -38,11 +39,10 @@ class Download {
 
     // All the way from the ROM's first message to the start of the image.
     bool run() {
-        std::fseek(file_.get(), 0, SEEK_END);
-        const long size = std::ftell(file_.get());
-        std::rewind(file_.get());
-        if (size <= 0) {
-            fail(libusbk::kInvalidParameter, "Empty file! path=" + path_);
+        const std::optional<std::uint32_t> size = fileutil::sizeOf(file_.get());
+        if (!size || *size == 0) {
+            fail(libusbk::kInvalidParameter,
+                 (size ? "Empty file! path=" : "Unusable file! path=") + path_);
             return false;
         }
         buffer_.reset(new (std::nothrow) std::uint8_t[kRomBufferSize]);
@@ -51,7 +51,7 @@ class Download {
             return false;
         }
         waitForRom();
-        return begin(static_cast<std::uint32_t>(size)) && sendImage() && end();
+        return begin(*size) && sendImage() && end();
     }
 
   private:

@@ -4,19 +4,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <string>
+#include <optional>
 
 class ImageSource {
   public:
     enum class Result {
-        kOk,     // the buffer is full, or holds all that is left
-        kError,  // the file cannot be read
+        kOk,          // the buffer is full, or holds all that is left
+        kError,       // the file cannot be read
+        kIncomplete,  // neither end nor error: there is more to come
     };
 
     virtual std::uint32_t size() const = 0;
     // Back to the first byte.
     virtual void rewind() = 0;
-    // Fills the buffer with the next bytes. `count` is below `size` only at the end of the image.
+    // Puts the next bytes into the buffer; `count` tells how many.
     virtual Result read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t& count) = 0;
 
   protected:
@@ -41,18 +42,20 @@ class MemoryImage final : public ImageSource {
 class FileImage final : public ImageSource {
   public:
     // The file is open for binary reading, stays the caller's and must outlive this. Its size is
-    // taken now. `operation` is the name for messages.
-    FileImage(std::FILE* file, const char* operation);
+    // taken now.
+    explicit FileImage(std::FILE* file);
 
-    std::uint32_t size() const override { return size_; }
+    // Whether the file has a size that an image can have.
+    bool isUsable() const { return size_.has_value(); }
+    std::uint32_t size() const override { return size_.value_or(0); }
     void rewind() override;
     Result read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t& count) override;
 
   private:
     std::FILE* file_;
-    const char* operation_;
-    std::uint32_t size_ = 0;
+    std::optional<std::uint32_t> size_;
 };
 
-// CRC-64 of the whole image, taken 4096 bytes at a time from its start. False if it cannot be read.
+// CRC-64 of the whole image, taken 4096 bytes at a time from its start. False if it cannot be read
+// or the calling thread is interrupted.
 bool imageCrc64(ImageSource& image, std::uint64_t& crc);

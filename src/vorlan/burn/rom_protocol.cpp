@@ -45,6 +45,7 @@ class RomTransfer {
         if (!complete(finished, "WritePipe", EP_ADDR_DATA_RESP_OUT, count, retries))
             return false;
         if (slot_ == nullptr && count < size) {
+            tellFailure("WritePipe", EP_ADDR_DATA_RESP_OUT, retries);
             interruption::sleep(10ms);
             return false;
         }
@@ -75,8 +76,7 @@ class RomTransfer {
             return true;
         lastError_ = usb.LibK_LastError();
         if (slot_ == nullptr || lastError_ != libusbk::kIoPending) {
-            TRACE("%s 0x%x failed (retries = %d), errorCode = %08Xh\n", name, endpoint, retries,
-                  lastError_);
+            tellFailure(name, endpoint, retries);
         } else {
             if (usb.OvlK_WaitOrCancel(slot_, kTransferTimeoutMs, &count))
                 return true;
@@ -88,6 +88,11 @@ class RomTransfer {
         if (slot_ != nullptr)
             usb.UsbK_FlushPipe(usbHandle_, endpoint);
         return false;
+    }
+
+    void tellFailure(const char* name, std::uint8_t endpoint, int retries) const {
+        TRACE("%s 0x%x failed (retries = %d), errorCode = %08Xh\n", name, endpoint, retries,
+              lastError_);
     }
 
     libusbk::UsbHandle* usbHandle_;
@@ -173,6 +178,8 @@ std::uint32_t send_mem_command(const std::uint8_t* buf, std::uint32_t data_len,
         TRACE("%s: Return Error = 0x%x (retries = %d)\n", kOperation, status, retries);
         interruption::sleep(10ms);
     }
+    if (interruption::requested())
+        return libusbk::kOperationAborted;
     TRACE("%s: ERROR! Retry WritePipe has reaches max (%d)!\n", kOperation, USB_WR_RETRIES);
     errorText = "Retry WritePipe has reaches max (" + std::to_string(USB_WR_RETRIES) + ")!";
     if (transfer.lastError() != libusbk::kNoError)

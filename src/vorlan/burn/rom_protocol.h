@@ -22,7 +22,8 @@ std::uint8_t romChecksum(const std::uint8_t* data, std::uint32_t size);
 // Each builds its message at the start of `buf`, which has room for it, and sends it until the ROM
 // reports success. A payload is already in its place, behind the header. The slot may be null.
 // Returns 0, the ROM's fatal status (0xF0 and above), or another non-zero code when all tries have
-// failed; `errorText` then says which. Blocks for at most USB_WR_RETRIES times 0.4 s.
+// failed; `errorText` then says which. Every transfer and wait has its limit, and an interruption
+// of the calling thread ends them all; the result is then kOperationAborted.
 std::uint32_t send_mem_begin_command(std::uint8_t* buf, std::uint32_t buf_len,
                                      std::uint32_t total_len, libusbk::UsbHandle* usbHandle,
                                      libusbk::OverlappedSlot* slot, std::string& errorText);
