@@ -15,9 +15,12 @@ for program in build/bench/bin/bench/*; do
     name=$(basename "$program")
     echo "== $name"
     json=$results/$name.json
-    "$program" --benchmark_filter="${1:-.}" --benchmark_counters_tabular=true \
-        --benchmark_out_format=json --benchmark_out="$json" 2>/dev/null
-    if grep -q '"error_occurred": true' "$json"; then
+    # The program's own trace goes to a file, which tells why a benchmark has crashed.
+    if ! "$program" --benchmark_filter="${1:-.}" --benchmark_counters_tabular=true \
+        --benchmark_out_format=json --benchmark_out="$json" 2>"$results/$name.log"; then
+        tail "$results/$name.log"
+        status=1
+    elif grep -q '"error_occurred": true' "$json"; then
         status=1
     fi
 done

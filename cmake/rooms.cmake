@@ -1,9 +1,9 @@
 # vorlan_room(TARGET ROOM USES TARGETS...)
 #
 # Makes TARGET the owner of the folder ROOM (relative to src/ or to the top of the tree) and lets
-# it use other rooms. A header is included as "ROOM/header.h", and this works only for targets that
-# name the room in USES: each room is reached through an include directory of its own that holds
-# nothing but a link to the room, so an include against the plan does not build.
+# it use other rooms, and what those use in their turn. A header is included as "ROOM/header.h"; each
+# room is reached through an include directory of its own that holds nothing but a link to the room,
+# so an include upward or sideways does not build.
 function(vorlan_room target room)
     cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "USES")
     set(door ${CMAKE_BINARY_DIR}/rooms/${target})

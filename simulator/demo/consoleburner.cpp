@@ -136,6 +136,7 @@ void ConsoleBurner::Slot::onItemProgress(BurnAgent* agent, const BurnItem* item,
 }
 
 void ConsoleBurner::Slot::onBurnDone(BurnAgent* agent) {
+    // Shown last, so that whoever waits for the tile finds the number marked.
     const std::string sn = agent->get_sn();
     if (record_ != nullptr && snFile().isLoaded() != 0)
         snFile().markBurned(record_);

@@ -40,7 +40,7 @@ class ConsoleBurner final : public UsbListener {
     std::array<Tile, kSlots> tiles() const;
 
     // Waits on the calling thread until the tiles satisfy the condition; `whileWaiting` is called
-    // about ten times a second. False after `limit`.
+    // with every change. False after `limit`.
     using Tiles = std::array<Tile, kSlots>;
     bool waitFor(const std::function<bool(const Tiles&)>& condition, std::chrono::seconds limit,
                  const std::function<void(const Tiles&)>& whileWaiting) const;

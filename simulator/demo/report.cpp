@@ -19,9 +19,13 @@ void Report::line(const char* format, ...) {
 }
 
 void Report::showTiles(const ConsoleBurner::Tiles& tiles) {
-    if (!live_)
+    const auto now = std::chrono::steady_clock::now();
+    if (!live_ || now - lastView_ < std::chrono::milliseconds(100))
         return;
+    lastView_ = now;
     eraseView();
+    // A line that wrapped would take two, and the view would not be erased whole.
+    std::fputs("\033[?7l", out_.get());
     constexpr unsigned kBarWidth = 25;
     for (const ConsoleBurner::Tile& tile : tiles) {
         std::string bar(tile.percent * kBarWidth / 100, '#');
@@ -31,6 +35,7 @@ void Report::showTiles(const ConsoleBurner::Tiles& tiles) {
                      tile.status.c_str());
         ++viewLines_;
     }
+    std::fputs("\033[?7h", out_.get());
     std::fflush(out_.get());
 }
 

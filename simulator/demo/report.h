@@ -2,6 +2,7 @@
 // Kept apart from standard output and standard error, which belong to the program's own messages.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "simulator/demo/consoleburner.h"
@@ -19,7 +20,8 @@ class Report {
     // One finished line.
     [[gnu::format(printf, 2, 3)]] void line(const char* format, ...);
 
-    // The tiles as they are now, in place of the last view. Nothing unless live.
+    // The tiles as they are now, in place of the last view. Nothing unless live; at most about ten
+    // times a second.
     void showTiles(const ConsoleBurner::Tiles& tiles);
 
   private:
@@ -28,6 +30,7 @@ class Report {
     fileutil::FilePtr out_;
     bool live_;
     int viewLines_ = 0;
+    std::chrono::steady_clock::time_point lastView_;
 };
 
 }  // namespace simulator

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <span>
 
 #include "storage/globalstorage.h"
 #include "utils/text.h"
@@ -22,7 +23,8 @@ constexpr std::size_t kDevices = 17;
 constexpr std::size_t kUnpluggedOne = 4;  // in mid-burn, and plugged in again
 constexpr std::size_t kRomFailure = 7;
 constexpr std::size_t kFlashFailure = 10;
-constexpr std::size_t kLateOne = 16;  // finds all sixteen places taken
+constexpr std::size_t kLateOne = 16;        // finds all sixteen places taken
+constexpr std::uint32_t kGoodChunks = 200;  // that the flash failure takes before it fails
 constexpr unsigned kSerialNumbers = 20;
 constexpr const char* kPackageFile = "sample.vrk";
 constexpr const char* kCsvFile = "serial-numbers.csv";
@@ -103,7 +105,7 @@ void UsbDemo::makeDevices() {
             device.fate = Fate::kFailsInFlash;
             device.device->addFault({.where = FaultPoint::Chunk,
                                      .what = Fault::error("flash program failed"),
-                                     .skip = 200});
+                                     .skip = kGoodChunks});
         } else if (i == kLateOne) {
             device.fate = Fate::kComesLate;
         }
@@ -207,29 +209,60 @@ bool UsbDemo::check() {
 }
 
 bool UsbDemo::checkDevice(std::size_t number, const Device& device, std::set<std::string>& burned) {
-    const Flash& flash = device.device->flash();
-    std::string verdict;
     const bool shouldBeBurned = device.fate == Fate::kBurned || device.fate == Fate::kComesLate;
-    if (shouldBeBurned) {
-        const std::string sn = serialNumberIn(flash);
-        if (device.outcome != "烧录成功！SN=" + sn)
-            verdict = "tile and flash disagree on the serial number";
-        else if (!burned.insert(sn).second)
-            verdict = "serial number given twice";
-        else if (!holdsPackage(flash, sn))
-            verdict = "flash differs from the package";
-        else if (device.device->downloadedBurner() != package_.burner())
-            verdict = "burner image differs from the package";
-    } else if (device.outcome.find("烧录成功") != std::string::npos || device.outcome.empty()) {
-        verdict = "should have failed";
-    }
+    std::string trouble =
+        shouldBeBurned ? troubleWithBurned(device, burned) : troubleWithFailed(device);
     for (const std::string& error : device.device->errors())
-        verdict += (verdict.empty() ? "" : "; ") + error;
+        trouble += "; " + error;
 
-    const char* const proof = shouldBeBurned ? "flash identical to the package" : "as scripted";
-    report_.line("device %2zu  %-20s %-46s %s", number, device.port.c_str(), device.outcome.c_str(),
-                 verdict.empty() ? proof : verdict.c_str());
-    return verdict.empty();
+    const char* const proof =
+        shouldBeBurned ? "flash identical to the package" : "failed where it should";
+    report_.line("device %2zu  %-18s %s  %s", number, device.port.c_str(), device.outcome.c_str(),
+                 trouble.empty() ? proof : ("WRONG: " + trouble).c_str());
+    return trouble.empty();
+}
+
+// What is wrong with a device that must hold the package and a number of its own; empty if nothing.
+std::string UsbDemo::troubleWithBurned(const Device& device, std::set<std::string>& burned) const {
+    const Flash& flash = device.device->flash();
+    const std::string sn = serialNumberIn(flash);
+    if (device.outcome != "烧录成功！SN=" + sn)
+        return "tile and flash disagree on the serial number";
+    if (!burned.insert(sn).second)
+        return "serial number given twice";
+    if (!holdsPackage(flash, sn))
+        return "flash differs from the package";
+    if (device.device->downloadedBurner() != package_.burner())
+        return "burner image differs from the package";
+    return {};
+}
+
+// What is wrong with a device that must have failed just where it was told to; empty if nothing.
+std::string UsbDemo::troubleWithFailed(const Device& device) const {
+    const Flash& flash = device.device->flash();
+    if (device.fate == Fate::kFailsInRom) {
+        if (device.outcome != "error=0xf1, des=Return Fatal Error! (retries = 0)")
+            return "should have failed in its ROM loader";
+        return flash.writtenRanges().empty() ? "" : "flash written before the burner ran";
+    }
+    // The first image whole, and of the second all chunks but the refused one.
+    std::vector<Flash::Range> expected;
+    std::uint32_t chunks = kGoodChunks;
+    for (const SampleImage& image : package_.images()) {
+        const auto size = std::min(image.bytes.size(), std::size_t{chunks} * kChunkSize);
+        if (size == 0)
+            break;
+        if (!flash.holds(image.address, std::span(image.bytes).first(size)))
+            return "flash differs from the package";
+        expected.push_back({image.address, size});
+        chunks -= static_cast<std::uint32_t>((size + kChunkSize - 1) / kChunkSize);
+    }
+    if (flash.writtenRanges() != expected)
+        return "should have failed in flash after " + std::to_string(kGoodChunks) + " chunks";
+    const std::string lastImage = package_.images()[expected.size() - 1].name;
+    return device.outcome.starts_with("正在写入 .\\temp_image\\" + lastImage)
+               ? ""
+               : "the tile should show the last progress";
 }
 
 std::string UsbDemo::serialNumberIn(const Flash& flash) const {
@@ -254,7 +287,8 @@ bool UsbDemo::holdsPackage(const Flash& flash, const std::string& sn) const {
     return flash.writtenRanges() == expected;
 }
 
-// Every row of the file on the disk is there, and just those of burned devices are marked.
+// Just the rows of burned devices are marked in the file on the disk, and every other number is
+// free: none is lost, those of failed devices are back.
 bool UsbDemo::checkSerialNumbers(const std::set<std::string>& burned) {
     std::string expected = sampleSerialNumbers(kSerialNumbers);
     for (const std::string& sn : burned) {
@@ -265,9 +299,18 @@ bool UsbDemo::checkSerialNumbers(const std::set<std::string>& burned) {
     }
     if (readWhole(nativeCurrentPath(kCsvFile)) != expected)
         return fail("the serial number file does not tell what was burned");
+
+    std::set<std::string> free;
+    SerialNumFile& pool = GlobalStorage::getInstance().getSnFile();
+    while (const SerialNumFile::SnRecord* const record = pool.takeNext())
+        free.insert(record->sn);
     report_.line("serial numbers: %u in the file, %zu burned and marked, %zu free", kSerialNumbers,
-                 burned.size(), kSerialNumbers - burned.size());
-    return true;
+                 burned.size(), free.size());
+    for (const std::string& sn : burned) {
+        if (free.contains(sn))
+            return fail("burned and still free: " + sn);
+    }
+    return burned.size() + free.size() == kSerialNumbers || fail("serial numbers are lost");
 }
 
 }  // namespace simulator

@@ -48,6 +48,8 @@ class UsbDemo {
 
     void noteOutcomes();
     bool checkDevice(std::size_t number, const Device& device, std::set<std::string>& burned);
+    std::string troubleWithBurned(const Device& device, std::set<std::string>& burned) const;
+    std::string troubleWithFailed(const Device& device) const;
     std::string serialNumberIn(const Flash& flash) const;
     bool holdsPackage(const Flash& flash, const std::string& sn) const;
     bool checkSerialNumbers(const std::set<std::string>& burned);
