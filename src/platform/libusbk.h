@@ -132,7 +132,9 @@ bool UsbK_ReadPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8
 bool UsbK_WritePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, const std::uint8_t* buffer,
                     std::uint32_t length, std::uint32_t* transferred,
                     libusbk::OverlappedSlot* slot);
-// Clears a halt of the pipe.
+// Clears a halt of the pipe. Fails with kSemaphoreTimeout if the device has not answered after half
+// a second, kOperationAborted as soon as the handle is interrupted. A device that falls silent just
+// after it has answered can hold the call up for 5 seconds more.
 bool UsbK_ResetPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
 // Empties the pipe: an IN pipe drops answers that came too late until none follows for a moment, an
 // OUT pipe has nothing to drop and is never touched. Fails with kSemaphoreTimeout if the device
