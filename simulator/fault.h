@@ -71,7 +71,7 @@ class Fault {
         fault.length = length;
         return fault;
     }
-    // The host's transfer fails.
+    // The host's transfer fails, and all later ones on its endpoint until the host resets that.
     static Fault stall() { return Fault(Kind::Stall); }
     // The host's transfer ends well, but with this many bytes only.
     static Fault shortWrite(std::uint32_t bytes) { return {Kind::ShortWrite, bytes}; }
@@ -107,7 +107,8 @@ class Fault {
         fault.text = std::move(bytes);
         return fault;
     }
-    // The transfer that fetches the answer fails.
+    // The transfer that comes for the answer fails, and all later ones on its endpoint until the
+    // host resets that.
     static Fault stallAnswer() { return Fault(Kind::StallAnswer); }
     // The device leaves when this many bytes of the answer have moved.
     static Fault unplugInAnswer(std::uint32_t bytes = 0) { return {Kind::UnplugInAnswer, bytes}; }

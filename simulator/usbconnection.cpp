@@ -21,10 +21,9 @@ UsbTransferSlot::State UsbConnection::start(UsbTransferSlot& slot, UsbOpening& o
     slot.request = request;
     slot.again = Clock::time_point::max();
     underWay_.push_back(&slot);
-    if (opening.interrupted)
-        end(slot, libusbk::kOperationAborted);
-    else if (cut_)
-        end(slot, libusbk::kDeviceNotConnected);
+    const std::uint32_t obstacle = makeReadyLocked(opening);
+    if (obstacle != libusbk::kNoError)
+        end(slot, obstacle);
     else if (!deferred)
         pump();
     const UsbTransferSlot::State state = slot.state;
@@ -71,8 +70,8 @@ bool UsbConnection::abandonAll(const UsbOpening& opening) {
     const auto own = [&](const UsbTransferSlot* slot) { return slot->opening == &opening; };
     const bool any = std::ranges::any_of(underWay_, own);
     endAll(libusbk::kOperationAborted, &opening);
-    if (claimedBy_ == &opening)
-        claimedBy_ = nullptr;
+    if (owner_ == &opening)
+        owner_ = nullptr;
     return any;
 }
 
@@ -84,20 +83,37 @@ void UsbConnection::interrupt(UsbOpening& opening) {
     unlock(lock);
 }
 
+std::uint32_t UsbConnection::makeReady(UsbOpening& opening) {
+    const std::lock_guard guard(lock_);
+    return makeReadyLocked(opening);
+}
+
+std::uint32_t UsbConnection::makeReadyLocked(UsbOpening& opening) {
+    if (opening.interrupted)
+        return libusbk::kOperationAborted;
+    if (cut_)
+        return libusbk::kDeviceNotConnected;
+    if (owner_ == nullptr)
+        owner_ = &opening;
+    return owner_ == &opening ? libusbk::kNoError : libusbk::kBusy;
+}
+
 bool UsbConnection::claim(UsbOpening& opening, bool& twice) {
     const std::lock_guard guard(lock_);
-    twice = claimedBy_ == &opening;
-    if (claimedBy_ != nullptr)
+    twice = opening.hasClaimed;
+    if (twice || (owner_ != nullptr && owner_ != &opening))
         return false;
-    claimedBy_ = &opening;
+    owner_ = &opening;
+    opening.hasClaimed = true;
     return true;
 }
 
 bool UsbConnection::release(UsbOpening& opening) {
     const std::lock_guard guard(lock_);
-    if (claimedBy_ != &opening)
+    if (owner_ != &opening)
         return false;
-    claimedBy_ = nullptr;
+    owner_ = nullptr;
+    opening.hasClaimed = false;
     return true;
 }
 
@@ -145,9 +161,11 @@ void UsbConnection::progress(UsbTransferSlot& slot) {
             ? device_->hostReads(request.endpoint, {request.in, request.length}, slot.moved)
             : device_->hostWrites(request.endpoint, {request.out, request.length});
     slot.moved = outcome.moved;
-    slot.again = outcome.again;
+    // Whoever waits for this transfer may not be who moves it, and has to look at the clock anew.
+    if (std::exchange(slot.again, outcome.again) != outcome.again)
+        changed_.notify_all();
     slot.refused = outcome.state == State::Refused;
-    if (outcome.needsClaim && claimedBy_ != slot.opening && !std::exchange(unclaimedTold_, true))
+    if (outcome.needsClaim && !slot.opening->hasClaimed && !std::exchange(unclaimedTold_, true))
         errors_->add("a transfer with the burner image without a claim of the interface");
     if (outcome.state == State::Ended)
         end(slot, libusbk::kNoError);

@@ -14,9 +14,10 @@
 
 namespace simulator {
 
-// One opening of the device by the host. Its member belongs to the connection.
+// One opening of the device by the host. Its members belong to the connection.
 struct UsbOpening {
     bool interrupted = false;
+    bool hasClaimed = false;  // has asked for the interface and not just used a pipe
 };
 
 struct UsbRequest {
@@ -66,15 +67,19 @@ class UsbConnection {
     bool abandonAll(const UsbOpening& opening);
 
     void interrupt(UsbOpening& opening);
-    // Fails if the interface is claimed, by this opening (`twice`) or another.
+    // Whether the opening's pipes can be used: kNoError or what is in the way. The first use takes
+    // the interface, unless another opening has it.
+    std::uint32_t makeReady(UsbOpening& opening);
+    // Fails if the opening has claimed the interface before (`twice`), or another has it.
     bool claim(UsbOpening& opening, bool& twice);
-    // Fails if it has no claim.
+    // Fails if the opening does not have the interface.
     bool release(UsbOpening& opening);
     // The cable is drawn.
     void cut();
     bool isCut() const;
 
   private:
+    std::uint32_t makeReadyLocked(UsbOpening& opening);
     // Moves what can be moved of all transfers under way, in the order of their start.
     void pump();
     bool mayMove(std::size_t index) const;
@@ -92,7 +97,7 @@ class UsbConnection {
     mutable std::mutex lock_;  // guards all below, the slots and the openings
     std::condition_variable changed_;
     std::vector<UsbTransferSlot*> underWay_;
-    UsbOpening* claimedBy_ = nullptr;
+    UsbOpening* owner_ = nullptr;  // who has the interface
     bool cut_ = false;
     bool leftToTell_ = false;
     bool unclaimedTold_ = false;

@@ -156,7 +156,8 @@ class VirtualUsbBus::Core {
     bool release(libusbk::UsbHandle* handle, std::uint8_t number);
     bool transfer(libusbk::UsbHandle* handle, const UsbRequest& request, std::uint32_t* transferred,
                   libusbk::OverlappedSlot* slot, const char* name);
-    bool pipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, bool flush, const char* name);
+    bool reset(libusbk::UsbHandle* handle, std::uint8_t endpoint);
+    bool flush(libusbk::UsbHandle* handle, std::uint8_t endpoint);
     bool interrupt(libusbk::UsbHandle* handle);
     bool initPool(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle, std::int32_t count);
     bool freePool(libusbk::OverlappedPool* pool);
@@ -192,6 +193,9 @@ class VirtualUsbBus::Core {
     // Whether the operation is told to fail now; sets the last error then.
     bool isToFail(UsbOperation operation);
     HandleObject* openHandle(libusbk::UsbHandle* handle, const char* operation);
+    // The same for an operation on a pipe.
+    HandleObject* openPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
+                           const char* operation);
     SlotObject* takenSlot(libusbk::OverlappedSlot* slot, const char* operation);
     // Takes the device off the bus, once, and has its removal reported.
     void remove(const UsbConnection* connection);
@@ -365,6 +369,15 @@ HandleObject* VirtualUsbBus::Core::openHandle(libusbk::UsbHandle* handle, const 
     if (object != nullptr && object->live)
         return object;
     misuse(operation, "no open handle");
+    return nullptr;
+}
+
+HandleObject* VirtualUsbBus::Core::openPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
+                                            const char* operation) {
+    HandleObject* const object = openHandle(handle, operation);
+    if (object == nullptr || isIn(endpoint) || isOut(endpoint))
+        return object;
+    misuse(operation, "no such pipe");
     return nullptr;
 }
 
@@ -580,18 +593,27 @@ bool VirtualUsbBus::Core::transfer(libusbk::UsbHandle* handle, const UsbRequest&
     return target->code == libusbk::kNoError || failWith(target->code);
 }
 
-bool VirtualUsbBus::Core::pipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, bool flush,
-                               const char* name) {
-    HandleObject* const object = openHandle(handle, name);
+bool VirtualUsbBus::Core::reset(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
+    HandleObject* const object = openPipe(handle, endpoint, "UsbK_ResetPipe");
     if (object == nullptr)
         return false;
-    if (!isIn(endpoint) && !isOut(endpoint))
-        return misuse(name, "no such pipe");
-    if (object->connection->isCut())
-        return failWith(libusbk::kDeviceNotConnected);
-    if (flush)
-        object->connection->device().hostFlushes(endpoint);
+    const std::uint32_t obstacle = object->connection->makeReady(object->opening);
+    if (obstacle != libusbk::kNoError)
+        return failWith(obstacle);
+    object->connection->device().hostResets(endpoint);
     return true;
+}
+
+bool VirtualUsbBus::Core::flush(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
+    HandleObject* const object = openPipe(handle, endpoint, "UsbK_FlushPipe");
+    if (object == nullptr)
+        return false;
+    if (isOut(endpoint))
+        return true;
+    const std::uint32_t obstacle = object->connection->makeReady(object->opening);
+    if (obstacle != libusbk::kNoError)
+        return failWith(obstacle);
+    return object->connection->device().hostFlushes(endpoint) || failWith(libusbk::kGeneralFailure);
 }
 
 bool VirtualUsbBus::Core::interrupt(libusbk::UsbHandle* handle) {
@@ -728,10 +750,10 @@ struct UsbBusTable {
                                     "UsbK_WritePipe");
     }
     static bool UsbK_ResetPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
-        return bus.load()->pipe(handle, endpoint, false, "UsbK_ResetPipe");
+        return bus.load()->reset(handle, endpoint);
     }
     static bool UsbK_FlushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
-        return bus.load()->pipe(handle, endpoint, true, "UsbK_FlushPipe");
+        return bus.load()->flush(handle, endpoint);
     }
     static bool UsbK_Interrupt(libusbk::UsbHandle* handle) { return bus.load()->interrupt(handle); }
     static bool OvlK_Init(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle,

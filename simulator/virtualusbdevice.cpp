@@ -44,6 +44,8 @@ void VirtualUsbDevice::powerOn() {
     quietUntil_ = Clock::now() + options_.romStartUp;
     commands_ = {};
     data_ = {};
+    halted_.clear();
+    resets_.clear();
     traffic_ = 0;
 }
 
@@ -62,6 +64,8 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
     if (left_)
         return {.state = TransferOutcome::State::Refused, .left = true};
     advance(now);
+    if (halted_.contains(endpoint))
+        return {.state = TransferOutcome::State::Stalled};
     if (now < quietUntil_)
         return {.state = TransferOutcome::State::Waiting, .again = quietUntil_};
 
@@ -84,7 +88,7 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
         outcome.needsClaim = stage_ == UsbStage::Burner;
         const Fault& fault = strike(pointOf(endpoint, bytes));
         if (fault.kind >= Fault::Kind::Stall && fault.kind <= Fault::Kind::Unplug)
-            return transferFault(fault, size);
+            return transferFault(endpoint, fault, size);
         if (fault.kind != Fault::Kind::Swallow)
             take(endpoint, bytes, fault, now);
     }
@@ -96,9 +100,12 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
     return outcome;
 }
 
-TransferOutcome VirtualUsbDevice::transferFault(const Fault& fault, std::uint32_t size) {
-    if (fault.kind == Fault::Kind::Stall)
+TransferOutcome VirtualUsbDevice::transferFault(std::uint8_t endpoint, const Fault& fault,
+                                                std::uint32_t size) {
+    if (fault.kind == Fault::Kind::Stall) {
+        halted_.insert(endpoint);
         return {.state = TransferOutcome::State::Stalled};
+    }
     TransferOutcome outcome{.state = TransferOutcome::State::Refused,
                             .moved = std::min(fault.value, size)};
     traffic_ += outcome.moved;
@@ -121,6 +128,10 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
     Exchange& exchange = endpoint == kDataIn ? data_ : commands_;
     AnswerQueue& answers = exchange.answers;
     while (!left_) {
+        if (halted_.contains(endpoint)) {
+            outcome.state = TransferOutcome::State::Stalled;
+            return outcome;
+        }
         if (answers.empty() || answers.front().readableAt > now) {
             outcome.state = TransferOutcome::State::Waiting;
             if (!answers.empty())
@@ -130,8 +141,8 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
         const Packet& packet = answers.front();
         if (packet.kind == Packet::Kind::Stall) {
             answers.pop();
-            outcome.state = TransferOutcome::State::Stalled;
-            return outcome;
+            halted_.insert(endpoint);
+            continue;
         }
         if (packet.kind == Packet::Kind::Unplug) {
             leave();
@@ -185,12 +196,21 @@ void VirtualUsbDevice::delivered(Exchange& exchange, const Packet& packet, Clock
     }
 }
 
-void VirtualUsbDevice::hostFlushes(std::uint8_t endpoint) {
+bool VirtualUsbDevice::hostFlushes(std::uint8_t endpoint) {
     const std::lock_guard guard(lock_);
+    if (halted_.contains(endpoint))
+        return false;
     if (endpoint == kCommandIn)
         commands_.answers.drain(Clock::now());
     if (endpoint == kDataIn)
         data_.answers.drain(Clock::now());
+    return true;
+}
+
+void VirtualUsbDevice::hostResets(std::uint8_t endpoint) {
+    const std::lock_guard guard(lock_);
+    halted_.erase(endpoint);
+    resets_.push_back(endpoint);
 }
 
 void VirtualUsbDevice::addFault(FaultRule rule) {
@@ -222,6 +242,11 @@ std::uint32_t VirtualUsbDevice::count(FaultPoint point) const {
 std::uint64_t VirtualUsbDevice::traffic() const {
     const std::lock_guard guard(lock_);
     return traffic_;
+}
+
+std::vector<std::uint8_t> VirtualUsbDevice::resets() const {
+    const std::lock_guard guard(lock_);
+    return resets_;
 }
 
 std::size_t VirtualUsbDevice::unreadBytes(std::uint8_t endpoint) const {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -47,7 +48,7 @@ struct TransferOutcome {
         Ended,
         Waiting,  // nothing more moves before `again`
         Refused,  // nothing more moves at all
-        Stalled,
+        Stalled,  // the endpoint is halted
     };
     State state = State::Ended;
     std::uint32_t moved = 0;  // bytes in all
@@ -68,7 +69,10 @@ class VirtualUsbDevice {
     // `moved` bytes of the buffer have been filled before.
     TransferOutcome hostReads(std::uint8_t endpoint, std::span<std::uint8_t> buffer,
                               std::uint32_t moved);
-    void hostFlushes(std::uint8_t endpoint);
+    // False if the endpoint is halted.
+    bool hostFlushes(std::uint8_t endpoint);
+    // Ends a halt of the endpoint: once stalled, it stays so until then.
+    void hostResets(std::uint8_t endpoint);
 
     void addFault(FaultRule rule);
     // The device leaves as soon as so many bytes have moved since power-on, both ways together.
@@ -83,6 +87,8 @@ class VirtualUsbDevice {
     std::uint32_t count(FaultPoint point) const;
     // Bytes that have moved since power-on, both ways together.
     std::uint64_t traffic() const;
+    // The endpoints that the host has reset since power-on, in the order of the resets.
+    std::vector<std::uint8_t> resets() const;
     // What waits on an IN endpoint, readable or not yet.
     std::size_t unreadBytes(std::uint8_t endpoint) const;
     // With recordsTransfers: every message the host sent and every answer as far as it was read.
@@ -102,7 +108,7 @@ class VirtualUsbDevice {
     std::optional<FaultPoint> pointOf(std::uint8_t endpoint, Bytes bytes) const;
     // The fault that befalls this message; it is counted.
     const Fault& strike(std::optional<FaultPoint> point);
-    TransferOutcome transferFault(const Fault& fault, std::uint32_t size);
+    TransferOutcome transferFault(std::uint8_t endpoint, const Fault& fault, std::uint32_t size);
     void take(std::uint8_t endpoint, Bytes bytes, const Fault& fault, Clock::time_point now);
     void takeRomMessage(Bytes message, const Fault& fault, Clock::time_point now);
     void takeCommand(Bytes record, const Fault& fault, Clock::time_point now);
@@ -132,6 +138,8 @@ class VirtualUsbDevice {
     Clock::time_point quietUntil_;
     Exchange commands_;  // on kCommandIn: records, ROM messages
     Exchange data_;      // on kDataIn: chunks
+    std::set<std::uint8_t> halted_;
+    std::vector<std::uint8_t> resets_;
     std::vector<FaultRule> faults_;
     std::array<std::uint32_t, kFaultPoints> counts_{};
     std::uint64_t traffic_ = 0;

@@ -112,8 +112,9 @@ bool LstK_FindByVidPid(libusbk::DeviceList* list, std::uint16_t vendorId, std::u
                        const libusbk::DeviceEntry** entry);
 bool LstK_Free(libusbk::DeviceList* list);
 
-// Opens the device; its pipes work at once, with no claim. Fails with kDeviceNotConnected,
-// kAccessDenied, kNotEnoughMemory or kGeneralFailure.
+// Opens the device; its pipes work at once: the first use of one claims interface 0 unless the
+// handle has claimed one, and fails with kBusy if somebody else has it. Fails with
+// kDeviceNotConnected, kAccessDenied, kNotEnoughMemory or kGeneralFailure.
 bool UsbK_Init(libusbk::UsbHandle** handle, const libusbk::DeviceEntry* entry);
 // Closes the handle, and cancels what is still under way on it. Its pools may be freed before or
 // after, but nothing can be started with their slots any more.
@@ -131,14 +132,18 @@ bool UsbK_ReadPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8
 bool UsbK_WritePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, const std::uint8_t* buffer,
                     std::uint32_t length, std::uint32_t* transferred,
                     libusbk::OverlappedSlot* slot);
-// Clears a halt of the pipe.
+// Clears a halt of the pipe. Fails with kSemaphoreTimeout if the device has not answered after half
+// a second, kOperationAborted as soon as the handle is interrupted. A device that falls silent just
+// after it has answered can hold the call up for 5 seconds more.
 bool UsbK_ResetPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
 // Empties the pipe: an IN pipe drops answers that came too late until none follows for a moment, an
-// OUT pipe has nothing to drop. Fails with kSemaphoreTimeout if the device never stops answering.
+// OUT pipe has nothing to drop and is never touched. Fails with kSemaphoreTimeout if the device
+// never stops answering, kGeneralFailure if the pipe is halted.
 bool UsbK_FlushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint);
-// Ends all waits on the handle at once with kOperationAborted; from then on every transfer on it
-// fails with that code. A transfer that has completed before keeps its result. May be called while
-// other threads use the handle, but not while or after it is freed.
+// Ends all waits on the handle at once with kOperationAborted; from then on every transfer on it,
+// every UsbK_ResetPipe and the UsbK_FlushPipe of an IN pipe fail with that code. A transfer that
+// has completed before keeps its result. May be called while other threads use the handle, but not
+// while or after it is freed.
 bool UsbK_Interrupt(libusbk::UsbHandle* handle);
 
 // A pool of `count` slots for transfers on the handle; flags are 0.

@@ -214,20 +214,35 @@ TEST_F(UsbBus, FailsOperationsAsTold) {
     EXPECT_FALSE(LibusbkBinding::isBound());
 }
 
-TEST_F(UsbBus, LetsOneHandleClaimTheInterface) {
+TEST_F(UsbBus, LetsOneHandleHaveTheInterface) {
+    const ByteVector sync = record(kSync, 0);
     startBurner();
     EXPECT_FALSE(usb.UsbK_ClaimInterface(host->handle, 1, false));
     EXPECT_EQ(usb.LibK_LastError(), libusbk::kNoMoreItems);
     auto other = std::make_unique<WireHost>(deviceId, false);
     EXPECT_FALSE(usb.UsbK_ClaimInterface(other->handle, 0, false));
     EXPECT_EQ(usb.LibK_LastError(), libusbk::kBusy);
-    EXPECT_EQ(other->command(record(kSync, 0)), "0/4");
-    other.reset();
+    EXPECT_EQ(other->send(kCommandOut, sync).code, libusbk::kBusy);
+    EXPECT_FALSE(usb.UsbK_ResetPipe(other->handle, kCommandOut));
+    EXPECT_EQ(usb.LibK_LastError(), libusbk::kBusy);
     EXPECT_FALSE(usb.UsbK_ClaimInterface(host->handle, 0, false));
-    EXPECT_EQ(host->command(record(kSync, 0)), "0/4");
+    EXPECT_EQ(host->command(sync), "0/4");
+
+    // The first use of a pipe takes the interface too, and keeps it until it is given up.
+    host.reset();
+    EXPECT_EQ(other->command(sync), "0/4");
+    host = std::make_unique<WireHost>(deviceId, false);
+    EXPECT_FALSE(usb.UsbK_ClaimInterface(host->handle, 0, false));
+    EXPECT_EQ(usb.LibK_LastError(), libusbk::kBusy);
+    EXPECT_TRUE(usb.UsbK_ClaimInterface(other->handle, 0, false));
+    EXPECT_TRUE(usb.UsbK_ReleaseInterface(other->handle, 0, false));
+    EXPECT_TRUE(usb.UsbK_ResetPipe(host->handle, kCommandOut));
+    EXPECT_EQ(other->send(kCommandOut, sync).code, libusbk::kBusy);
+    host.reset();
+    EXPECT_EQ(other->command(sync), "0/4");
     expectedMisuse = {
-        "a transfer with the burner image without a claim of the interface",
         "UsbK_ClaimInterface: the handle has claimed the interface already",
+        "a transfer with the burner image without a claim of the interface",
     };
 }
 
@@ -264,6 +279,19 @@ TEST_F(UsbBus, KeepsATransferPendingUntilAnAnswerComes) {
     EXPECT_EQ(count, 0U);
 }
 
+TEST_F(UsbBus, WakesAReaderWhenAnotherThreadsWriteBringsAnAnswerForLater) {
+    startBurner();
+    device->addFault({FaultPoint::Sync, Fault::lateAnswer(50ms)});
+    std::thread sender([&] {
+        std::this_thread::sleep_for(20ms);  // lets the reader begin its wait
+        host->send(kCommandOut, record(kSync, 0));
+    });
+    const auto began = Clock::now();
+    EXPECT_EQ(host->response(kCommandIn, 30000), "0/4");
+    EXPECT_LT(Clock::now() - began, 10s);
+    sender.join();
+}
+
 // What ends a wait from outside, and the code that it ends with then and ever after.
 struct Ending {
     void (*end)(VirtualUsbBus&, WireHost&, const std::string& port);
@@ -298,6 +326,12 @@ TEST_P(UsbBusEnding, EndsAWaitAtOnceAndAllLaterTransfers) {
     EXPECT_EQ(host->receive(kCommandIn, 16).code, GetParam().code);
     EXPECT_FALSE(usb.UsbK_WritePipe(host->handle, kCommandOut, sync.data(), 16, &count, nullptr));
     EXPECT_EQ(usb.LibK_LastError(), GetParam().code);
+    EXPECT_FALSE(usb.UsbK_ResetPipe(host->handle, kDataOut));
+    EXPECT_EQ(usb.LibK_LastError(), GetParam().code);
+    EXPECT_FALSE(usb.UsbK_FlushPipe(host->handle, kDataIn));
+    EXPECT_EQ(usb.LibK_LastError(), GetParam().code);
+    EXPECT_TRUE(usb.UsbK_FlushPipe(host->handle, kDataOut));
+    EXPECT_THAT(device->resets(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, UsbBusEnding,
@@ -342,13 +376,13 @@ TEST_F(UsbBus, RecordsTheMisuseOfSlots) {
     auto other = std::make_unique<WireHost>(deviceId, false);
     EXPECT_FALSE(
         usb.UsbK_ReadPipe(host->handle, kCommandIn, buffer.data(), 16, &count, other->inSlot));
-    usb.OvlK_ReUse(other->inSlot);
-    usb.UsbK_ReadPipe(other->handle, kDataIn, buffer.data(), 16, &count, other->inSlot);
-    EXPECT_TRUE(usb.OvlK_Release(other->inSlot));
-    EXPECT_FALSE(usb.OvlK_Release(other->inSlot));
-    EXPECT_TRUE(usb.OvlK_Acquire(&other->inSlot, other->pool));
-    EXPECT_FALSE(usb.OvlK_Release(nullptr));
     other.reset();
+    usb.OvlK_ReUse(host->outSlot);
+    usb.UsbK_ReadPipe(host->handle, kDataIn, buffer.data(), 16, &count, host->outSlot);
+    EXPECT_TRUE(usb.OvlK_Release(host->outSlot));
+    EXPECT_FALSE(usb.OvlK_Release(host->outSlot));
+    EXPECT_TRUE(usb.OvlK_Acquire(&host->outSlot, host->pool));
+    EXPECT_FALSE(usb.OvlK_Release(nullptr));
 
     usb.OvlK_ReUse(host->inSlot);
     EXPECT_FALSE(

@@ -71,7 +71,40 @@ TEST_F(UsbFault, ShapesTheAnswer) {
     host->send(kCommandOut, sync);
     EXPECT_EQ(host->receive(kCommandIn, 16).code, libusbk::kGeneralFailure);
     EXPECT_EQ(device->unreadBytes(kCommandIn), 0U);
+    EXPECT_THAT(device->errors(), IsEmpty());
+}
+
+TEST_F(UsbFault, AStalledEndpointStaysHaltedUntilItIsReset) {
+    startBurner();
+    device->addFault({FaultPoint::Sync, Fault::stall()});
+    EXPECT_EQ(host->send(kCommandOut, sync).code, libusbk::kGeneralFailure);
+    EXPECT_TRUE(host->usb.UsbK_FlushPipe(host->handle, kCommandOut));
+    EXPECT_TRUE(host->usb.UsbK_ResetPipe(host->handle, kCommandIn));
+    reopen(true);
+    EXPECT_EQ(host->send(kCommandOut, sync).code, libusbk::kGeneralFailure);
+    EXPECT_EQ(device->count(FaultPoint::Sync), 1U);  // the later message got nowhere
+    EXPECT_TRUE(host->usb.UsbK_ResetPipe(host->handle, kCommandOut));
     EXPECT_EQ(host->command(sync), "0/4");
+
+    // What answers a message while its endpoint is halted waits there.
+    device->addFault({FaultPoint::Sync, Fault::stallAnswer()});
+    host->send(kCommandOut, sync);
+    EXPECT_EQ(host->receive(kCommandIn, 16).code, libusbk::kGeneralFailure);
+    host->send(kCommandOut, sync);
+    EXPECT_EQ(host->receive(kCommandIn, 16).code, libusbk::kGeneralFailure);
+    EXPECT_FALSE(host->usb.UsbK_FlushPipe(host->handle, kCommandIn));
+    EXPECT_EQ(host->usb.LibK_LastError(), libusbk::kGeneralFailure);
+    EXPECT_TRUE(host->usb.UsbK_ResetPipe(host->handle, kCommandIn));
+    EXPECT_EQ(host->response(kCommandIn), "0/4");
+    EXPECT_THAT(device->resets(), ElementsAre(kCommandIn, kCommandOut, kCommandIn));
+
+    // A device that was plugged in again is as good as new.
+    device->addFault({FaultPoint::Sync, Fault::stall()});
+    host->send(kCommandOut, sync);
+    bus.plug(kPort, device);
+    reopen(true);
+    EXPECT_EQ(host->command(sync), "0/4");
+    EXPECT_THAT(device->resets(), IsEmpty());
     EXPECT_THAT(device->errors(), IsEmpty());
 }
 
@@ -140,6 +173,7 @@ TEST_F(UsbFault, GivesDescriptionsOfAnyLengthTrueOrNot) {
 TEST_F(UsbFault, SpoilsTheTransferOfAMessage) {
     startWrite({FaultPoint::Chunk, Fault::stall()});
     EXPECT_EQ(host->send(kDataOut, data).code, libusbk::kGeneralFailure);
+    EXPECT_TRUE(host->usb.UsbK_ResetPipe(host->handle, kDataOut));
     device->addFault({FaultPoint::Chunk, Fault::shortWrite(4)});
     const Moved cut = host->send(kDataOut, data);
     EXPECT_EQ(cut.code, libusbk::kNoError);

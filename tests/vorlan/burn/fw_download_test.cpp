@@ -51,6 +51,13 @@ TEST_F(FwDownloadTest, MessagesOnTheWire) {
     EXPECT_THAT(sent, testing::ElementsAre(begin, data, end));
 }
 
+TEST_F(FwDownloadTest, ResetsThePipesFirst) {
+    start();
+    const auto device = plug("0-1");
+    ASSERT_TRUE(listener.waitFor("ready 0-1"));
+    EXPECT_THAT(device->resets(), testing::ElementsAre(0x83, 0x04, 0x85, 0x06));
+}
+
 struct RomFaultCase {
     const char* name;
     FaultRule rule;
@@ -102,7 +109,10 @@ INSTANTIATE_TEST_SUITE_P(
         RomFaultCase{"AnswerLostOnce", {FaultPoint::MemData, Fault::silence(), 1, 1}, ""},
         RomFaultCase{"ShortAnswer", {FaultPoint::MemData, Fault::shortAnswer(9), 0, 2}, ""},
         RomFaultCase{"LateAnswer", {FaultPoint::MemBegin, Fault::lateAnswer(205ms)}, ""},
-        RomFaultCase{"Stall", {FaultPoint::MemData, Fault::stall(), 1, 2}, ""},
+        // Nothing clears the halt before the device is plugged in again.
+        RomFaultCase{"Stall",
+                     {FaultPoint::MemData, Fault::stall(), 1, 2},
+                     "error 1f Retry WritePipe has reaches max (10)!"},
         RomFaultCase{"StallForGood",
                      {FaultPoint::MemBegin, Fault::stall(), 0, kAlways},
                      "error 1f Retry WritePipe has reaches max (10)!"}),

@@ -85,6 +85,11 @@ std::vector<DeviceReference> connectedDevices(libusb_context* context) {
     return devices;
 }
 
+bool shareAPort(libusb_device* one, libusb_device* other) {
+    return libusb_get_bus_number(one) == libusb_get_bus_number(other) &&
+           portChain(one) == portChain(other);
+}
+
 DeviceEntry identify(libusb_device* device) {
     libusb_device_descriptor descriptor{};
     libusb_get_device_descriptor(device, &descriptor);  // libusb has it at hand: cannot fail

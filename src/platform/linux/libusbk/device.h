@@ -22,6 +22,9 @@ DeviceReference referTo(libusb_device* device);
 
 std::vector<DeviceReference> connectedDevices(libusb_context* context);
 
+// Whether the devices are, or were, plugged in at the same port. Neither is asked.
+bool shareAPort(libusb_device* one, libusb_device* other);
+
 // The device's ids, numbers and path. Neither device nor kernel driver is asked, so this never
 // waits.
 DeviceEntry identify(libusb_device* device);

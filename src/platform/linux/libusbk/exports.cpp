@@ -231,7 +231,7 @@ bool UsbK_ResetPipe(UsbHandle* handle, std::uint8_t endpoint) {
     return guarded([&] {
         if (handle == nullptr)
             return fail(kInvalidParameter);
-        return handle->device->resetPipe(endpoint);
+        return resetPipe(handle->device, endpoint);
     });
 }
 

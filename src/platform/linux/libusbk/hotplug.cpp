@@ -1,7 +1,6 @@
 #include "platform/linux/libusbk/hotplug.h"
 
 #include <algorithm>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -109,8 +108,7 @@ void HotPlug::arrived(Lock& lock, DeviceReference device) {
     // A port has one device: if the leaving of the one before has been lost, it is made up for.
     const auto before =
         std::find_if(connected_.begin(), connected_.end(), [&](const Connected& connected) {
-            return connected.entry.busNumber == entry.busNumber &&
-                   std::strcmp(connected.entry.deviceId, entry.deviceId) == 0;
+            return shareAPort(connected.device.get(), device.get());
         });
     if (before != connected_.end())
         left(lock, before->device.get());

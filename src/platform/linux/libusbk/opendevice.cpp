@@ -83,7 +83,7 @@ bool OpenDevice::interfaceNumberAt(std::uint8_t index, std::uint8_t& number) {
     return exists || fail(kNoMoreItems);
 }
 
-bool OpenDevice::resetPipe(std::uint8_t endpoint) {
+bool OpenDevice::clearHalt(std::uint8_t endpoint) {
     if (!makeReady())
         return false;
     const int result = libusb_clear_halt(handle_, endpoint);

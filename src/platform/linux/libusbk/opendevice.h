@@ -34,8 +34,8 @@ class OpenDevice {
     // The number of the interface at this place of the configuration.
     bool interfaceNumberAt(std::uint8_t index, std::uint8_t& number);
 
-    // Clears the endpoint's halt.
-    bool resetPipe(std::uint8_t endpoint);
+    // Clears the endpoint's halt in the device and the kernel; a mute device holds this up for 5 s.
+    bool clearHalt(std::uint8_t endpoint);
 
     // Ends all waits; from now on nothing can be started.
     void interrupt();

@@ -11,6 +11,7 @@ namespace libusbk {
 namespace {
 
 constexpr std::chrono::milliseconds kDrainLimit{20};  // an answer that is there comes much sooner
+constexpr std::chrono::milliseconds kRequestLimit{500};  // devices have to answer within 50 ms
 constexpr int kDrainReads = 64;  // a device that has more to give than this babbles
 
 }  // namespace
@@ -35,6 +36,19 @@ bool Transfer::start(std::uint8_t endpoint, std::uint8_t* buffer, std::uint32_t 
         return false;
     libusb_fill_bulk_transfer(transfer_, device_->handle_, endpoint, buffer,
                               static_cast<int>(length), &Transfer::onEnded, this, 0);
+    return submit();
+}
+
+bool Transfer::startRequest(std::uint8_t* setup) {
+    if (isRunning())
+        return fail(kBusy);
+    if (!device_->makeReady())
+        return false;
+    libusb_fill_control_transfer(transfer_, device_->handle_, setup, &Transfer::onEnded, this, 0);
+    return submit();
+}
+
+bool Transfer::submit() {
     // Before it is submitted, since it may have ended by the time the call returns.
     setState(State::Running);
     const int result = libusb_submit_transfer(transfer_);
@@ -101,6 +115,20 @@ bool transferNow(const std::shared_ptr<OpenDevice>& device, std::uint8_t endpoin
                  std::uint32_t& moved) {
     Transfer transfer(device);
     return transfer.start(endpoint, buffer, length) && transfer.wait(limit, moved);
+}
+
+bool resetPipe(const std::shared_ptr<OpenDevice>& device, std::uint8_t endpoint) {
+    // Only the kernel can clear the halt on the host's side, and it asks the device itself then:
+    // for up to 5 s, and nothing ends that. So a device that is mute has to be found out before.
+    std::array<std::uint8_t, LIBUSB_CONTROL_SETUP_SIZE> clearHalt{
+        LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE, 0, 0, endpoint, 0, 0, 0};
+    Transfer request(device);
+    std::uint32_t moved = 0;
+    if (!request.startRequest(clearHalt.data()))
+        return false;
+    if (!request.wait(kRequestLimit, moved))
+        return fail(lastError() == kCancelled ? kSemaphoreTimeout : lastError());
+    return device->clearHalt(endpoint);
 }
 
 bool drain(const std::shared_ptr<OpenDevice>& device, std::uint8_t endpoint) {

@@ -281,6 +281,14 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     libusbk::UsbHandle* handle = nullptr;
     EXPECT_FALSE(usb().UsbK_Init(&handle, &all[0].entry));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+
+    // So it is when the new device is of another kind, which the monitor does not hear of.
+    bus.unplug(replacement, true);
+    bus.plugIn("2.4", nullptr, 0x1234, 0x0001);
+    const auto last = reports.await(8);
+    ASSERT_EQ(last.size(), 8U);
+    EXPECT_EQ(last[7].kind, libusbk::kRemoval);
+    EXPECT_EQ(last[7].address, replacement.address());
     EXPECT_TRUE(usb().HotK_Free(monitor));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
 }
@@ -391,8 +399,37 @@ TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
 
     device->stall(kOut);
     EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
+    EXPECT_TRUE(usb().UsbK_ResetPipe(opened.handle, kIn));
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
     EXPECT_TRUE(usb().UsbK_ResetPipe(opened.handle, kOut));
     EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kNoError);
+    EXPECT_EQ(device->counts().clearedHalts, 2);
+    EXPECT_EQ(device->counts().kernelClears, 2);
+    device->stall(kIn);
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kGeneralFailure);
+}
+
+TEST_F(LibusbkTest, AMuteDeviceDoesNotHoldUpAReset) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    device->fallMute();
+    {
+        Opened opened(entry);
+        EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    }
+    Opened opened(entry);
+    std::thread stopper([&] {
+        EXPECT_TRUE(device->awaitPending(0, 1));
+        EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
+    });
+    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    stopper.join();
+    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    // The kernel, whose wait nothing can end, was never asked.
+    EXPECT_EQ(device->counts().kernelClears, 0);
 }
 
 TEST_F(LibusbkTest, UnpluggingEndsATransferAtOnce) {
@@ -447,6 +484,8 @@ TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
     EXPECT_FALSE(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
     EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
     EXPECT_LT(Clock::now() - start, kPatience);
     EXPECT_TRUE(usb().OvlK_Free(pool));
 }

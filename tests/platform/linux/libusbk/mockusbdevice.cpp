@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -114,6 +115,11 @@ void MockUsbDevice::stall(std::uint8_t endpoint) {
             finish(urb, -EPIPE);
     }
     showFinished();
+}
+
+void MockUsbDevice::fallMute() {
+    const std::lock_guard guard(mutex_);
+    mute_ = true;
 }
 
 void MockUsbDevice::bindDriver(const std::string& name) {
@@ -230,16 +236,19 @@ MockUsbDevice::Answer MockUsbDevice::submit(UMockdevIoctlClient* client) {
     const auto length = static_cast<std::size_t>(request.buffer_length);
     UMockdevIoctlData* const buffer =
         length > 0 ? resolve(record, offsetof(usbdevfs_urb, buffer), length) : nullptr;
-    Urb& urb = urbs_.emplace_back(
-        Urb{client, record, buffer, request.endpoint, length, Bytes(), 0, false});
-    if (halted_.count(urb.endpoint) != 0)
+    Urb& urb =
+        urbs_.emplace_back(Urb{client, record, buffer, request.type == USBDEVFS_URB_TYPE_CONTROL,
+                               request.endpoint, length, Bytes(), 0, false});
+    if (urb.request)
+        answerRequest(urb);
+    else if (halted_.count(urb.endpoint) != 0)
         finish(urb, -EPIPE);
     else if (isIn(urb.endpoint))
         moveIn(urb.endpoint);
     else
         moveOut(urb);
     Answer answer;
-    if (urb.finished && urb.status == 0 && !isIn(urb.endpoint)) {
+    if (!urb.request && urb.finished && urb.status == 0 && !isIn(urb.endpoint)) {
         answer.received = true;
         answer.endpoint = urb.endpoint;
         answer.bytes = urb.moved;
@@ -342,9 +351,26 @@ MockUsbDevice::Answer MockUsbDevice::commandDriver(UMockdevIoctlClient* client) 
 MockUsbDevice::Answer MockUsbDevice::clearHalt(UMockdevIoctlClient* client) {
     if (claimant_ != client)
         return {-1, EINVAL};
+    ++counts_.kernelClears;
+    // The kernel would have waited for 5 s.
+    if (mute_)
+        return {-1, ETIMEDOUT};
     halted_.erase(static_cast<std::uint8_t>(argument<unsigned int>(client)));
-    ++counts_.clearedHalts;
     return {};
+}
+
+void MockUsbDevice::answerRequest(Urb& urb) {
+    if (mute_)
+        return;
+    constexpr std::array<std::uint8_t, 4> kClearHalt{0x02, 1, 0, 0};
+    const Bytes setup(urb.buffer->data, urb.buffer->data + urb.length);
+    if (setup.size() == 8 && std::equal(kClearHalt.begin(), kClearHalt.end(), setup.begin())) {
+        halted_.erase(setup[4]);
+        ++counts_.clearedHalts;
+        finish(urb, 0);
+    } else {
+        finish(urb, -EPIPE);  // it knows no other request
+    }
 }
 
 void MockUsbDevice::queue(std::uint8_t endpoint, const Bytes& bytes) {

@@ -33,7 +33,8 @@ class MockUsbDevice {
         int claims = 0;
         int detaches = 0;
         int attaches = 0;
-        int clearedHalts = 0;
+        int clearedHalts = 0;  // in the device, by a request to it
+        int kernelClears = 0;  // on the host's side too, by the kernel
     };
 
     // Receives the bytes of each finished OUT transfer, on the thread of the testbed. It may
@@ -59,6 +60,8 @@ class MockUsbDevice {
     void takeOnly(std::uint8_t endpoint, int packets);
     // Transfers fail until the host clears the halt.
     void stall(std::uint8_t endpoint);
+    // From now on no request to the device itself is answered.
+    void fallMute();
 
     // A kernel driver has the interface; an empty name is none.
     void bindDriver(const std::string& name);
@@ -83,6 +86,7 @@ class MockUsbDevice {
         _UMockdevIoctlClient* client;
         _UMockdevIoctlData* record;  // the host's usbdevfs_urb
         _UMockdevIoctlData* buffer;  // null if it has no bytes
+        bool request;                // to the device itself, its bytes are the setup packet
         std::uint8_t endpoint;
         std::size_t length;
         Bytes moved;
@@ -111,6 +115,7 @@ class MockUsbDevice {
     Answer commandDriver(_UMockdevIoctlClient* client);
     Answer clearHalt(_UMockdevIoctlClient* client);
 
+    void answerRequest(Urb& urb);
     void queue(std::uint8_t endpoint, const Bytes& bytes);
     void moveIn(std::uint8_t endpoint);
     void moveOut(Urb& urb);
@@ -133,6 +138,7 @@ class MockUsbDevice {
     std::map<std::uint8_t, Bytes> onCancel_;
     std::map<std::uint8_t, int> room_;  // packets that an OUT endpoint still takes
     std::set<std::uint8_t> halted_;
+    bool mute_ = false;
     std::string driver_;
     std::string detachedDriver_;
     bool claimedElsewhere_ = false;
