@@ -224,6 +224,31 @@ TEST_F(HostilePackageTest, IsInvalidAboveOneGibibyte) {
     EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin"}));
 }
 
+TEST_F(HostilePackageTest, IsInvalidAboveAHundredThousandPathSteps) {
+    const auto nested = [](std::size_t entries, std::size_t more) {
+        PackageBuilder
+            package;  // with the images behind, so that the sum counts and no single name
+        for (std::size_t i = 0; i < entries; ++i) {
+            std::string name;
+            for (std::size_t depth = 0; depth < 100; ++depth)
+                name += static_cast<char>('a' + i % 26) + std::string("/");
+            package.add(name, "");
+        }
+        for (std::size_t i = 0; i < more; ++i)
+            package.add("same.bin", "");
+        return package.add("flashboot.bin", "boot").add("master.bin", "main");
+    };
+    testing::internal::CaptureStderr();
+    const bool accepted = unpack(nested(999, 99));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  " - package names more than 100000 files and directories\n"),
+              std::string::npos);
+    EXPECT_FALSE(accepted);
+    EXPECT_FALSE(fs::exists(kImages));
+    EXPECT_TRUE(unpack(nested(999, 98)));
+    EXPECT_EQ(unpacked().size(), 26U * 100 + 3);
+}
+
 TEST_F(HostilePackageTest, SurvivesCutsAndFlippedBitsAnywhere) {
     const std::map<std::wstring, std::string> images{
         {L"flashboot.bin", "boot"},
