@@ -225,17 +225,15 @@ TEST_F(HostilePackageTest, IsInvalidAboveOneGibibyte) {
 }
 
 TEST_F(HostilePackageTest, IsInvalidAboveAHundredThousandPathSteps) {
-    const auto nested = [](std::size_t entries, std::size_t more) {
-        PackageBuilder
-            package;  // with the images behind, so that the sum counts and no single name
-        for (std::size_t i = 0; i < entries; ++i) {
-            std::string name;
-            for (std::size_t depth = 0; depth < 100; ++depth)
-                name += static_cast<char>('a' + i % 26) + std::string("/");
-            package.add(name, "");
+    // Entries that cannot be unpacked cost the test little and count like any others.
+    const auto nested = [](std::size_t entries, std::size_t flat) {
+        PackageBuilder package;
+        for (std::size_t i = 0; i < entries + flat; ++i) {
+            std::string name = "x";
+            for (int depth = 1; i < entries && depth < 100; ++depth)
+                name = "d/" + name;
+            package.add({.name = name, .content = "x", .declaredMethod = 99});
         }
-        for (std::size_t i = 0; i < more; ++i)
-            package.add("same.bin", "");
         return package.add("flashboot.bin", "boot").add("master.bin", "main");
     };
     testing::internal::CaptureStderr();
@@ -246,7 +244,7 @@ TEST_F(HostilePackageTest, IsInvalidAboveAHundredThousandPathSteps) {
     EXPECT_FALSE(accepted);
     EXPECT_FALSE(fs::exists(kImages));
     EXPECT_TRUE(unpack(nested(999, 98)));
-    EXPECT_EQ(unpacked().size(), 26U * 100 + 3);
+    EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin"}));
 }
 
 TEST_F(HostilePackageTest, SurvivesCutsAndFlippedBitsAnywhere) {
