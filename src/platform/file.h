@@ -1,9 +1,11 @@
 // The file operations that the standard library lacks: locks, writes that are on the disk when they
-// return, and replacing a file as a whole. Paths are native ones. No operation throws; where one
-// fails, lastErrorText() says why.
+// return, and replacing a file as a whole. No file that is opened here passes on to the programs
+// that the process starts. Paths are native ones. No operation throws; where one fails,
+// lastErrorText() says why.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,9 +31,11 @@ class File {
     bool isOpen() const { return descriptor_ >= 0; }
     void close();
 
+    enum class Lock { kTaken, kHeldElsewhere, kFailed };
+
     // Keeps every other File, in this process or another, from getting the same lock until this one
     // is closed. Does not wait and does not keep anybody from reading.
-    bool lockExclusively();
+    Lock lockExclusively();
 
     // Whether `path` leads to the very file that is open here.
     bool isFileAt(const std::string& path) const;
@@ -51,8 +55,12 @@ class File {
     int descriptor_ = -1;
 };
 
-// Writes `bytes` to a temporary file beside `path`, syncs it and renames it over `path`, so that
-// whoever looks, after whatever end of the process, finds the old content or the new one.
+// As fopen.
+std::FILE* openStream(const std::string& path, const char* mode);
+
+// Writes `bytes` to `path` + ".new", syncs it and renames it over `path`, so that whoever looks,
+// after whatever end of the process, finds the old content or the new one. What an end in between
+// leaves under the other name is taken over by the next call. One thread at a time for each path.
 bool replaceFile(const std::string& path, std::string_view bytes);
 
 }  // namespace platform

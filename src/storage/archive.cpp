@@ -1,5 +1,8 @@
 #include "storage/archive.h"
 
+#include <iterator>
+
+#include "utils/littleendian.h"
 #include "utils/text.h"
 
 namespace {
@@ -7,14 +10,21 @@ namespace {
 constexpr std::string_view kWideMark = "\xFF\xFE\xFF";
 
 // A length field's value that says a longer field follows.
-constexpr std::uint32_t kLonger8 = 0xFF;
-constexpr std::uint32_t kLonger16 = 0xFFFF;
+constexpr std::uint8_t kLonger8 = 0xFF;
+constexpr std::uint16_t kLonger16 = 0xFFFF;
 // Not a length: these 16 bits are the mark's.
-constexpr std::uint32_t kMark16 = 0xFFFE;
+constexpr std::uint16_t kMark16 = 0xFFFE;
 
-void appendNumber(std::string& bytes, std::uint32_t value, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i)
-        bytes.push_back(static_cast<char>(value >> (8 * i)));
+template <typename Unsigned>
+void append(std::string& bytes, Unsigned value) {
+    std::uint8_t number[sizeof(Unsigned)];
+    littleendian::put(number, value);
+    bytes.append(std::begin(number), std::end(number));
+}
+
+template <typename Unsigned>
+Unsigned numberAt(const char* bytes) {
+    return littleendian::get<Unsigned>(reinterpret_cast<const std::uint8_t*>(bytes));
 }
 
 }  // namespace
@@ -24,33 +34,33 @@ void ArchiveWriter::writeString(std::wstring_view value) {
     const auto length = static_cast<std::uint32_t>(units.size());
     bytes_ += kWideMark;
     if (length < kLonger8) {
-        appendNumber(bytes_, length, 1);
+        append(bytes_, static_cast<std::uint8_t>(length));
     } else if (length < kMark16) {
-        appendNumber(bytes_, kLonger8, 1);
-        appendNumber(bytes_, length, 2);
+        append(bytes_, kLonger8);
+        append(bytes_, static_cast<std::uint16_t>(length));
     } else {
-        appendNumber(bytes_, kLonger8, 1);
-        appendNumber(bytes_, kLonger16, 2);
-        appendNumber(bytes_, length, 4);
+        append(bytes_, kLonger8);
+        append(bytes_, kLonger16);
+        append(bytes_, length);
     }
     for (const char16_t unit : units)
-        appendNumber(bytes_, unit, 2);
+        append(bytes_, static_cast<std::uint16_t>(unit));
 }
 
 void ArchiveWriter::writeUint32(std::uint32_t value) {
-    appendNumber(bytes_, value, 4);
+    append(bytes_, value);
 }
 
 void ArchiveReader::readString(std::wstring& value) {
     const bool wide = rest_.starts_with(kWideMark);
     if (wide)
         rest_.remove_prefix(kWideMark.size());
-    std::uint32_t length = takeNumber(1);
+    std::uint32_t length = takeNumber<std::uint8_t>();
     if (length == kLonger8) {
-        length = takeNumber(2);
+        length = takeNumber<std::uint16_t>();
         failed_ = failed_ || length == kMark16;
         if (length == kLonger16)
-            length = takeNumber(4);
+            length = takeNumber<std::uint32_t>();
     }
     const std::string_view characters = takeBytes(std::uint64_t{length} * (wide ? 2 : 1));
     if (failed_)
@@ -61,26 +71,22 @@ void ArchiveReader::readString(std::wstring& value) {
     }
     std::u16string units;
     units.reserve(length);
-    for (std::size_t i = 0; i < characters.size(); i += 2) {
-        const auto low = static_cast<std::uint8_t>(characters[i]);
-        const auto high = static_cast<std::uint8_t>(characters[i + 1]);
-        units.push_back(static_cast<char16_t>(low | high << 8));
-    }
+    for (std::size_t i = 0; i < characters.size(); i += 2)
+        units.push_back(numberAt<std::uint16_t>(characters.data() + i));
     value = text::fromUtf16(units);
 }
 
 void ArchiveReader::readUint32(std::uint32_t& value) {
-    const std::uint32_t number = takeNumber(4);
+    const auto number = takeNumber<std::uint32_t>();
     if (!failed_)
         value = number;
 }
 
-std::uint32_t ArchiveReader::takeNumber(std::size_t size) {
-    std::uint32_t number = 0;
-    const std::string_view bytes = takeBytes(size);
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        number |= std::uint32_t{static_cast<std::uint8_t>(bytes[i])} << (8 * i);
-    return number;
+// 0 once the archive has failed.
+template <typename Unsigned>
+Unsigned ArchiveReader::takeNumber() {
+    const std::string_view bytes = takeBytes(sizeof(Unsigned));
+    return failed_ ? Unsigned{0} : numberAt<Unsigned>(bytes.data());
 }
 
 // Empty once the archive has failed.

@@ -33,7 +33,8 @@ class ArchiveReader {
     bool failed() const { return failed_; }
 
   private:
-    std::uint32_t takeNumber(std::size_t size);
+    template <typename Unsigned>
+    Unsigned takeNumber();
     std::string_view takeBytes(std::uint64_t size);
 
     std::string_view rest_;

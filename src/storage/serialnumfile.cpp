@@ -1,6 +1,7 @@
 #include "storage/serialnumfile.h"
 
 #include <algorithm>
+#include <exception>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -16,12 +17,16 @@ constexpr std::string_view kFree = "0";
 constexpr std::string_view kBurned = "1";
 constexpr std::string_view kLineEnd = "\r\n";
 
+// No row is that long; a line beyond it is that of a file of another kind.
+constexpr std::size_t kLineLimit = std::size_t{1} << 20;  // bytes, with the line end
+
 // The lines of a file with their line ends, read in large blocks.
 class LineReader {
   public:
     explicit LineReader(const platform::File& file) : file_(file) {}
 
-    // The next line, good until the next call. Empty at the end of the file or on an error.
+    // The next line, good until the next call. Empty at the end of the file or on an error. Of a
+    // line above the limit only a piece above it is given.
     std::string_view next() {
         std::size_t searched = start_;
         for (;;) {
@@ -30,7 +35,7 @@ class LineReader {
                 return take(lineFeed + 1 - start_);
             buffer_.erase(0, std::exchange(start_, 0));
             searched = buffer_.size();
-            if (!readBlock())
+            if (searched > kLineLimit || !readBlock())
                 return take(failed_ ? 0 : buffer_.size());
         }
     }
@@ -63,6 +68,29 @@ class LineReader {
     std::size_t start_ = 0;  // of the next line in the buffer
     bool failed_ = false;
 };
+
+// Goes through the rows of a file and calls `visit` with the offset and the text, without its line
+// end, of each. The reason if a line is not in the format or the file cannot be read.
+template <typename Visit>
+std::string forEachRow(const platform::File& file, const Visit& visit) {
+    LineReader reader(file);
+    std::uint64_t offset = 0;
+    std::size_t lineNumber = 1;
+    for (std::string_view line = reader.next(); !line.empty(); line = reader.next()) {
+        const std::size_t size = line.size();
+        if (line.ends_with(kLineEnd))
+            line.remove_suffix(kLineEnd.size());
+        else if (line.ends_with('\n'))
+            return "no CR LF at the end of line " + std::to_string(lineNumber);
+        if (size > kLineLimit || (!line.empty() && std::count(line.begin(), line.end(), ',') != 1))
+            return "not two columns in line " + std::to_string(lineNumber);
+        if (!line.empty())
+            visit(offset, line);
+        offset += size;
+        ++lineNumber;
+    }
+    return reader.failed() ? platform::lastErrorText() : std::string();
+}
 
 }  // namespace
 
@@ -113,19 +141,23 @@ SerialNumFile::SnRecord* SerialNumFile::takeNext() {
 void SerialNumFile::markBurned(SnRecord* record) {
     if (record == nullptr)
         return;
+    std::string number;
     std::string problem;
     {
         const std::lock_guard guard(lock_);
         if (!file_.isOpen() || record->burnFlag != kFree)
             return;
+        number = record->sn;
         const std::string freeRow = record->toLine();
         record->taken = 0;
         record->burnFlag = kBurned;
         released_.erase(record);
         problem = owns(record) ? writeMark(*record, freeRow) : "another file has been loaded since";
+        if (!problem.empty())
+            keepOut(number);
     }
     if (!problem.empty())
-        LOG_E("SN=%s is burned but could not be marked: %s", record->sn.c_str(), problem.c_str());
+        LOG_E("SN=%s is burned but could not be marked: %s", number.c_str(), problem.c_str());
 }
 
 void SerialNumFile::releaseRecord(SnRecord* record) {
@@ -155,8 +187,11 @@ std::string SerialNumFile::reload(const std::string& path) {
         return platform::lastErrorText();
     // The file that is open already has our own lock, which a second opening would run into.
     if (!file_.isOpen() || !file_.isSameFile(file)) {
-        if (!file.lockExclusively())
-            return "in use by another program: " + platform::lastErrorText();
+        const platform::File::Lock lock = file.lockExclusively();
+        if (lock == platform::File::Lock::kHeldElsewhere)
+            return "in use by another program";
+        if (lock != platform::File::Lock::kTaken)
+            return "cannot be locked: " + platform::lastErrorText();
         file_ = std::move(file);
     }
     path_ = path;
@@ -171,31 +206,24 @@ std::string SerialNumFile::reload(const std::string& path) {
 }
 
 std::string SerialNumFile::readRecords() {
-    std::size_t lines = 0;
-    for (LineReader counter(file_); !counter.next().empty();)
-        ++lines;
-    records_.reserve(lines);
-
-    LineReader reader(file_);
-    std::uint64_t offset = 0;
-    std::size_t lineNumber = 1;
-    for (std::string_view line = reader.next(); !line.empty(); line = reader.next()) {
-        const std::size_t size = line.size();
-        if (line.ends_with(kLineEnd))
-            line.remove_suffix(kLineEnd.size());
-        else if (line.ends_with('\n'))
-            return "no CR LF at the end of line " + std::to_string(lineNumber);
-        if (!line.empty()) {
-            SnRecord record;
-            record.offset = offset;
-            if (!record.parseLine(line))
-                return "not two columns in line " + std::to_string(lineNumber);
-            records_.push_back(std::move(record));
-        }
-        offset += size;
-        ++lineNumber;
+    // The first pass takes hardly any memory, so that a wrong file of any size does no harm.
+    std::size_t rows = 0;
+    const std::string problem = forEachRow(file_, [&](std::uint64_t, std::string_view) { ++rows; });
+    if (!problem.empty())
+        return problem;
+    try {
+        records_.reserve(rows);
+    } catch (const std::exception&) {
+        return "too large for the memory: " + std::to_string(rows) + " rows";
     }
-    return reader.failed() ? platform::lastErrorText() : std::string();
+    return forEachRow(file_, [&](std::uint64_t offset, std::string_view row) {
+        SnRecord record;
+        record.offset = offset;
+        record.parseLine(row);
+        if (record.burnFlag == kFree && unmarked_.count(record.sn) != 0)
+            record.burnFlag = kBurned;
+        records_.push_back(std::move(record));
+    });
 }
 
 void SerialNumFile::discardRecords() {
@@ -206,6 +234,16 @@ void SerialNumFile::discardRecords() {
     records_ = std::vector<SnRecord>();
     released_.clear();
     firstUntried_ = 0;
+}
+
+void SerialNumFile::keepOut(const std::string& number) {
+    unmarked_.insert(number);
+    for (SnRecord& record : records_) {
+        if (record.sn == number && record.burnFlag == kFree && record.taken == 0) {
+            record.burnFlag = kBurned;
+            released_.erase(&record);
+        }
+    }
 }
 
 bool SerialNumFile::owns(const SnRecord* record) const {

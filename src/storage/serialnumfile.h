@@ -47,7 +47,8 @@ class SerialNumFile {
 
     // Records that the number is in a device. The mark is on the disk when this returns. If it
     // cannot be written, or someone has replaced or changed the file since it was loaded, the file
-    // stays as it is, the run log tells the number, and the number is not handed out any more.
+    // stays as it is, the run log tells the number, and the number is not handed out any more, also
+    // if a later load finds it free.
     void markBurned(SnRecord* record);
 
     // Gives the number back: it is free again unless it was burned.
@@ -65,6 +66,7 @@ class SerialNumFile {
     std::string reload(const std::string& path);
     std::string readRecords();
     void discardRecords();
+    void keepOut(const std::string& number);
     bool owns(const SnRecord* record) const;
     std::string writeMark(const SnRecord& record, const std::string& freeRow);
     bool isRowOnDisk(const SnRecord& record, const std::string& row) const;
@@ -76,6 +78,7 @@ class SerialNumFile {
     std::vector<SnRecord> records_;  // in the order of the file; addresses stay until the next load
     std::size_t firstUntried_ = 0;   // no record from here on has been handed out
     std::set<SnRecord*> released_;   // free records before that
+    std::set<std::string> unmarked_;  // numbers that are in devices, but not marked on the disk
     // Lists of earlier loads with a record that a worker still held, kept for that worker's sake.
     std::vector<std::vector<SnRecord>> abandoned_;
 };

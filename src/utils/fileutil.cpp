@@ -6,6 +6,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/file.h"
 #include "utils/text.h"
 #include "utils/trace.h"
 
@@ -58,7 +59,7 @@ FilePtr openFile(std::string_view path, const char* mode) {
         errno = EISDIR;
         return nullptr;
     }
-    return FilePtr(std::fopen(native.c_str(), mode));
+    return FilePtr(platform::openStream(native, mode));
 }
 
 std::optional<std::uint32_t> sizeOf(std::FILE* file) {
@@ -87,11 +88,13 @@ bool createDirectories(const std::wstring& path) {
 
 void removePath(const std::wstring& path) {
     std::string native = nativePath(path);
+    // The root of the disk is never meant, and neither is an empty path.
+    if (fs::path(native).lexically_normal().relative_path().empty())
+        return;
     // Behind a trailing separator the system would look through a link at what it points to.
-    while (native.size() > 1 && native.ends_with('/'))
+    while (native.ends_with('/'))
         native.pop_back();
-    if (!native.empty())
-        removeNative(native);
+    removeNative(native);
 }
 
 std::optional<std::string> readBytes(const std::wstring& path) {

@@ -25,7 +25,8 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 std::string nativePath(std::wstring_view path);
 std::string nativePath(std::string_view path);
 
-// As fopen, with a path of the program. A directory counts as not opened.
+// As fopen, with a path of the program. A directory counts as not opened. Programs that the process
+// starts do not inherit the file.
 FilePtr openFile(std::wstring_view path, const char* mode);
 FilePtr openFile(std::string_view path, const char* mode);
 
@@ -43,7 +44,7 @@ bool isDirectory(const std::wstring& path);
 bool createDirectories(const std::wstring& path);
 
 // Deletes a file, or a directory with all it holds, read-only files included. A link is removed,
-// not what it points to. What cannot be deleted stays.
+// not what it points to. What cannot be deleted stays, and so does the root of the disk.
 void removePath(const std::wstring& path);
 
 // All bytes of a file; nothing if it cannot be opened or read to its end.

@@ -23,7 +23,9 @@ constexpr std::size_t kHeaderColumns = 80;   // to which a header is padded
 // The field after the hour is the second and the last one the minute: readers of these logs and
 // their tools know it this way round.
 std::string curTime() {
-    const std::tm local = platform::localTime(std::time(nullptr));
+    // The same clock as the milliseconds': std::time may lag behind it across a second's end.
+    const std::tm local =
+        platform::localTime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
     char text[32];
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%S:%M", &local);
     return std::string(text, length);

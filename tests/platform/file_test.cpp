@@ -1,6 +1,7 @@
 #include "platform/file.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <iterator>
@@ -65,17 +66,18 @@ TEST_F(FileTest, LockHoldsUntilItsFileIsClosed) {
     File second;
     ASSERT_TRUE(first.openExisting(path));
     ASSERT_TRUE(second.openExisting(path));
-    EXPECT_TRUE(first.lockExclusively());
-    EXPECT_TRUE(first.lockExclusively());
-    EXPECT_FALSE(second.lockExclusively());
+    EXPECT_EQ(first.lockExclusively(), File::Lock::kTaken);
+    EXPECT_EQ(first.lockExclusively(), File::Lock::kTaken);
+    EXPECT_EQ(second.lockExclusively(), File::Lock::kHeldElsewhere);
 
     // Neither closing another opening of the file nor moving the owner lets go.
     second.close();
     ASSERT_TRUE(second.openExisting(path));
     File moved = std::move(first);
-    EXPECT_FALSE(second.lockExclusively());
+    EXPECT_EQ(second.lockExclusively(), File::Lock::kHeldElsewhere);
     moved.close();
-    EXPECT_TRUE(second.lockExclusively());
+    EXPECT_EQ(moved.lockExclusively(), File::Lock::kFailed);
+    EXPECT_EQ(second.lockExclusively(), File::Lock::kTaken);
 }
 
 TEST_F(FileTest, KnowsWhetherAPathStillLeadsToIt) {
@@ -111,6 +113,27 @@ TEST_F(FileTest, ReplacesAFileAsAWhole) {
     EXPECT_EQ(old.readAt(0, buffer, sizeof buffer), 7U);
     EXPECT_EQ(directory_.read("state"), "three");
     EXPECT_EQ(std::distance(fs::directory_iterator(directory_.path()), {}), 1) << "left-overs";
+}
+
+TEST_F(FileTest, ReplacementTakesOverWhatAKilledRunLeftAndFollowsNoLink) {
+    directory_.write("state.new", "half");
+    fs::permissions(pathOf("state.new"), fs::perms(0400));
+    ASSERT_TRUE(platform::replaceFile(pathOf("state"), "whole"));
+    EXPECT_EQ(directory_.read("state"), "whole");
+    EXPECT_FALSE(fs::exists(pathOf("state.new")));
+
+    directory_.write("other", "kept");
+    fs::create_symlink("other", pathOf("state.new"));
+    ASSERT_TRUE(platform::replaceFile(pathOf("state"), "again"));
+    EXPECT_EQ(directory_.read("state"), "again");
+    EXPECT_EQ(directory_.read("other"), "kept");
+}
+
+TEST_F(FileTest, ReplacementIsAsReadableAsTheUserWants) {
+    const mode_t old = ::umask(027);
+    EXPECT_TRUE(platform::replaceFile(pathOf("state"), "x"));
+    ::umask(old);
+    EXPECT_EQ(fs::status(pathOf("state")).permissions(), fs::perms(0640));
 }
 
 TEST_F(FileTest, FailedReplacementChangesNothing) {

@@ -60,6 +60,15 @@ TEST_F(GlobalStorageTest, RestartKeepsTheChoicesAndForgetsTheCount) {
     EXPECT_EQ(restarted.getFlashCount(), 0U);
 }
 
+TEST_F(GlobalStorageTest, LoadsTheSmallestFile) {
+    storage_.setSnFilePath(L"/before");
+    storage_.setSnBurnAddr(1);
+    setFile("\xFF\xFE\xFF\x00\x04\xF0\x7F\x00"s);
+    EXPECT_TRUE(storage_.load());
+    EXPECT_EQ(storage_.getSnFilePath(), L"");
+    EXPECT_EQ(storage_.getSnBurnAddr(), 0x7FF004U);
+}
+
 TEST_F(GlobalStorageTest, ReadsUnmarkedStringsAndIgnoresWhatLiesBehindTheAddress) {
     setFile("\x02/s\x01\x00\x00\x00trailing"s);
     EXPECT_TRUE(storage_.load());

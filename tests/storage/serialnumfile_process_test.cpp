@@ -1,21 +1,17 @@
 // The serial number file against other processes, rights and limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "storage/serialnumfile.h"
+#include "support/childprocess.h"
 #include "support/recordinglog.h"
+#include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 
@@ -26,44 +22,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A second process that runs `body`, until it is killed at the latest.
-class Child {
-  public:
-    template <typename Body>
-    explicit Child(Body body) : id_(::fork()) {
-        if (id_ != 0)
-            return;
-        body();
-        ::_exit(0);
-    }
-    ~Child() { kill(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    void kill() {
-        if (id_ <= 0)
-            return;
-        ::kill(id_, SIGKILL);
-        ::waitpid(id_, nullptr, 0);
-        id_ = -1;
-    }
-
-  private:
-    pid_t id_;
-};
-
-// Waits for something that another process does.
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 std::wstring wide(const std::string& path) {
     return text::widen(path);
 }
@@ -73,7 +31,7 @@ std::wstring wide(const std::string& path) {
 TEST(SerialNumFileProcess, SecondProcessMayReadButNotLoad) {
     const TemporaryDirectory directory;
     const std::string path = directory.write("sn.csv", "A,0\r\nB,0\r\n");
-    Child holder([&] {
+    ChildProcess holder([&] {
         SerialNumFile file;
         if (!file.load(wide(path)))
             ::_exit(1);
@@ -101,7 +59,7 @@ TEST(SerialNumFileProcess, KilledAmongMarksLeavesEveryRowWhole) {
 
     std::size_t marked = 0;
     for (int round = 0; round < 5; ++round) {
-        Child burner([&] {
+        ChildProcess burner([&] {
             SerialNumFile file;
             if (!file.load(wide(path)))
                 ::_exit(1);
@@ -130,18 +88,13 @@ TEST(SerialNumFileProcess, KilledAmongMarksLeavesEveryRowWhole) {
 
 TEST(SerialNumFileProcess, FileThatMayNotBeWrittenIsRefused) {
     const TemporaryDirectory directory;
-    fs::permissions(directory.path(), fs::perms::all);
     const std::string path = directory.write("sn.csv", "A,0\r\n");
-    ::chmod(path.c_str(), 0444);
-    // Nothing is read-only to root.
-    EXPECT_EXIT(
-        {
-            if (::geteuid() == 0 && ::setuid(65534) != 0)
-                std::_Exit(2);
-            SerialNumFile file;
-            std::_Exit(file.load(wide(path)) ? 1 : 0);
-        },
-        testing::ExitedWithCode(0), "Permission denied");
+    fs::permissions(path, fs::perms(0444));
+    const OrdinaryUser user;
+    RecordingLog log;
+    SerialNumFile file;
+    EXPECT_FALSE(file.load(wide(path)));
+    EXPECT_THAT(log.take(hj::kError), ElementsAre(HasSubstr("Permission denied")));
 }
 
 TEST(SerialNumFileProcess, FifoIsRefusedWithoutWaiting) {
@@ -162,16 +115,10 @@ TEST(SerialNumFileProcess, WriteErrorIsTold) {
     file.takeNext();
     auto* const b = file.takeNext();
 
-    // Writing past the first row fails as on a full disk.
-    rlimit old{};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit small{5, old.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    file.markBurned(b);
-    ::setrlimit(RLIMIT_FSIZE, &old);
-    std::signal(SIGXFSZ, oldHandler);
-
+    {
+        const FullDisk disk(5);  // the first row
+        file.markBurned(b);
+    }
     EXPECT_EQ(directory.read("sn.csv"), rows);
     EXPECT_THAT(log.take(hj::kError), ElementsAre(AllOf(HasSubstr("SN=B "), HasSubstr("sn.csv"))));
     EXPECT_EQ(file.takeNext(), nullptr);

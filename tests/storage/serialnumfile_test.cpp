@@ -149,6 +149,29 @@ TEST_F(SerialNumFileTest, RowsMayLieAnywhereInALargeFile) {
     EXPECT_EQ(next(), "last");
 }
 
+TEST_F(SerialNumFileTest, LineAboveOneMebibyteIsNoRow) {
+    const auto rowOf = [](std::size_t size) { return std::string(size - 4, 'n') + ",0\r\n"; };
+    constexpr std::size_t kMebibyte = 1 << 20;
+    ASSERT_TRUE(load("A,0\r\n" + rowOf(kMebibyte)));
+    EXPECT_EQ(next(), "A");
+    EXPECT_EQ(next().size(), kMebibyte - 4);
+    for (const std::string& rows : {rowOf(kMebibyte + 1) + "A,0\r\n", rowOf(3 * kMebibyte),
+                                    std::string(kMebibyte + 1, ',')}) {
+        EXPECT_FALSE(load("\r\n" + rows));
+        EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("not two columns in line 2")));
+    }
+}
+
+TEST_F(SerialNumFileTest, WrongFileOfAnySizeIsRefusedAtItsFirstLine) {
+    // 64 GiB without a line feed, then 64 GiB behind a bad line; they take no room on the disk.
+    for (const char* const start : {"no row", "A,0\n"}) {
+        directory_.write(kName, start);
+        fs::resize_file(directory_.path() / kName, std::uintmax_t{64} << 30);
+        EXPECT_FALSE(file_.load(path()));
+        EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr(" line 1")));
+    }
+}
+
 TEST_F(SerialNumFileTest, EmptyFileIsLoadedAndUsedUp) {
     EXPECT_TRUE(load(""));
     EXPECT_EQ(file_.isLoaded(), 1);
@@ -267,12 +290,17 @@ class SerialNumFileChangedTest : public SerialNumFileTest {
         c_ = file_.takeNext();
     }
 
-    void expectRefused(SerialNumFile::SnRecord* record) {
+    void expectMarkRefused(SerialNumFile::SnRecord* record) {
         const std::string before = content();
         file_.markBurned(record);
         EXPECT_EQ(content(), before);
         EXPECT_THAT(log_.take(hj::kError), ElementsAre(AllOf(HasSubstr("E/SerialNumFil("),
                                                              HasSubstr("SN=" + record->sn + " "))));
+    }
+
+    // None of the numbers is free.
+    void expectRefused(SerialNumFile::SnRecord* record) {
+        expectMarkRefused(record);
         file_.releaseRecord(record);
         EXPECT_EQ(next(), "-");
     }
@@ -286,6 +314,32 @@ TEST_F(SerialNumFileChangedTest, Replaced) {
     directory_.write("new.csv", kOriginal);
     fs::rename(directory_.path() / "new.csv", directory_.path() / kName);
     expectRefused(a_);
+}
+
+// A spreadsheet saves an old copy over the file, and the operator imports it again.
+TEST_F(SerialNumFileChangedTest, NumberWhoseMarkWasRefusedIsNotHandedOutAfterALaterLoad) {
+    const std::string newRows = "A,0\r\nBB,0\r\nA,0\r\nC,0\r\n";
+    directory_.write("new.csv", newRows);
+    fs::rename(directory_.path() / "new.csv", directory_.path() / kName);
+    expectRefused(a_);
+    for (int imports = 0; imports < 2; ++imports) {
+        ASSERT_TRUE(file_.load(path()));
+        EXPECT_EQ(next(), "BB");
+        EXPECT_EQ(next(), "C");
+        EXPECT_EQ(next(), "-");
+    }
+    EXPECT_EQ(content(), newRows);
+}
+
+TEST_F(SerialNumFileChangedTest, NumberBurnedAfterALaterLoadIsNotHandedOutAgain) {
+    ASSERT_TRUE(file_.load(path()));
+    auto* const given = file_.takeNext();
+    EXPECT_EQ(given->sn, "A");
+    file_.releaseRecord(given);
+    expectMarkRefused(a_);
+    expectMarkRefused(bb_);
+    EXPECT_EQ(next(), "C");
+    EXPECT_EQ(next(), "-");
 }
 
 TEST_F(SerialNumFileChangedTest, Moved) {

@@ -1,7 +1,12 @@
 #include "utils/fileutil.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -11,6 +16,8 @@ using namespace std::string_literals;
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr int kSkipped = 77;  // a machine that lets the test make no root of its own
 
 class FileUtilTest : public testing::Test {
   protected:
@@ -97,6 +104,38 @@ TEST_F(FileUtilTest, RemovesLinksAndNotWhatTheyPointTo) {
     EXPECT_EQ(fs::symlink_status("link").type(), fs::file_type::not_found);
     EXPECT_EQ(directory_.read("outside/file"), "kept");
     EXPECT_TRUE(fs::exists("outside/folder"));
+}
+
+// In a world of its own, where the root is a directory of the test.
+TEST_F(FileUtilTest, NeverRemovesTheRootOfTheDisk) {
+    directory_.write("file", "kept");
+    EXPECT_EXIT(
+        {
+            if (::geteuid() != 0 && ::unshare(CLONE_NEWUSER) != 0)
+                std::_Exit(kSkipped);
+            if (::chroot(".") != 0 || ::chdir("/") != 0)
+                std::_Exit(kSkipped);
+            for (const wchar_t* const root : {L"\\", L"/", L"\\\\", L"/.", L"/x/..", L"\\..\\"})
+                fileutil::removePath(root);
+            if (!fs::exists("/file"))
+                std::_Exit(1);
+            fileutil::removePath(L"\\file\\");
+            std::_Exit(fs::exists("/file") ? 2 : 0);
+        },
+        [](int status) {
+            return WIFEXITED(status) &&
+                   (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == kSkipped);
+        },
+        "");
+}
+
+TEST_F(FileUtilTest, OpenFilesDoNotPassOnToOtherPrograms) {
+    for (const char* const mode : {"wb", "rb", "r+b", "ab"}) {
+        const fileutil::FilePtr file = fileutil::openFile("file", mode);
+        ASSERT_NE(file, nullptr) << mode;
+        EXPECT_EQ(::fcntl(::fileno(file.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << mode;
+    }
+    EXPECT_EQ(fileutil::openFile("file", "wbx"), nullptr);
 }
 
 TEST_F(FileUtilTest, ReadsTextWithLineFeedsUpToTheFirstNul) {

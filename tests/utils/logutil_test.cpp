@@ -67,15 +67,21 @@ TEST(LogLine, NamesTheThreadThatCalls) {
 
 // The log's readers know the second before the minute.
 TEST(LogLine, TellsTheLocalTimeWithTheSecondBeforeTheMinute) {
+    // Right behind the start of a second, where a slower clock would still tell the one before.
+    const auto second = [] {
+        return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+    };
+    for (const auto old = second(); second() == old;) {
+    }
     const auto before = std::chrono::system_clock::now();
     const std::string line = format(hj::kInfo, "t", 1, "m");
     const auto after = std::chrono::system_clock::now();
     const std::string told = line.substr(1, 19);
     // The clock may have moved on between the readings.
     std::vector<std::string> possible;
-    for (auto second = std::chrono::floor<std::chrono::seconds>(before); second <= after;
-         second += std::chrono::seconds(1)) {
-        const std::time_t time = std::chrono::system_clock::to_time_t(second);
+    for (auto moment = std::chrono::floor<std::chrono::seconds>(before); moment <= after;
+         moment += std::chrono::seconds(1)) {
+        const std::time_t time = std::chrono::system_clock::to_time_t(moment);
         std::tm local{};
         ASSERT_NE(localtime_r(&time, &local), nullptr);
         char text[64];

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "platform/process.h"
@@ -26,6 +27,7 @@ bool DynamicLibrary::load(const std::string& name) {
     unload();
     const std::filesystem::path file = name + ".so";
     const std::filesystem::path home = executableDirectory();
+    bool found = false;
     for (const std::filesystem::path& candidate :
          {home / file, home / "../lib/vorlanfactorytool" / file, file}) {
         handle_ = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -34,8 +36,11 @@ bool DynamicLibrary::load(const std::string& name) {
         // dlerror's text belongs to the calling thread.
         const char* reason = ::dlerror();  // NOLINT(concurrency-mt-unsafe)
         // The first candidate that exists and cannot be loaded is the one worth telling about.
-        if (error_.empty() || error_.find("No such file") != std::string::npos)
-            error_ = reason != nullptr ? reason : "unknown error";
+        if (found)
+            continue;
+        error_ = reason != nullptr ? reason : "unknown error";
+        std::error_code error;
+        found = std::filesystem::exists(candidate, error);
     }
     return false;
 }

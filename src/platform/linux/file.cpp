@@ -87,8 +87,10 @@ void File::close() {
         ::close(std::exchange(descriptor_, -1));
 }
 
-bool File::lockExclusively() {
-    return restarting([&] { return ::flock(descriptor_, LOCK_EX | LOCK_NB); }) == 0;
+File::Lock File::lockExclusively() {
+    if (restarting([&] { return ::flock(descriptor_, LOCK_EX | LOCK_NB); }) == 0)
+        return Lock::kTaken;
+    return errno == EWOULDBLOCK ? Lock::kHeldElsewhere : Lock::kFailed;
 }
 
 bool File::isFileAt(const std::string& path) const {
@@ -130,14 +132,20 @@ bool File::syncData() {
     return restarting([&] { return ::fdatasync(descriptor_); }) == 0;
 }
 
+std::FILE* openStream(const std::string& path, const char* mode) {
+    return std::fopen(path.c_str(), (std::string(mode) + "e").c_str());
+}
+
 bool replaceFile(const std::string& path, std::string_view bytes) {
-    std::string temporary = path + ".XXXXXX";
-    const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
+    // Always the same name, so that killed runs leave one file behind at most.
+    const std::string temporary = path + ".new";
+    ::unlink(temporary.c_str());
+    const int descriptor = restarting(
+        [&] { return ::open(temporary.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666); });
     if (descriptor < 0)
         return false;
-    // mkostemp makes the file private; a state file is as readable as any other.
-    const bool written = ::fchmod(descriptor, 0644) == 0 && writeAll(descriptor, 0, bytes) &&
-                         ::fsync(descriptor) == 0;
+    const bool written =
+        writeAll(descriptor, 0, bytes) && restarting([&] { return ::fsync(descriptor); }) == 0;
     const int error = errno;
     ::close(descriptor);
     if (written && ::rename(temporary.c_str(), path.c_str()) == 0) {

@@ -5,6 +5,7 @@
 #include "utils/fileutil.h"
 #include "utils/text.h"
 #include "utils/trace.h"
+#include "vorlan/firmware/entryname.h"
 #include "vorlan/firmware/packagearchive.h"
 #include "vorlan/firmware/unpackdirectory.h"
 
@@ -25,7 +26,15 @@ constexpr std::uint32_t kScriptAddr = 0xF0000;
 constexpr std::uint32_t kRespakAddr = 0x100000;
 constexpr std::uint32_t kConfigAddr = 0x7FF000;
 
-constexpr std::uint64_t kDeclaredLimit = std::uint64_t{1} << 30;  // bytes, all entries together
+// What all entries together may cost, far above any real package.
+constexpr std::uint64_t kDeclaredLimit = std::uint64_t{1} << 30;  // bytes
+constexpr std::size_t kStepLimit = 100'000;                       // files and directories of paths
+
+// How many files and directories an entry of that name makes at most; 1 even if it is refused.
+std::size_t stepsOf(const std::wstring& name) {
+    const auto steps = entryname::components(name);
+    return steps ? steps->size() : 1;
+}
 
 }  // namespace
 
@@ -52,6 +61,7 @@ bool FirmwareManager::validate() {
         return false;
     const std::int64_t count = entry.index;
     std::uint64_t declared = 0;
+    std::size_t steps = 0;
     for (std::int64_t i = 0; i < count; ++i) {
         // A list that breaks off does not tell what would be missing.
         if (!archive.readEntry(i, entry))
@@ -61,6 +71,11 @@ bool FirmwareManager::validate() {
             return false;
         }
         declared += entry.size;
+        steps += stepsOf(entry.name);
+        if (steps > kStepLimit) {
+            TRACE("package names more than %zu files and directories\n", kStepLimit);
+            return false;
+        }
         itemNames_.insert(entry.name);
     }
     archive.closeArchive();

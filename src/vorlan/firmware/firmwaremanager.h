@@ -28,9 +28,10 @@ class FirmwareManager {
     // afterwards, also if an older package had left such a file, and the burn that wants it fails.
     //
     // False if the package is invalid: no ZIP archive, without "flashboot.bin" or without a main
-    // image, or declaring more than 1 GiB; nothing is touched then. False too, with isUnpacked()
-    // false, if an older file can be neither replaced nor removed, so that no stale image is
-    // burned. After false nobody may burn until a later unpack gives true.
+    // image, or declaring more than 1 GiB or naming more than 100,000 files and directories;
+    // nothing is touched then. False too, with isUnpacked() false, if an older file can be neither
+    // replaced nor removed, so that no stale image is burned. After false nobody may burn until a
+    // later unpack gives true.
     bool unpack(const std::wstring& directory);
 
     // True once an unpack has finished.

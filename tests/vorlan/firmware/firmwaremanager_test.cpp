@@ -12,11 +12,13 @@
 
 #include "simulator/packagebuilder.h"
 #include "support/temporarydirectory.h"
+#include "vorlan/firmware/packagearchive.h"
 
 using simulator::PackageBuilder;
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 static void PrintTo(const BurnItem& item, std::ostream* out) {
     *out << fs::path(item.file).string() << " at " << std::hex << item.addr;
@@ -150,6 +152,46 @@ TEST_F(FirmwareManagerTest, ClearsOnlyWhatItUnpackedItself) {
     EXPECT_FALSE(fs::exists("temp_image"));
     EXPECT_EQ(manager_.getBurnItems().size(), 2U);
     EXPECT_EQ(contentOf("uart_temp_image/flashboot.bin"), "boot");
+}
+
+TEST_F(FirmwareManagerTest, TraceTellsTheItemsOfTheCfgAndThoseWithoutAFile) {
+    testing::internal::CaptureStderr();
+    const bool unpacked = unpack(withCfg(R"({"name":"\u4E2D.bin","addr":"1F"},)"
+                                         R"({"name":"absent.bin","addr":"-1"})"));
+    const std::string atUnpack = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(unpacked);
+    EXPECT_THAT(atUnpack, HasSubstr(" - name=\xE4\xB8\xAD.bin, addr=31\n"));
+    EXPECT_THAT(atUnpack, HasSubstr(" - name=absent.bin, addr=-1\n"));
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(manager_.getBurnItems().size(), 2U);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr(" - burn.cfg: no such file, name=absent.bin\n"));
+}
+
+TEST_F(FirmwareManagerTest, CountsTheSafeNameOfAnEntry) {
+    ASSERT_TRUE(unpack(PackageBuilder()
+                           .add("a\\..\\flashboot.bin", "boot")
+                           .add("C:\\master.bin", "main")
+                           .add("/burner.img", "burner")));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000)));
+    EXPECT_EQ(manager_.getBurnerPath(), L".\\temp_image\\burner.img");
+    EXPECT_EQ(contentOf("temp_image/flashboot.bin"), "boot");
+    EXPECT_EQ(contentOf("temp_image/master.bin"), "main");
+    EXPECT_EQ(contentOf("temp_image/burner.img"), "burner");
+}
+
+TEST_F(FirmwareManagerTest, ExtractDirectoryNeedsNoSeparatorAtItsEnd) {
+    smallest().write("package.vrk");
+    PackageArchive archive;
+    ASSERT_TRUE(archive.openArchive(L"package.vrk"));
+    for (const wchar_t* const directory : {L".\\bare", L".\\ended\\"}) {
+        archive.setExtractDir(directory);
+        EXPECT_TRUE(archive.extractEntry(0, L"flashboot.bin"));
+    }
+    EXPECT_EQ(contentOf("bare/flashboot.bin"), "boot");
+    EXPECT_EQ(contentOf("ended/flashboot.bin"), "boot");
 }
 
 TEST_F(FirmwareManagerTest, TreatsABrokenCfgAsNone) {

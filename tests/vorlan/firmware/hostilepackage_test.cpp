@@ -224,6 +224,29 @@ TEST_F(HostilePackageTest, IsInvalidAboveOneGibibyte) {
     EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin"}));
 }
 
+TEST_F(HostilePackageTest, IsInvalidAboveAHundredThousandPathSteps) {
+    // Entries that cannot be unpacked cost the test little and count like any others.
+    const auto nested = [](std::size_t entries, std::size_t flat) {
+        PackageBuilder package;
+        for (std::size_t i = 0; i < entries + flat; ++i) {
+            std::string name = "x";
+            for (int depth = 1; i < entries && depth < 100; ++depth)
+                name = "d/" + name;
+            package.add({.name = name, .content = "x", .declaredMethod = 99});
+        }
+        return package.add("flashboot.bin", "boot").add("master.bin", "main");
+    };
+    testing::internal::CaptureStderr();
+    const bool accepted = unpack(nested(999, 99));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                  " - package names more than 100000 files and directories\n"),
+              std::string::npos);
+    EXPECT_FALSE(accepted);
+    EXPECT_FALSE(fs::exists(kImages));
+    EXPECT_TRUE(unpack(nested(999, 98)));
+    EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin"}));
+}
+
 TEST_F(HostilePackageTest, SurvivesCutsAndFlippedBitsAnywhere) {
     const std::map<std::wstring, std::string> images{
         {L"flashboot.bin", "boot"},

@@ -1,0 +1,47 @@
+// A second process of the same program, for tests of what a kill leaves behind.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+// Runs `body` in a process of its own, until it is killed at the latest.
+class ChildProcess {
+  public:
+    template <typename Body>
+    explicit ChildProcess(Body body) : id_(::fork()) {
+        if (id_ != 0)
+            return;
+        body();
+        ::_exit(0);
+    }
+    ~ChildProcess() { kill(); }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    void kill() {
+        if (id_ <= 0)
+            return;
+        ::kill(id_, SIGKILL);
+        ::waitpid(id_, nullptr, 0);
+        id_ = -1;
+    }
+
+  private:
+    pid_t id_;
+};
+
+// Waits for something that another process does.
+template <typename Condition>
+bool eventually(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
