@@ -20,7 +20,7 @@ using testing::UnorderedElementsAre;
 
 class BurnAgentCommands : public AgentBench {
   protected:
-    // The records that the device has got, and the sizes of the chunks.
+    // The records and the sizes of the chunks that the device has got.
     std::vector<std::vector<std::uint8_t>> commandsSent() const {
         std::vector<std::vector<std::uint8_t>> records;
         for (const simulator::UsbTransfer& transfer : device->transfers())
