@@ -145,7 +145,7 @@ TEST_F(BurnAgentCommands, PauseBeforeTheyGoOnOrTryAgain) {
 TEST_F(BurnAgentCommands, LimitsOfTheTransfers) {
     plug();
     device->addFault({.where = FaultPoint::Chunk, .what = Fault::error("no"), .skip = 1});
-    EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2 * kChunkSize))}));
+    EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2 * 4096))}));
     EXPECT_THAT(
         tap.limits,
         UnorderedElementsAre(Pair(EP_ADDR_CMD_RESP_OUT, 100U), Pair(EP_ADDR_CMD_RESP_IN, 200U),
@@ -182,37 +182,35 @@ TEST_F(BurnAgentCommands, AChunkWithoutAnAnswerIsGivenUpAfterSixteenSeconds) {
 TEST_F(BurnAgentCommands, FilesThatGoWrongWhileTheyAreRead) {
     const struct {
         int pass;  // the first is for the CRC, the second for the data
-        std::size_t at;
         int error;
+        std::size_t at;
         std::vector<std::size_t> chunks;
-        std::uint32_t polls;
         const char* logged;
         std::vector<std::string> breaches;
+        std::uint32_t polls = 0;
     } cases[] = {
-        {1, 5000, EIO, {}, 0, "BurnAgent::vorlan_burn: FAILED to calculate crc64 value", {}},
+        {1, EIO, 5000, {}, "BurnAgent::vorlan_burn: FAILED to calculate crc64 value", {}},
         {2,
-         5000,
          EIO,
+         5000,
          {4096},
-         0,
          "\nBurnAgent::vorlan_burn: error(00000005h) occurs in reading image file! "
          "readBytes = 904\n",
          {}},
         // What is left of a file that has become shorter is sent, and the device refuses it.
         {2,
+         0,
          5000,
-         0,
          {4096, 904},
-         0,
          "BurnAgent::vorlan_burn: a chunk of a wrong size",
          {"burner: a chunk of a wrong size"}},
         {2,
-         4096,
          0,
+         4096,
          {4096},
-         1,
          "BurnAgent::vorlan_get_result: too short",
-         {"burner: GET_RESULT in the data phase"}},
+         {"burner: GET_RESULT in the data phase"},
+         1},
     };
     for (const auto& c : cases) {
         plug({.recordsTransfers = true});

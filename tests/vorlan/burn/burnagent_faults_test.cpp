@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <ostream>
+#include <string>
 #include <tuple>
+#include <vector>
 
 #include "agentbench.h"
 
@@ -28,7 +30,7 @@ struct FaultCase {
     std::string logged;      // part of a line of the run log, empty if none matters
     unsigned mode = CMD_CODE_FLASH_WRITE;
     const char* printed = "";  // part of the standard output
-    std::size_t imageSize = 3 * kChunkSize;
+    std::size_t imageSize = 3 * 4096;
 };
 
 void PrintTo(const FaultCase& test, std::ostream* out) {
@@ -65,7 +67,7 @@ TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {
 
 const std::string kText127(127, 'd');
 
-const FaultCase kFaults[] = {
+const std::vector<FaultCase> kFaults = {
     {"BusyTwice", FaultPoint::FlashWrite, Fault::response(4), 0, 2, true, 4,
      "FLASH_WRITE command successful!"},
     {"BusyForGood", FaultPoint::FlashWrite, Fault::response(4), 0, 3, false, 3,
