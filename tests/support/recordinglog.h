@@ -36,6 +36,18 @@ class RecordingLog final : public hj::LogPrinter {
         return taken;
     }
 
+    // The lines since the last call as "LEVEL/TAG: MESSAGE", without what differs from run to run.
+    std::vector<std::string> takeMessages() {
+        std::vector<std::string> messages;
+        for (const auto& [level, line] : takeAll()) {
+            const std::size_t number = line.find("(line ");
+            const std::size_t tag = line.rfind("] ", number) + 2;
+            messages.push_back(line.substr(tag, number - tag) + ": " +
+                               line.substr(line.find(" :", number) + 2));
+        }
+        return messages;
+    }
+
     // Whether some line so far holds the text.
     bool contains(const std::string& text) {
         const std::lock_guard guard(lock_);

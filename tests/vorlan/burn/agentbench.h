@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,6 +13,7 @@
 #include "simulator/virtualusbdevice.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
+#include "usbtap.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnagent.h"
 #include "vorlan/burn/libusbk_table.h"
@@ -45,10 +46,14 @@ class AgentBench : public testing::Test {
   protected:
     static constexpr const char* kPort = "0000:00:14.0-1.4";
 
+    // As on the real bus, no transfer ends inside the call that starts it.
+    AgentBench() { bus.deferTransfers(true); }
+
     // Puts a device that runs the burner image on the bus.
     void plug(simulator::UsbDeviceOptions options = {},
               const simulator::UsbIdentity& identity = {}) {
         options.startsInBurner = true;
+        tap.clear();
         device = std::make_shared<simulator::VirtualUsbDevice>(options);
         deviceId = bus.plug(kPort, device, identity);
     }
@@ -85,6 +90,7 @@ class AgentBench : public testing::Test {
 
     TemporaryDirectory directory;
     simulator::VirtualUsbBus bus;
+    UsbTap tap;
     LibusbkBinding binding;
     RecordingLog log;
     RecordingListener listener;

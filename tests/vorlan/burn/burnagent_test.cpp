@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
-#include <ostream>
 #include <thread>
 
 #include "agentbench.h"
@@ -113,132 +111,12 @@ TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSync) {
     EXPECT_TRUE(listener.has(path + " 1")) << testing::PrintToString(listener.reports);
 }
 
-// How a command ends that meets a fault on the open device.
-struct FaultCase {
-    const char* name;
-    FaultRule rule;
-    bool succeeds;
-    const char* logged;  // part of a line of the run log, empty if none matters
-};
-
-void PrintTo(const FaultCase& test, std::ostream* out) {
-    *out << test.name;
-}
-
-class BurnAgentFaults : public AgentBench, public testing::WithParamInterface<FaultCase> {};
-
-TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {
-    plug();
-    device->addFault(GetParam().rule);
-    const std::string image = imageBytes(3 * 4096);
-    EXPECT_EQ(run({item("image.bin", 0x1000, image)}, "SN-1"), GetParam().succeeds);
-    EXPECT_EQ(listener.has("done"), GetParam().succeeds);
-    EXPECT_THAT(listener.reports, Not(Contains(HasSubstr("error "))));
-    if (GetParam().succeeds) {
-        EXPECT_TRUE(flashHolds(0x1000, image));
-        EXPECT_TRUE(flashHolds(kSnAddress, "SN-1"));
-    } else {
-        EXPECT_FALSE(flashHolds(kSnAddress, "SN-1"));
-    }
-    EXPECT_TRUE(log.contains(GetParam().logged));
-}
-
-const std::string kText127(127, 'd');
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, BurnAgentFaults,
-    testing::Values(
-        FaultCase{"BusyTwice",
-                  {.where = FaultPoint::FlashWrite, .what = Fault::response(4), .times = 2},
-                  true,
-                  "FLASH_WRITE command successful!"},
-        FaultCase{"BusyForGood",
-                  {.where = FaultPoint::FlashWrite, .what = Fault::response(4), .times = 3},
-                  false,
-                  "BurnAgent::vorlan_burn: retry sending FLASH_WRITE for 3 times!"},
-        FaultCase{"WriteRefused",
-                  {.where = FaultPoint::FlashWrite, .what = Fault::error("write protected")},
-                  false,
-                  "BurnAgent::vorlan_burn: write protected"},
-        FaultCase{"UnknownAnswerToWrite",
-                  {.where = FaultPoint::FlashWrite, .what = Fault::response(99), .times = 2},
-                  true,
-                  ""},
-        FaultCase{"CrcAnswerNamesNoCommand",
-                  {.where = FaultPoint::SetCrc64, .what = Fault::wrongCmdorg(0), .times = 3},
-                  false,
-                  "BurnAgent::vorlan_set_crc64: retry sending SET_CRC64 for 3 times!"},
-        FaultCase{"CrcRefused",
-                  {.where = FaultPoint::SetCrc64, .what = Fault::error("no crc")},
-                  false,
-                  "vorlan SET_CRC64 command failed! BurnAgent::vorlan_set_crc64: no crc"},
-        FaultCase{"CrcAnswerLost",
-                  {.where = FaultPoint::SetCrc64, .what = Fault::silence(), .times = 2},
-                  true,
-                  ""},
-        FaultCase{"ErrorWithoutText",
-                  {.where = FaultPoint::Chunk, .what = Fault::error(""), .skip = 1},
-                  false,
-                  "BurnAgent::vorlan_burn: \n"},
-        FaultCase{"ErrorTextOf128",
-                  {.where = FaultPoint::Chunk, .what = Fault::error(std::string(128, 'd'))},
-                  false,
-                  kText127.c_str()},
-        FaultCase{"ErrorTextOf255",
-                  {.where = FaultPoint::GetResult, .what = Fault::error(std::string(255, 'd'))},
-                  false,
-                  kText127.c_str()},
-        FaultCase{"ErrorTextShorterThanItSays",
-                  {.where = FaultPoint::Chunk, .what = Fault::error("short", 200)},
-                  false,
-                  "BurnAgent::vorlan_burn: short"},
-        FaultCase{"ChunkAnsweredWithSuccess",
-                  {.where = FaultPoint::Chunk, .what = Fault::response(0), .skip = 1},
-                  false,
-                  "FLASH_WRITE command failed!"},
-        FaultCase{"ChunkAnsweredWithOngoing",
-                  {.where = FaultPoint::Chunk, .what = Fault::response(3), .skip = 1},
-                  false,
-                  "FLASH_WRITE command failed!"},
-        FaultCase{"ChunkAnsweredShort",
-                  {.where = FaultPoint::Chunk, .what = Fault::shortAnswer(15)},
-                  false,
-                  "FLASH_WRITE command failed!"},
-        FaultCase{"ChunkStalls",
-                  {.where = FaultPoint::Chunk, .what = Fault::stall(), .skip = 2},
-                  false,
-                  "FLASH_WRITE command failed!"},
-        FaultCase{"ChunkTakenInPart",
-                  {.where = FaultPoint::Chunk, .what = Fault::refuseWrite(1000)},
-                  false,
-                  "did not complete. ErrorCode=0x000004c7"},
-        FaultCase{"FlashKeepsAWrongByte",
-                  {.where = FaultPoint::Chunk, .what = Fault::corrupt(7), .skip = 1},
-                  false,
-                  "BurnAgent::vorlan_get_result: "},
-        FaultCase{"ResultOfAnotherCommand",
-                  {.where = FaultPoint::GetResult, .what = Fault::wrongCmdorg(2), .times = 2},
-                  true,
-                  ""},
-        FaultCase{"ResultWithUnknownCode",
-                  {.where = FaultPoint::GetResult, .what = Fault::response(77), .times = 2},
-                  true,
-                  ""},
-        FaultCase{"ResultAnswerLost",
-                  {.where = FaultPoint::GetResult, .what = Fault::silence()},
-                  true,
-                  ""},
-        FaultCase{"AnswerCutInTwo",
-                  {.where = FaultPoint::GetResult, .what = Fault::cutAnswer(8, 300ms)},
-                  true,
-                  ""}),
-    [](const auto& test) { return std::string(test.param.name); });
-
 TEST_F(BurnAgentTest, AnswersOfOtherCommandsAreNoAnswersToSync) {
     plug();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(2), .times = 9});
     EXPECT_TRUE(run({}));
     EXPECT_EQ(device->count(FaultPoint::Sync), 10U);
+    EXPECT_LT(tap.shortest(CMD_CODE_SYNC, CMD_CODE_SYNC), 10ms) << "it waits for no reason";
 }
 
 TEST_F(BurnAgentTest, ADeviceThatNeverSpeaksFailsTheFirstSync) {
@@ -298,57 +176,52 @@ TEST_F(BurnAgentTest, WhatCannotBeOpenedIsReportedAndReleased) {
         std::uint32_t code;
         std::uint32_t skip;
         const char* logged;
+        std::string printed = "";
     } cases[] = {
         {UsbOperation::List, 8, 0,
          "An error occured getting the device list. errorCode = 0x00000008"},
         {UsbOperation::Open, 5, 0, "Init vorlan device failed. ErrorCode = 0x00000005"},
-        {UsbOperation::Claim, 259, 0, ""},
-        {UsbOperation::Claim, 170, 0, ""},
+        {UsbOperation::Claim, 259, 0, "", "Interface number 0x00 does not exists.\n"},
+        {UsbOperation::Claim, 170, 0, "", "UsbK_ClaimInterface failed. ErrorCode: 0x000000aa\n"},
         {UsbOperation::PoolInit, 8, 0, "OvlK_Init failed. ErrorCode = 0x00000008"},
         {UsbOperation::SlotAcquire, 259, 0, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
         {UsbOperation::SlotAcquire, 259, 3, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
     };
     for (const auto& c : cases) {
         listener.reports.clear();
+        log.takeAll();
         bus.fail(c.operation, c.code, c.skip);
-        EXPECT_FALSE(run({}));
+        testing::internal::CaptureStdout();
+        const bool done = run({});
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed);
+        EXPECT_FALSE(done);
         EXPECT_THAT(listener.reports, ElementsAre("error -1 Cannot open device!"));
-        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        // What is printed is not logged too.
+        EXPECT_EQ(log.contains(c.logged), c.printed.empty()) << c.logged;
         EXPECT_EQ(bus.openHandles(), 0U) << c.logged;
     }
     EXPECT_TRUE(run({})) << "the device itself was never at fault";
 }
 
-TEST_F(BurnAgentTest, TheSystemsOwnDriverIsWarnedOf) {
-    plug({}, {.driverId = libusbk::kDriverIdWinUsb});
-    bus.fail(simulator::UsbOperation::Open, libusbk::kInvalidFunction);
-    EXPECT_FALSE(run({}));
-    EXPECT_TRUE(log.contains("vorlan_burn_agent: open vln_helper.dll failed"));
-}
-
-TEST_F(BurnAgentTest, VerifiesAndErasesWithoutWriting) {
-    plug({.resultTime = 150ms});
-    const std::string image = imageBytes(5000);
-    const BurnItem good = item("good.bin", 0x1000, image);
-    ASSERT_TRUE(run({good}));
-    listener.reports.clear();
-
-    EXPECT_TRUE(run({good}, {}, CMD_CODE_VERIFY_ONLY));
-    EXPECT_THAT(listener.reports, ElementsAre("start", "done"));
-    EXPECT_TRUE(log.contains("verify flash from 0x1000 to 0x2388"));
-    EXPECT_TRUE(log.contains("VERIFY_ONLY command succeed!"));
-
-    EXPECT_FALSE(run({item("other.bin", 0x1000, imageBytes(5000, 2))}, {}, CMD_CODE_VERIFY_ONLY));
-    EXPECT_TRUE(log.contains("VERIFY_ONLY command failed!"));
-
-    EXPECT_TRUE(run({good}, {}, CMD_CODE_ERASE_ONLY));
-    EXPECT_TRUE(flashHolds(0x1000, std::string(5000, '\xFF')));
-    EXPECT_TRUE(log.contains("erase only, address = 0x1000, size = 0x1388"));
-    EXPECT_TRUE(log.contains("ERASE_ONLY command succeed!"));
-
-    device->addFault({.where = FaultPoint::EraseOnly, .what = Fault::response(4), .times = 3});
-    EXPECT_FALSE(run({good}, {}, CMD_CODE_ERASE_ONLY));
-    EXPECT_TRUE(log.contains("retry sending ERASE_ONLY for 3 times!"));
+TEST_F(BurnAgentTest, TheSystemsOwnDriverIsWarnedOfIfItDoesNotSupportTheDevice) {
+    using namespace libusbk;
+    const struct {
+        std::uint32_t code;
+        std::int32_t driverId;
+        bool warned;
+    } cases[] = {
+        {kInvalidFunction, kDriverIdWinUsb, true},
+        {kAccessDenied, kDriverIdWinUsb, false},
+        {kInvalidFunction, kDriverIdLibusb, false},
+    };
+    for (const auto& c : cases) {
+        plug({}, {.driverId = c.driverId});
+        log.takeAll();
+        bus.fail(simulator::UsbOperation::Open, c.code);
+        EXPECT_FALSE(run({}));
+        EXPECT_EQ(log.contains("vorlan_burn_agent: open vln_helper.dll failed"), c.warned)
+            << c.code << " with driver " << c.driverId;
+    }
 }
 
 TEST_F(BurnAgentTest, GeneralExchange) {
@@ -370,8 +243,21 @@ TEST_F(BurnAgentTest, GeneralExchange) {
     EXPECT_EQ(respcode, RESP_CODE_ERROR);
     EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 2 times!"));
 
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(6), .times = 3});
+    EXPECT_FALSE(send(3, &respcode));
+    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 3 times!"));
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(0)});
+    EXPECT_TRUE(send(1, &respcode));
+    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
+
+    const std::uint32_t sent = device->count(FaultPoint::Sync);
+    device->addFault({.where = FaultPoint::Sync, .what = Fault::refuseWrite()});
+    EXPECT_FALSE(send(3, &respcode));
+    EXPECT_EQ(device->count(FaultPoint::Sync), sent + 1) << "a failed send is not repeated";
+
     device->addFault({.where = FaultPoint::Sync, .what = Fault::error("no")});
     EXPECT_FALSE(send(3, &respcode));
+    EXPECT_TRUE(log.contains("BurnAgent::vorlan_send_usb_command: no\n"));
     EXPECT_EQ(respcode, RESP_CODE_ERROR);
     vorlan_device_close(open);
 
@@ -380,16 +266,18 @@ TEST_F(BurnAgentTest, GeneralExchange) {
 }
 
 TEST_F(BurnAgentTest, UnpluggedAtAnyByteItEndsAndLeaksNothing) {
-    const std::string image = imageBytes(3 * 4096 + 5);
     plug();
-    ASSERT_TRUE(run({item("image.bin", 0x1000, image)}, "SN-1"));
+    const BurnItem image = item("image.bin", 0x1000, "image");
+    ASSERT_TRUE(run({image}, "SN-1"));
     const std::uint64_t whole = device->traffic();
-    for (std::uint64_t at = 0; at < whole; at += 1 + whole / 61) {
+    for (std::uint64_t at = 0; at < whole; ++at) {
         plug();
         listener.reports.clear();
         device->unplugAtByte(at);
-        EXPECT_FALSE(run({item("image.bin", 0x1000, image)}, "SN-1")) << "at byte " << at;
+        ASSERT_FALSE(run({image}, "SN-1")) << "at byte " << at;
         EXPECT_FALSE(listener.has("done")) << "at byte " << at;
+        // Only a device that has not even answered SYNC is an error to report.
+        EXPECT_EQ(listener.has("error -2 Failed to sync device!"), at < 2 * kRecordSize) << at;
         EXPECT_EQ(bus.openHandles(), 0U) << "at byte " << at;
         EXPECT_EQ(device->errors(), std::vector<std::string>());
     }

@@ -37,12 +37,27 @@ TEST(UsbRecords, ResponseCodeIsTheUpperSevenBits) {
     EXPECT_EQ(response.errdesc_len, 255);
 }
 
-TEST(UsbRecords, EveryCodeHasATextAndAllOthersOne) {
-    EXPECT_STREQ(commandName(CMD_CODE_FLASH_WRITE), "FLASH_WRITE(1)");
-    EXPECT_STREQ(commandName(CMD_CODE_SHOW_DONE), "SHOW_DONE(7)");
-    EXPECT_STREQ(commandDescription(CMD_CODE_SYNC), "4: sync with device");
-    EXPECT_STREQ(commandName(CMD_CODE_COUNT), "INVALID_CODE");
-    EXPECT_STREQ(commandDescription(255), "invalid code");
+TEST(UsbRecords, EveryCodeHasItsTextsAndAllOthersTheSame) {
+    const struct {
+        std::uint8_t code;
+        const char* name;
+        const char* description;
+    } texts[] = {
+        {0, "UNUSED_CODE(0)", "0: unused code"},
+        {1, "FLASH_WRITE(1)", "1: flash burn from host"},
+        {2, "VERIFY_ONLY(2)", "2: verify flash content with image data"},
+        {3, "ERASE_ONLY(3)", "3: erase flash of specified range"},
+        {4, "SYNC(4)", "4: sync with device"},
+        {5, "GET_RESULT(5)", "5: get command execution result"},
+        {6, "SET_CRC64(6)", "6: set crc64 value of image data"},
+        {7, "SHOW_DONE(7)", "7: show that burning is done"},
+        {8, "INVALID_CODE", "invalid code"},
+        {255, "INVALID_CODE", "invalid code"},
+    };
+    for (const auto& text : texts) {
+        EXPECT_STREQ(commandName(text.code), text.name);
+        EXPECT_STREQ(commandDescription(text.code), text.description);
+    }
 }
 
 TEST(RomChecksum, StartsFromTheRomsSeed) {

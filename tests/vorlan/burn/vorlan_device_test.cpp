@@ -1,5 +1,6 @@
 #include "vorlan/burn/vorlan_device.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,21 +10,28 @@
 using namespace std::chrono_literals;
 using simulator::Fault;
 using simulator::FaultPoint;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
 
-class VorlanDeviceTest : public AgentBench {
+// With transfers that end only when they are waited for (true), and inside the call where they can.
+class VorlanDeviceTest : public AgentBench, public testing::WithParamInterface<bool> {
   protected:
+    VorlanDeviceTest() { bus.deferTransfers(GetParam()); }
+
     void open(const simulator::UsbIdentity& identity = {}) {
         plug({}, identity);
         opened = vorlan_device_open(deviceId.c_str());
         ASSERT_NE(opened, nullptr);
     }
 
-    void sendSync() {
+    std::uint32_t writeSync() {
         const Record sync = encode({.cmdcode = CMD_CODE_SYNC});
-        ASSERT_EQ(vorlan_device_write(opened, sync.data(), kRecordSize, EP_ADDR_CMD_RESP_OUT, 100,
-                                      nullptr),
-                  kRecordSize);
+        return vorlan_device_write(opened, sync.data(), kRecordSize, EP_ADDR_CMD_RESP_OUT, 100,
+                                   &error);
     }
+
+    void sendSync() { ASSERT_EQ(writeSync(), kRecordSize); }
 
     std::uint32_t readAnswer(std::uint32_t timeout = 100) {
         return vorlan_device_read(opened, buffer.data(), kRecordSize, EP_ADDR_CMD_RESP_IN, timeout,
@@ -40,7 +48,7 @@ class VorlanDeviceTest : public AgentBench {
     std::uint32_t error = 0xAAAA;
 };
 
-TEST_F(VorlanDeviceTest, ReadsWholeAnswersAndTellsATimeOut) {
+TEST_P(VorlanDeviceTest, ReadsWholeAnswersAndTellsATimeOut) {
     open();
     sendSync();
     EXPECT_EQ(readAnswer(), kRecordSize);
@@ -53,15 +61,22 @@ TEST_F(VorlanDeviceTest, ReadsWholeAnswersAndTellsATimeOut) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
 }
 
-TEST_F(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
+TEST_P(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::cutAnswer(8, 150ms)});
     sendSync();
+    tap.waits.clear();
+    testing::internal::CaptureStdout();
     EXPECT_EQ(readAnswer(), kRecordSize);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Read endpoint(ep_addr = 0x85) cancelled. bytes_read = 8, ErrorCode=0x000004c7\n");
     EXPECT_EQ(error, libusbk::kNoError);
+    EXPECT_THAT(tap.waits,
+                ElementsAre(Pair(EP_ADDR_CMD_RESP_IN, 100U), Pair(EP_ADDR_CMD_RESP_IN, 100U)));
+    EXPECT_THAT(tap.flushes, IsEmpty());
 }
 
-TEST_F(VorlanDeviceTest, AShortAnswerIsNoError) {
+TEST_P(VorlanDeviceTest, AShortAnswerIsNoError) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::shortAnswer(15)});
     sendSync();
@@ -69,31 +84,46 @@ TEST_F(VorlanDeviceTest, AShortAnswerIsNoError) {
     EXPECT_EQ(error, libusbk::kNoError);
 }
 
-TEST_F(VorlanDeviceTest, AFailedTransferTellsItsCode) {
+TEST_P(VorlanDeviceTest, AFailedTransferTellsItsCode) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::stallAnswer()});
     sendSync();
     EXPECT_EQ(readAnswer(), 0U);
     EXPECT_EQ(error, libusbk::kGeneralFailure);
 
+    EXPECT_NE(log.contains("UsbK_ReadPipe failed. ErrorCode = 0x0000001f"), GetParam());
+
     bus.unplug(kPort);
-    const Record sync = encode({.cmdcode = CMD_CODE_SYNC});
-    EXPECT_EQ(
-        vorlan_device_write(opened, sync.data(), kRecordSize, EP_ADDR_CMD_RESP_OUT, 100, &error),
-        0U);
+    EXPECT_EQ(writeSync(), 0U);
     EXPECT_EQ(error, libusbk::kDeviceNotConnected);
+    EXPECT_TRUE(log.contains("UsbK_WritePipe failed. ErrorCode = 0x0000048f"));
 }
 
-TEST_F(VorlanDeviceTest, ADriverWithoutAnIdHasItsPipeEmptiedAfterATimeOut) {
-    open({.driverId = 0});
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::lateAnswer(50ms)});
-    sendSync();
-    EXPECT_EQ(readAnswer(10), 0U);
-    EXPECT_EQ(error, libusbk::kCancelled);
+TEST_P(VorlanDeviceTest, PipesAreEmptiedAfterAFailure) {
+    for (const std::int32_t driverId : {0, libusbk::kDriverIdWinUsb, libusbk::kDriverIdLibusb}) {
+        vorlan_device_close(opened);
+        open({.driverId = driverId});
+        EXPECT_EQ(readAnswer(10), 0U);
+        EXPECT_EQ(error, libusbk::kCancelled);
+        // After a read only for a driver without an id; after a write for all.
+        const std::vector<int> afterRead{EP_ADDR_CMD_RESP_IN};
+        EXPECT_EQ(tap.flushes, driverId == 0 ? afterRead : std::vector<int>()) << driverId;
+
+        tap.flushes.clear();
+        device->addFault({.where = FaultPoint::Sync, .what = Fault::refuseWrite(8)});
+        EXPECT_EQ(writeSync(), 0U);
+        EXPECT_EQ(error, libusbk::kCancelled);
+        EXPECT_THAT(tap.flushes, ElementsAre(EP_ADDR_CMD_RESP_OUT)) << driverId;
+        EXPECT_TRUE(
+            log.contains("Write endpoint(ep_addr = 0x06) did not complete. ErrorCode=0x000004c7"));
+    }
 }
 
-TEST_F(VorlanDeviceTest, NullIsIgnored) {
+TEST_P(VorlanDeviceTest, NullIsIgnored) {
     EXPECT_EQ(vorlan_device_open(nullptr), nullptr);
     EXPECT_EQ(vorlan_device_open(std::string(256, 'x').c_str()), nullptr);
     vorlan_device_close(nullptr);
 }
+
+INSTANTIATE_TEST_SUITE_P(Transfers, VorlanDeviceTest, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Deferred" : "AtOnce"; });

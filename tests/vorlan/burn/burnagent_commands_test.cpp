@@ -1,0 +1,230 @@
+// The commands of the agent one by one: their bytes, their pace, their limits and what they log.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <optional>
+
+#include "agentbench.h"
+#include "support/imagefile.h"
+
+using namespace std::chrono_literals;
+using simulator::Fault;
+using simulator::FaultPoint;
+using simulator::FaultRule;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+class BurnAgentCommands : public AgentBench {
+  protected:
+    // The records and the sizes of the chunks that the device has got.
+    std::vector<std::vector<std::uint8_t>> commandsSent() const {
+        std::vector<std::vector<std::uint8_t>> records;
+        for (const simulator::UsbTransfer& transfer : device->transfers())
+            if (transfer.endpoint == EP_ADDR_CMD_RESP_OUT)
+                records.push_back(transfer.bytes);
+        return records;
+    }
+    std::vector<std::size_t> chunksSent() const {
+        std::vector<std::size_t> sizes;
+        for (const simulator::UsbTransfer& transfer : device->transfers())
+            if (transfer.endpoint == EP_ADDR_DATA_RESP_OUT)
+                sizes.push_back(transfer.bytes.size());
+        return sizes;
+    }
+};
+
+TEST_F(BurnAgentCommands, RecordsOfVerifyAndErase) {
+    using Bytes = std::vector<std::uint8_t>;
+    const BurnItem erased = item("erased.bin", 0x12345600, std::string(0x10203, '\xFF'));
+    const Bytes sync{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const Bytes result{0, 0, 0, 0x0A, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+
+    plug({.recordsTransfers = true});
+    ASSERT_TRUE(run({erased}, {}, CMD_CODE_VERIFY_ONLY));
+    const std::vector<Bytes> sent = commandsSent();
+    ASSERT_EQ(sent.size(), 4U);
+    EXPECT_EQ(Bytes(sent[1].begin(), sent[1].begin() + 4), Bytes({8, 0, 0, 0x0C}));
+    EXPECT_EQ(sent[2], Bytes({8, 0, 0, 4, 0, 0x56, 0x34, 0x12, 3, 2, 1, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(sent[3], result);
+
+    plug({.recordsTransfers = true});
+    ASSERT_TRUE(run({erased}, {}, CMD_CODE_ERASE_ONLY));
+    EXPECT_THAT(commandsSent(),
+                ElementsAre(sync, Bytes({8, 0, 0, 6, 0, 0x56, 0x34, 0x12, 3, 2, 1, 0, 0, 0, 0, 0}),
+                            result));
+}
+
+TEST_F(BurnAgentCommands, LinesOfTheRunLog) {
+    plug();
+    const BurnItem image = item("image.bin", 0x1000, "image");
+    const std::string opened =
+        "D/vorlan_devic: vorlan_device_open: Vorlan (DeviceID = " + deviceId +
+        ") opened successfully!\n";
+
+    ASSERT_TRUE(run({image}));
+    EXPECT_THAT(log.takeMessages(),
+                ElementsAre(opened, "D/BurnAgent: burn flash from 0x1000 to 0x1005\n",
+                            "D/BurnAgent: \nBurnAgent::vorlan_burn: FLASH_WRITE command "
+                            "successful!\n"));
+    ASSERT_TRUE(run({image}, {}, CMD_CODE_VERIFY_ONLY));
+    EXPECT_THAT(
+        log.takeMessages(),
+        ElementsAre(opened, "D/BurnAgent: verify flash from 0x1000 to 0x1005\n",
+                    "E/BurnAgent: BurnAgent::vorlan_verify_only: VERIFY_ONLY command succeed!\n"));
+    ASSERT_TRUE(run({image}, {}, CMD_CODE_ERASE_ONLY));
+    EXPECT_THAT(
+        log.takeMessages(),
+        ElementsAre(opened,
+                    "D/BurnAgent: BurnAgent::vorlan_erase_only: erase only, address = 0x1000, "
+                    "size = 0x5\n",
+                    "D/BurnAgent: BurnAgent::vorlan_erase_only: ERASE_ONLY command succeed!\n"));
+    device->addFault({.where = FaultPoint::Chunk, .what = Fault::error("worn out")});
+    ASSERT_FALSE(run({image}));
+    EXPECT_THAT(log.takeMessages(),
+                ElementsAre(opened, "D/BurnAgent: burn flash from 0x1000 to 0x1005\n",
+                            "E/BurnAgent: BurnAgent::vorlan_burn: worn out\n",
+                            "E/BurnAgent: \nBurnAgent::vorlan_burn: FLASH_WRITE command "
+                            "failed!\n"));
+}
+
+TEST_F(BurnAgentCommands, PauseBeforeTheyGoOnOrTryAgain) {
+    constexpr int kWrite = CMD_CODE_FLASH_WRITE;
+    constexpr int kVerify = CMD_CODE_VERIFY_ONLY;
+    constexpr int kErase = CMD_CODE_ERASE_ONLY;
+    constexpr int kResult = CMD_CODE_GET_RESULT;
+    const struct {
+        unsigned mode;
+        FaultPoint where;
+        std::optional<Fault> fault;
+        int from;
+        int to;
+        std::chrono::milliseconds least;
+    } cases[] = {
+        {kWrite, FaultPoint::Sync, {}, CMD_CODE_SYNC, CMD_CODE_SET_CRC64, 1ms},
+        {kWrite, FaultPoint::Sync, Fault::response(4), CMD_CODE_SYNC, CMD_CODE_SYNC, 10ms},
+        {kWrite, FaultPoint::Sync, Fault::silence(), CMD_CODE_SYNC, CMD_CODE_SYNC, 210ms},
+        {kWrite, FaultPoint::Sync, Fault::refuseWrite(), CMD_CODE_SYNC, CMD_CODE_SYNC, 110ms},
+        {kWrite, FaultPoint::SetCrc64, Fault::response(4), CMD_CODE_SET_CRC64, CMD_CODE_SET_CRC64,
+         10ms},
+        {kWrite, FaultPoint::SetCrc64, Fault::silence(), CMD_CODE_SET_CRC64, CMD_CODE_SET_CRC64,
+         210ms},
+        {kWrite, FaultPoint::FlashWrite, Fault::response(4), kWrite, kWrite, 10ms},
+        {kWrite, FaultPoint::FlashWrite, {}, kWrite, UsbTap::kChunk, 10ms},
+        {kWrite, FaultPoint::Chunk, Fault::lateAnswer(300ms), UsbTap::kChunkAnswer,
+         UsbTap::kChunkAnswer, 220ms},
+        {kWrite, FaultPoint::GetResult, Fault::response(3), kResult, kResult, 100ms},
+        {kWrite, FaultPoint::GetResult, Fault::wrongCmdorg(2), kResult, kResult, 100ms},
+        {kWrite, FaultPoint::GetResult, Fault::silence(), kResult, kResult, 300ms},
+        {kVerify, FaultPoint::VerifyOnly, Fault::response(4), kVerify, kVerify, 10ms},
+        {kVerify, FaultPoint::VerifyOnly, {}, kVerify, kResult, 20ms},
+        {kErase, FaultPoint::EraseOnly, Fault::response(4), kErase, kErase, 10ms},
+        {kErase, FaultPoint::EraseOnly, {}, kErase, kResult, 20ms},
+    };
+    const BurnItem image = item("image.bin", 0, std::string(5, '\xFF'));
+    for (const auto& c : cases) {
+        plug();
+        if (c.fault)
+            device->addFault({.where = c.where, .what = *c.fault, .times = 2});
+        EXPECT_TRUE(run({image}, {}, c.mode));
+        EXPECT_GE(tap.shortest(c.from, c.to), c.least) << "from " << c.from << " to " << c.to;
+        EXPECT_LT(tap.shortest(c.from, c.to), 1h) << "from " << c.from << " to " << c.to;
+    }
+
+    // The last try of a busy device is waited for like the others.
+    plug();
+    device->addFault({.where = FaultPoint::FlashWrite, .what = Fault::response(4), .times = 3});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(run({image}));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+}
+
+TEST_F(BurnAgentCommands, LimitsOfTheTransfers) {
+    plug();
+    device->addFault({.where = FaultPoint::Chunk, .what = Fault::error("no"), .skip = 1});
+    EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2 * 4096))}));
+    EXPECT_THAT(
+        tap.limits,
+        UnorderedElementsAre(Pair(EP_ADDR_CMD_RESP_OUT, 100U), Pair(EP_ADDR_CMD_RESP_IN, 200U),
+                             Pair(EP_ADDR_DATA_RESP_OUT, 200U), Pair(EP_ADDR_DATA_RESP_IN, 200U)));
+    EXPECT_TRUE(log.contains("BurnAgent::vorlan_burn: no\n"));
+}
+
+TEST_F(BurnAgentCommands, ADeviceThatAnswersNoSyncWhileItProgramsFailsTheBurn) {
+    plug({.chunkTime = 3s});
+    device->addFault({.where = FaultPoint::Sync,
+                      .what = Fault::swallow(),
+                      .skip = 1,
+                      .times = FaultRule::kAlways});
+    EXPECT_FALSE(run({item("image.bin", 0, "image")}));
+    EXPECT_EQ(device->count(FaultPoint::Sync), 1U + 3U);
+    EXPECT_EQ(device->count(FaultPoint::GetResult), 0U);
+    EXPECT_TRUE(log.contains("vorlan SYNC command has been retried for 3 times, FAILED!"));
+}
+
+TEST_F(BurnAgentCommands, AChunkWithoutAnAnswerIsGivenUpAfterSixteenSeconds) {
+    plug();
+    device->addFault({.where = FaultPoint::Chunk, .what = Fault::silence()});
+    const BurnItem image = item("image.bin", 0, "image");
+    testing::internal::CaptureStdout();
+    const bool done = run({image});
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("BurnAgent::vorlan_burn: timeout to read data response (elasped 16 "
+                          "sec)!\n"));
+    EXPECT_FALSE(done);
+    EXPECT_TRUE(log.contains("FLASH_WRITE command failed!"));
+    EXPECT_FALSE(listener.has(text::narrow(image.file) + " 95"));
+}
+
+TEST_F(BurnAgentCommands, FilesThatGoWrongWhileTheyAreRead) {
+    const struct {
+        int pass;  // the first is for the CRC, the second for the data
+        int error;
+        std::size_t at;
+        std::vector<std::size_t> chunks;
+        const char* logged;
+        std::vector<std::string> breaches;
+        std::uint32_t polls = 0;
+    } cases[] = {
+        {1, EIO, 5000, {}, "BurnAgent::vorlan_burn: FAILED to calculate crc64 value", {}},
+        {2,
+         EIO,
+         5000,
+         {4096},
+         "\nBurnAgent::vorlan_burn: error(00000005h) occurs in reading image file! "
+         "readBytes = 904\n",
+         {}},
+        // What is left of a file that has become shorter is sent, and the device refuses it.
+        {2,
+         0,
+         5000,
+         {4096, 904},
+         "BurnAgent::vorlan_burn: a chunk of a wrong size",
+         {"burner: a chunk of a wrong size"}},
+        {2,
+         0,
+         4096,
+         {4096},
+         "BurnAgent::vorlan_get_result: too short",
+         {"burner: GET_RESULT in the data phase"},
+         1},
+    };
+    for (const auto& c : cases) {
+        plug({.recordsTransfers = true});
+        device->addFault({.where = FaultPoint::GetResult, .what = Fault::error("too short")});
+        const ImageFile file(imageBytes(10'000), c.pass, c.at, c.error);
+        BurnAgent agent(deviceId);
+        VORLAN_DEVICE* const open = vorlan_device_open(deviceId.c_str());
+        ASSERT_NE(open, nullptr);
+        EXPECT_FALSE(agent.vorlan_burn(open, 0x1000, file.get(), BURN_FLAG_CRC64)) << c.logged;
+        vorlan_device_close(open);
+        EXPECT_EQ(chunksSent(), c.chunks) << c.logged;
+        EXPECT_EQ(device->count(FaultPoint::GetResult), c.polls) << c.logged;
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+        EXPECT_EQ(device->errors(), c.breaches) << c.logged;
+    }
+    device = nullptr;  // its breaches are accounted for
+}

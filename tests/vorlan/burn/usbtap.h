@@ -1,0 +1,108 @@
+// Listens in on what the USB engine asks of libusbK: which transfers it starts and when, how long
+// it is ready to wait for them, and which pipes it empties.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/usb_protocol.h"
+
+// Made when the bus exists and nothing is bound; the engine uses it from one thread at a time.
+class UsbTap {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // What a transfer is for: the code of a command, or this and the endpoint.
+    static constexpr int kEndpoint = 0x100;
+    static constexpr int kChunk = kEndpoint + EP_ADDR_DATA_RESP_OUT;
+    static constexpr int kChunkAnswer = kEndpoint + EP_ADDR_DATA_RESP_IN;
+
+    UsbTap() {
+        tap = this;
+        {
+            const LibusbkBinding binding;
+            below_ = libusbkTable();
+        }
+        table_ = below_;
+        table_.UsbK_ReadPipe = readPipe;
+        table_.UsbK_WritePipe = writePipe;
+        table_.OvlK_WaitOrCancel = waitOrCancel;
+        table_.UsbK_FlushPipe = flushPipe;
+        substituteLibusbk(&table_);
+    }
+    ~UsbTap() { substituteLibusbk(nullptr); }
+    UsbTap(const UsbTap&) = delete;
+    UsbTap& operator=(const UsbTap&) = delete;
+
+    void clear() {
+        starts_.clear();
+        waits.clear();
+        limits.clear();
+        flushes.clear();
+    }
+
+    // The shortest time from a `from` to the first `to` after it; the longest there is if none.
+    Clock::duration shortest(int from, int to) const {
+        Clock::duration result = Clock::duration::max();
+        for (auto it = starts_.begin(); it != starts_.end(); ++it) {
+            if (it->first != from)
+                continue;
+            const auto next = std::find_if(std::next(it), starts_.end(),
+                                           [&](const auto& start) { return start.first == to; });
+            if (next != starts_.end())
+                result = std::min(result, next->second - it->second);
+        }
+        return result;
+    }
+
+    // Endpoints and limits in ms of all waits, in their order and each pair once.
+    std::vector<std::pair<int, unsigned>> waits;
+    std::set<std::pair<int, unsigned>> limits;
+    std::vector<int> flushes;  // endpoints
+
+  private:
+    static bool readPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8_t* buffer,
+                         std::uint32_t length, std::uint32_t* transferred,
+                         libusbk::OverlappedSlot* slot) {
+        tap->begin(endpoint, kEndpoint + endpoint, slot);
+        return tap->below_.UsbK_ReadPipe(handle, endpoint, buffer, length, transferred, slot);
+    }
+
+    static bool writePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
+                          const std::uint8_t* buffer, std::uint32_t length,
+                          std::uint32_t* transferred, libusbk::OverlappedSlot* slot) {
+        const bool isCommand = endpoint == EP_ADDR_CMD_RESP_OUT;
+        tap->begin(endpoint, isCommand ? commandCodeOf(buffer) : kEndpoint + endpoint, slot);
+        return tap->below_.UsbK_WritePipe(handle, endpoint, buffer, length, transferred, slot);
+    }
+
+    static bool waitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
+                             std::uint32_t* transferred) {
+        tap->waits.emplace_back(tap->endpoints_[slot], timeoutMs);
+        tap->limits.insert(tap->waits.back());
+        return tap->below_.OvlK_WaitOrCancel(slot, timeoutMs, transferred);
+    }
+
+    static bool flushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
+        tap->flushes.push_back(endpoint);
+        return tap->below_.UsbK_FlushPipe(handle, endpoint);
+    }
+
+    void begin(int endpoint, int what, libusbk::OverlappedSlot* slot) {
+        endpoints_[slot] = endpoint;
+        starts_.emplace_back(what, Clock::now());
+    }
+
+    static inline UsbTap* tap = nullptr;
+
+    LibusbkTable below_{};
+    LibusbkTable table_{};
+    std::map<const libusbk::OverlappedSlot*, int> endpoints_;
+    std::vector<std::pair<int, Clock::time_point>> starts_;
+};
