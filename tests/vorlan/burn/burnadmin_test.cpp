@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
-#include <regex>
 #include <thread>
 
 #include "adminbench.h"
@@ -284,9 +284,13 @@ class BurnAdminLinesTest : public AdminBench {
         output.end();
         printed = output.printed;
         // Each message begins with its source file and line, and brings its own line end.
-        const std::regex prefix(R"(\w+\.cpp\(\d+\): atlTraceGeneral - )");
-        traced.assign(
-            std::sregex_token_iterator(output.traced.begin(), output.traced.end(), prefix, -1), {});
+        const std::string mark = ": atlTraceGeneral - ";
+        for (std::size_t at = 0; at < output.traced.size();) {
+            const std::size_t end = std::min(output.traced.find(mark, at), output.traced.size());
+            const std::string piece = output.traced.substr(at, end - at);
+            traced.push_back(piece.substr(0, piece.rfind('\n') + 1));
+            at = end + mark.size();
+        }
     }
 
     std::string hotPlugLines(const std::string& kind) const {
