@@ -7,15 +7,69 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agentbench.h"
+#include "simulator/virtualusbbus.h"
+#include "simulator/virtualusbdevice.h"
+#include "support/recordinglog.h"
+#include "support/temporarydirectory.h"
 #include "vorlan/burn/burnadmin.h"
+#include "vorlan/burn/usblistener.h"
+
+// Waits for what nobody reports; false after 30 seconds.
+template <typename Condition>
+bool awaitTrue(Condition condition) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+inline std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+// Keeps what is printed and traced instead of showing it.
+class CapturedOutput {
+  public:
+    CapturedOutput() {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+    }
+    ~CapturedOutput() { end(); }
+    CapturedOutput(const CapturedOutput&) = delete;
+    CapturedOutput& operator=(const CapturedOutput&) = delete;
+
+    void end() {
+        if (ended_)
+            return;
+        ended_ = true;
+        printed = testing::internal::GetCapturedStdout();
+        traced = testing::internal::GetCapturedStderr();
+    }
+
+    // Both are there after the end.
+    std::string printed;
+    std::string traced;
+
+  private:
+    bool ended_ = false;
+};
 
 // Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for
 // them.
@@ -23,8 +77,14 @@ class RecordingUsbListener final : public UsbListener {
   public:
     // What the worker does once the burner image runs.
     std::function<void(SesHandle)> burn = [](SesHandle) {};
+    // What happens at an arrival, before it is kept, and at a removal.
+    std::function<void(SesHandle)> plugged = [](SesHandle) {};
+    std::function<void(SesHandle)> removed = [](SesHandle) {};
 
-    void onPlug(SesHandle session) override { add("plug", session); }
+    void onPlug(SesHandle session) override {
+        plugged(session);
+        add("plug", session);
+    }
     void onBurnerReady(SesHandle session) override {
         add("ready", session);
         burn(session);
@@ -32,6 +92,7 @@ class RecordingUsbListener final : public UsbListener {
     }
     void onRemove(SesHandle session) override {
         EXPECT_TRUE(session->workerEnded) << "the worker must be gone before its device is";
+        removed(session);
         add("remove", session);
     }
     void onError(SesHandle session, std::uint32_t code, const std::string& message) override {

@@ -3,10 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <thread>
 
 #include "adminbench.h"
+#include "utils/sysutil.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -14,8 +16,11 @@ using simulator::FaultPoint;
 using simulator::FaultRule;
 using testing::ElementsAre;
 
-class BurnAdminTest : public AdminBench {
+// Each case with transfers that end inside the call and with such as never do.
+class BurnAdminTest : public AdminBench, public testing::WithParamInterface<bool> {
   protected:
+    void SetUp() override { bus.deferTransfers(GetParam()); }
+
     // Burns one small image into each device that gets ready.
     void burnForReal(std::size_t size = 20'000) {
         image = imageBytes(size);
@@ -31,10 +36,32 @@ class BurnAdminTest : public AdminBench {
         return device.flash().holds(0x1000, bytes);
     }
 
+    // Plugs sixteen devices and starts; all get stuck in the middle of their burns.
+    void startSixteenBurns() {
+        burnForReal();
+        for (std::size_t i = 1; i <= 16; ++i) {
+            const auto device = plug(port(i));
+            device->addFault({FaultPoint::Chunk, Fault::silence(), 1, 1000});
+        }
+        start();
+        for (const auto& device : devices)
+            ASSERT_TRUE(awaitTrue([&] { return device->count(FaultPoint::Chunk) >= 2; }));
+    }
+
+    static std::string lineOfLivingWorker(const std::string& at) {
+        return "BurnAdmin::Burn_Session_Remove: Firmware Download Thread for "
+               "USB\\VID_1234&PID_5678\\" +
+               at + " is still alive...\n";
+    }
+
     std::string image;
 };
 
-TEST_F(BurnAdminTest, ADevicesRoadFromArrivalToRemoval) {
+INSTANTIATE_TEST_SUITE_P(Transfers, BurnAdminTest, testing::Bool(), [](const auto& test) {
+    return std::string(test.param ? "Deferred" : "InTheCall");
+});
+
+TEST_P(BurnAdminTest, ADevicesRoadFromArrivalToRemoval) {
     burnForReal();
     const auto early = plug("0-1");  // is there before the operator starts
     start();
@@ -54,7 +81,7 @@ TEST_F(BurnAdminTest, ADevicesRoadFromArrivalToRemoval) {
     EXPECT_TRUE(holdsImage(*again));
 }
 
-TEST_F(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
+TEST_P(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
     start();
     for (std::size_t i = 1; i <= 16; ++i)
         plug(port(i));
@@ -70,7 +97,7 @@ TEST_F(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
     EXPECT_TRUE(listener.waitFor("ready 0-17"));
 }
 
-TEST_F(BurnAdminTest, ForeignAndBrokenDevicesGetNoSession) {
+TEST_P(BurnAdminTest, ForeignAndBrokenDevicesGetNoSession) {
     start();
     auto foreign = std::make_shared<simulator::VirtualUsbDevice>();
     bus.plug("0-1", foreign, {.vendorId = 0x1234, .productId = 0x9999});
@@ -87,7 +114,7 @@ TEST_F(BurnAdminTest, ForeignAndBrokenDevicesGetNoSession) {
     EXPECT_FALSE(BurnAdmin::peekInstance()->Burn_Session_Remove("nobody"));
 }
 
-TEST_F(BurnAdminTest, RemovalEndsADownloadAndABurnAtOnce) {
+TEST_P(BurnAdminTest, RemovalEndsADownloadAndABurnAtOnce) {
     burnForReal();
     start();
     auto inRom = std::make_shared<simulator::VirtualUsbDevice>();
@@ -97,8 +124,9 @@ TEST_F(BurnAdminTest, RemovalEndsADownloadAndABurnAtOnce) {
     devices.insert(devices.end(), {inRom, inFlash});
     bus.plug("0-1", inRom);
     bus.plug("0-2", inFlash);
-    while (inRom->count(FaultPoint::MemData) < 2 || inFlash->count(FaultPoint::Chunk) < 3)
-        std::this_thread::yield();
+    ASSERT_TRUE(awaitTrue([&] {
+        return inRom->count(FaultPoint::MemData) >= 2 && inFlash->count(FaultPoint::Chunk) >= 3;
+    }));
 
     const auto start = std::chrono::steady_clock::now();
     bus.unplug("0-1");
@@ -109,21 +137,26 @@ TEST_F(BurnAdminTest, RemovalEndsADownloadAndABurnAtOnce) {
     EXPECT_EQ(bus.openHandles(), 0U);
 }
 
-TEST_F(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain) {
-    burnForReal();
-    for (std::size_t i = 1; i <= 16; ++i) {
-        const auto device = plug(port(i));
-        device->addFault({FaultPoint::Chunk, Fault::silence(), 1, 1000});
-    }
-    start();
-    for (const auto& device : devices)
-        while (device->count(FaultPoint::Chunk) < 2)
-            std::this_thread::yield();
+TEST_P(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain) {
+    ASSERT_NO_FATAL_FAILURE(startSixteenBurns());
+    // The listener is told of the first one when its worker has ended; by then the others are
+    // winding down too.
+    listener.removed = [this](SesHandle) {
+        if (listener.count("remove") > 0)
+            return;
+        for (std::size_t i = 1; i <= 16; ++i)
+            EXPECT_TRUE(listener.session(port(i))->worker.get_stop_token().stop_requested()) << i;
+    };
 
+    CapturedOutput output;
     const auto stop = std::chrono::steady_clock::now();
     BurnAdmin::destroyInstance();
     EXPECT_LT(std::chrono::steady_clock::now() - stop, 500ms);
+    output.end();
     EXPECT_EQ(listener.count("remove"), 16U);
+    for (std::size_t i = 1; i <= 16; ++i)
+        EXPECT_EQ(occurrences(output.printed, lineOfLivingWorker(port(i))), 1U) << i;
+    EXPECT_EQ(occurrences(output.printed, "alive"), 16U);
     EXPECT_EQ(listener.count("error"), 0U);
     EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
     EXPECT_EQ(bus.openHandles(), 0U);
@@ -135,7 +168,7 @@ TEST_F(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain)
     EXPECT_TRUE(listener.waitForCount("plug", 16));
 }
 
-TEST_F(BurnAdminTest, SixteenAtOnceEachGetTheirOwn) {
+TEST_P(BurnAdminTest, SixteenAtOnceEachGetTheirOwn) {
     burnForReal(100'000);
     start();
     for (std::size_t i = 1; i <= 16; ++i)
@@ -145,7 +178,7 @@ TEST_F(BurnAdminTest, SixteenAtOnceEachGetTheirOwn) {
         EXPECT_TRUE(holdsImage(*device));
 }
 
-TEST_F(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
+TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
     burnForReal();
     std::mt19937 random(20);
     for (int round = 0; round < 3; ++round) {
@@ -176,7 +209,7 @@ TEST_F(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
     }
 }
 
-TEST_F(BurnAdminTest, WithoutHotPlugNothingArrivesAndNothingBreaks) {
+TEST_P(BurnAdminTest, WithoutHotPlugNothingArrivesAndNothingBreaks) {
     bus.fail(simulator::UsbOperation::Monitor, libusbk::kGeneralFailure);
     plug("0-1");
     start();
@@ -184,7 +217,7 @@ TEST_F(BurnAdminTest, WithoutHotPlugNothingArrivesAndNothingBreaks) {
     EXPECT_TRUE(listener.events().empty());
 }
 
-TEST_F(BurnAdminTest, ALibraryThatCannotBeBoundFailsEveryCallWithItsCode) {
+TEST_P(BurnAdminTest, ALibraryThatCannotBeBoundFailsEveryCallWithItsCode) {
     bus.fail(simulator::UsbOperation::Startup, libusbk::kGeneralFailure);
     plug("0-1");
     start();
@@ -194,4 +227,134 @@ TEST_F(BurnAdminTest, ALibraryThatCannotBeBoundFailsEveryCallWithItsCode) {
     EXPECT_TRUE(log.contains("An error occured getting the device list. errorCode = 0x0000007e"));
     BurnAdmin::destroyInstance();
     EXPECT_TRUE(listener.events().empty());
+}
+
+TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
+    for (std::size_t i = 1; i <= 3; ++i)
+        plug(port(i))->addFault({FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways});
+    start();
+    for (const auto& device : devices)
+        ASSERT_TRUE(awaitTrue([&] { return device->count(FaultPoint::MemData) >= 2; }));
+    BurnAdmin::destroyInstance();
+    EXPECT_EQ(listener.count("plug"), 3U);
+    EXPECT_EQ(listener.count("remove"), 3U);
+    EXPECT_EQ(listener.events().size(), 6U) << testing::PrintToString(listener.events());
+}
+
+TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
+    burnerPath = directory.write("empty.img", "");
+    listener.plugged = [](SesHandle) { std::this_thread::sleep_for(50ms); };
+    start();
+    plug("0-1");
+    ASSERT_TRUE(listener.waitForCount("error", 1));
+    ASSERT_TRUE(listener.waitFor("plug 0-1"));
+    EXPECT_THAT(listener.events(),
+                ElementsAre("plug 0-1", "error 57 Empty file! path=" + burnerPath + " 0-1"));
+}
+
+TEST_P(BurnAdminTest, WithoutAPoolADeviceIsServedAllTheSame) {
+    burnForReal();
+    bus.fail(simulator::UsbOperation::PoolInit, libusbk::kNotEnoughMemory);
+    start();
+    const auto device = plug("0-1");
+    ASSERT_TRUE(listener.waitFor("burned 0-1"));
+    EXPECT_TRUE(holdsImage(*device));
+}
+
+class BurnAdminLinesTest : public AdminBench {
+  protected:
+    using Lines = std::vector<std::string>;
+
+    // What the trace and the standard output say of one device from the start to the stop.
+    void run(const std::function<void(simulator::VirtualUsbDevice&)>& prepare) {
+        auto device = std::make_shared<simulator::VirtualUsbDevice>();
+        devices.push_back(device);
+        prepare(*device);
+        CapturedOutput output;
+        start();
+        bus.plug("0-1", device);
+        ASSERT_TRUE(listener.waitFor("plug 0-1"));
+        const SesHandle session = listener.session("0-1");
+        ASSERT_TRUE(awaitTrue([&] { return session->workerEnded.load(); }));
+        place = "  BusNum              : " + std::to_string(session->bus_no) +
+                "\n  DeviceAddress       : " + std::to_string(session->device_address) + "\n  \n";
+        bus.unplug("0-1");
+        ASSERT_TRUE(listener.waitFor("remove 0-1"));
+        BurnAdmin::destroyInstance();
+        output.end();
+        printed = output.printed;
+        // Each message begins with its source file and line, and brings its own line end.
+        const std::string mark = ": atlTraceGeneral - ";
+        for (std::size_t at = 0; at < output.traced.size();) {
+            const std::size_t end = std::min(output.traced.find(mark, at), output.traced.size());
+            const std::string piece = output.traced.substr(at, end - at);
+            traced.push_back(piece.substr(0, piece.rfind('\n') + 1));
+            at = end + mark.size();
+        }
+    }
+
+    std::string hotPlugLines(const std::string& kind) const {
+        return "\n[" + kind + "] Virtual Vorlan device (Vorlan) [simulator]\n" +
+               "  InstanceID          : " + id +
+               "\n  DeviceInterfaceGUID : {00000000-0000-0000-0000-000000000000}\n"
+               "  DevicePath          : simulator/0-1\n" +
+               place;
+    }
+
+    // The trace up to the second block, the end of the worker and the removal, with what comes
+    // between.
+    Lines road(const Lines& between) const {
+        const std::string good = "send_mem_command: Return Successful! (retries = 0)\n";
+        Lines lines{
+            "",
+            "OS_NAME=" + text::narrow(sysutil::getOsName()) + "\n",
+            "is64BitOS=" + std::to_string(sysutil::is64BitOS()) + "\n",
+            hotPlugLines("ARRIVAL"),
+            "1234:5678 (" + id + "): found Virtual Vorlan device - Vorlan, DriverID = 000A\n",
+            "Vorlan " + id + " opened successfully!\n",
+            "Burn_Session_Add\n",
+            "notifyPlug\n",
+            "Enter FwDownload for " + id + "...\n",
+            "FwDownloadProc: has slept for 5 ms to let ROM get ready!\n",
+            "FwDownloadProc: start send_mem_begin_command...\n",
+            good,
+            "FwDownloadProc: reading file " + burnerPath + "...\n",
+            good};
+        lines.insert(lines.end(), between.begin(), between.end());
+        lines.push_back("Exit FwDownload for " + id + "...\n");
+        lines.push_back(hotPlugLines("REMOVAL"));
+        return lines;
+    }
+
+    const std::string id = "USB\\VID_1234&PID_5678\\0-1";
+    const std::string printedOnAnyRoad =
+        "Install HotK monitor for DeviceID = USB\\VID_1234&PID_5678\\*\n"
+        "HotK monitor initialized successfully!\n"
+        "HotK monitor closed successfully!\n";
+    std::string place;
+    Lines traced;
+    std::string printed;
+};
+
+TEST_F(BurnAdminLinesTest, OfAGoodRoad) {
+    ASSERT_NO_FATAL_FAILURE(run([](simulator::VirtualUsbDevice&) {}));
+    const std::string good = "send_mem_command: Return Successful! (retries = 0)\n";
+    EXPECT_EQ(traced,
+              road({good, "FwDownloadProc: end reading file " + burnerPath + "! readBytes = 904\n",
+                    good, "FwDownloadProc: start send_mem_end_command...\n", good}));
+    EXPECT_EQ(printed, printedOnAnyRoad);
+}
+
+TEST_F(BurnAdminLinesTest, OfAFailingRoad) {
+    ASSERT_NO_FATAL_FAILURE(run([](simulator::VirtualUsbDevice& device) {
+        device.addFault({FaultPoint::MemData, Fault::shortAnswer(9), 1});
+        device.addFault({FaultPoint::MemData, Fault::romStatus(0x05), 1});
+        device.addFault({FaultPoint::MemData, Fault::romStatus(0xF0), 1});
+    }));
+    EXPECT_EQ(traced, road({"ReadPipe 0x85, return 9 bytes, NOT valid command response status!\n",
+                            "send_mem_command: Return Error = 0x5 (retries = 1)\n",
+                            "send_mem_command: Return Fatal Error! (retries = 2)\n",
+                            "FAILED to send MEM_DATA command for " + id + "!\n"}));
+    EXPECT_EQ(printed, printedOnAnyRoad);
+    EXPECT_EQ(listener.count("error f0 Return Fatal Error! (retries = 2)"), 1U);
 }

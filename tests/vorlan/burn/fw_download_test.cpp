@@ -12,9 +12,17 @@ using simulator::Fault;
 using simulator::FaultPoint;
 using simulator::FaultRule;
 
-class FwDownloadTest : public AdminBench {};
+// Each case with transfers that end inside the call and with such as never do.
+class FwDownloadTest : public AdminBench, public testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override { bus.deferTransfers(GetParam()); }
+};
 
-TEST_F(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
+INSTANTIATE_TEST_SUITE_P(Transfers, FwDownloadTest, testing::Bool(), [](const auto& test) {
+    return std::string(test.param ? "Deferred" : "InTheCall");
+});
+
+TEST_P(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
     const std::pair<std::size_t, unsigned> sizes[] = {{1, 1}, {2048, 1}, {2049, 2}, {4096, 2}};
     start();
     for (const auto& [size, blocks] : sizes) {
@@ -34,7 +42,7 @@ TEST_F(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
     }
 }
 
-TEST_F(FwDownloadTest, MessagesOnTheWire) {
+TEST_P(FwDownloadTest, MessagesOnTheWire) {
     directory.write("burner.img", "\xEF");
     start();
     const auto device = plug("0-1", {.recordsTransfers = true});
@@ -72,18 +80,31 @@ class FwDownloadFaults : public AdminBench, public testing::WithParamInterface<R
 
 TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
     start();
-    auto device = std::make_shared<simulator::VirtualUsbDevice>();
-    devices.push_back(device);
-    device->addFault(GetParam().rule);
-    bus.plug("0-1", device);
-    const std::string reported = GetParam().reported;
-    if (reported.empty()) {
-        EXPECT_TRUE(listener.waitFor("ready 0-1"));
-        EXPECT_EQ(listener.count("error"), 0U);
-    } else {
-        EXPECT_TRUE(listener.waitFor(reported + " 0-1"))
-            << testing::PrintToString(listener.events());
-        EXPECT_EQ(listener.count("ready"), 0U);
+    for (const bool deferred : {false, true}) {
+        bus.deferTransfers(deferred);
+        auto device = std::make_shared<simulator::VirtualUsbDevice>();
+        devices.push_back(device);
+        device->addFault(GetParam().rule);
+        bus.plug("0-1", device);
+        const std::string reported = GetParam().reported;
+        if (reported.empty()) {
+            ASSERT_TRUE(listener.waitFor("ready 0-1"));
+            EXPECT_EQ(listener.count("error"), 0U);
+        } else {
+            ASSERT_TRUE(listener.waitForCount("error", 1));
+            EXPECT_EQ(listener.count("ready"), 0U);
+            // Where refusals alone used up the tries, the code is free, but for 0.
+            const FaultRule& rule = GetParam().rule;
+            const bool refused =
+                rule.what.kind == Fault::Kind::RomStatus && rule.times == FaultRule::kAlways;
+            const std::string text =
+                deferred && refused ? reported.substr(reported.find("Retry")) : reported;
+            EXPECT_EQ(listener.count("error 0 "), 0U);
+            EXPECT_THAT(listener.events().back(), testing::EndsWith(text + " 0-1"));
+        }
+        bus.unplug("0-1");
+        ASSERT_TRUE(listener.waitFor("remove 0-1"));
+        listener.clear();
     }
 }
 
@@ -118,7 +139,7 @@ INSTANTIATE_TEST_SUITE_P(
                      "error 1f Retry WritePipe has reaches max (10)!"}),
     [](const auto& test) { return std::string(test.param.name); });
 
-TEST_F(FwDownloadTest, WithoutASlotTransfersEndInsideTheCall) {
+TEST_P(FwDownloadTest, WithoutASlotTransfersEndInsideTheCall) {
     bus.fail(simulator::UsbOperation::SlotAcquire, libusbk::kNoMoreItems);
     start();
     const auto device = plug("0-1");
@@ -126,7 +147,7 @@ TEST_F(FwDownloadTest, WithoutASlotTransfersEndInsideTheCall) {
     EXPECT_EQ(device->downloadedBurner().size(), burner.size());
 }
 
-TEST_F(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {
+TEST_P(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {
     burnerPath = directory.write("empty.img", "");
     start();
     plug("0-1");
@@ -138,8 +159,7 @@ TEST_F(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {
     start();
     ASSERT_TRUE(listener.waitFor("plug 0-1"));
     // The session keeps its handle until the device leaves.
-    while (!listener.session("0-1")->workerEnded)
-        std::this_thread::yield();
+    ASSERT_TRUE(awaitTrue([&] { return listener.session("0-1")->workerEnded.load(); }));
     EXPECT_EQ(bus.openHandles(), 1U);
     EXPECT_EQ(listener.count("error"), 0U);
     bus.unplug("0-1");
