@@ -74,8 +74,9 @@ class RomTransfer {
         const LibusbkTable& usb = libusbkTable();
         if (finished)
             return true;
-        lastError_ = usb.LibK_LastError();
-        if (slot_ == nullptr || lastError_ != libusbk::kIoPending) {
+        const std::uint32_t code = usb.LibK_LastError();
+        if (slot_ == nullptr || code != libusbk::kIoPending) {
+            lastError_ = code;
             tellFailure(name, endpoint, retries);
         } else {
             if (usb.OvlK_WaitOrCancel(slot_, kTransferTimeoutMs, &count))
