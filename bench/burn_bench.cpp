@@ -19,7 +19,7 @@
 #include "utils/text.h"
 #include "vorlan/burn/burnagent.h"
 #include "vorlan/burn/crc64.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 namespace {
 

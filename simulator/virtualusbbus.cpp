@@ -15,7 +15,7 @@
 
 #include "simulator/errorlist.h"
 #include "simulator/usbconnection.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 namespace simulator {
 namespace {

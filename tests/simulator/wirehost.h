@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "simulator/virtualusbbus.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 namespace simulator {
 

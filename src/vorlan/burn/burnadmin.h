@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "vorlan/burn/burn_session.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/usblistener.h"
 
 // A singleton that lives from the operator's start to the operator's stop. getInstance, the

@@ -13,8 +13,8 @@
 #include "utils/interruption.h"
 #include "utils/trace.h"
 #include "vorlan/burn/burnadmin.h"
-#include "vorlan/burn/handle_interruption.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/handleinterruption.h"
+#include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/rom_protocol.h"
 #include "vorlan/burn/usb_protocol.h"
 

@@ -8,7 +8,7 @@
 #include "utils/interruption.h"
 #include "utils/littleendian.h"
 #include "utils/trace.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/usb_protocol.h"
 
 using namespace std::chrono_literals;

@@ -9,8 +9,8 @@
 
 #include "platform/dynamiclibrary.h"
 #include "utils/logutil.h"
-#include "vorlan/burn/handle_interruption.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/handleinterruption.h"
+#include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/usb_protocol.h"
 
 #define LOG_TAG "vorlan_device"

@@ -7,7 +7,7 @@
 #include <random>
 #include <thread>
 
-#include "adminbench.h"
+#include "adminfixture.h"
 #include "utils/sysutil.h"
 
 using namespace std::chrono_literals;
@@ -17,7 +17,7 @@ using simulator::FaultRule;
 using testing::ElementsAre;
 
 // Each case with transfers that end inside the call and with such as never do.
-class BurnAdminTest : public AdminBench, public testing::WithParamInterface<bool> {
+class BurnAdminTest : public AdminFixture, public testing::WithParamInterface<bool> {
   protected:
     void SetUp() override { bus.deferTransfers(GetParam()); }
 
@@ -261,7 +261,7 @@ TEST_P(BurnAdminTest, WithoutAPoolADeviceIsServedAllTheSame) {
     EXPECT_TRUE(holdsImage(*device));
 }
 
-class BurnAdminLinesTest : public AdminBench {
+class BurnAdminLinesTest : public AdminFixture {
   protected:
     using Lines = std::vector<std::string>;
 

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <optional>
 
-#include "agentbench.h"
+#include "agentfixture.h"
 #include "support/imagefile.h"
 
 using namespace std::chrono_literals;
@@ -18,7 +18,7 @@ using testing::HasSubstr;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 
-class BurnAgentCommands : public AgentBench {
+class BurnAgentCommands : public AgentFixture {
   protected:
     // The records and the sizes of the chunks that the device has got.
     std::vector<std::vector<std::uint8_t>> commandsSent() const {

@@ -8,7 +8,7 @@
 #include <tuple>
 #include <vector>
 
-#include "agentbench.h"
+#include "agentfixture.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -38,7 +38,7 @@ void PrintTo(const FaultCase& test, std::ostream* out) {
 }
 
 // Each fault, with and without transfers that end inside the call that starts them.
-class BurnAgentFaults : public AgentBench,
+class BurnAgentFaults : public AgentFixture,
                         public testing::WithParamInterface<std::tuple<FaultCase, bool>> {};
 
 TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-#include "agentbench.h"
+#include "agentfixture.h"
 #include "utils/fileutil.h"
 #include "utils/interruption.h"
 #include "vorlan/burn/crc64.h"
@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-class BurnAgentTest : public AgentBench {};
+class BurnAgentTest : public AgentFixture {};
 
 TEST_F(BurnAgentTest, WritesImagesInOrderAndTheSerialNumberBehindThem) {
     plug({.chunkTime = 1ms, .resultTime = 120ms});

@@ -5,7 +5,7 @@
 
 #include <ostream>
 
-#include "adminbench.h"
+#include "adminfixture.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -13,7 +13,7 @@ using simulator::FaultPoint;
 using simulator::FaultRule;
 
 // Each case with transfers that end inside the call and with such as never do.
-class FwDownloadTest : public AdminBench, public testing::WithParamInterface<bool> {
+class FwDownloadTest : public AdminFixture, public testing::WithParamInterface<bool> {
   protected:
     void SetUp() override { bus.deferTransfers(GetParam()); }
 };
@@ -76,7 +76,7 @@ void PrintTo(const RomFaultCase& test, std::ostream* out) {
     *out << test.name;
 }
 
-class FwDownloadFaults : public AdminBench, public testing::WithParamInterface<RomFaultCase> {};
+class FwDownloadFaults : public AdminFixture, public testing::WithParamInterface<RomFaultCase> {};
 
 TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
     start();

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <set>
 
-#include "adminbench.h"
+#include "adminfixture.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -17,7 +17,7 @@ using simulator::FaultPoint;
 
 namespace {
 
-class SerialNumbersTest : public AdminBench {
+class SerialNumbersTest : public AdminFixture {
   protected:
     static constexpr std::uint32_t kSnAddress = 0x7FF004;
 

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "adminbench.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "adminfixture.h"
+#include "vorlan/burn/libusbktable.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -23,7 +23,7 @@ namespace {
 using Time = std::chrono::steady_clock::time_point;
 
 // The bus's operations, with a few of them watched.
-class TappedBusTest : public AdminBench {
+class TappedBusTest : public AdminFixture {
   protected:
     TappedBusTest() {
         {

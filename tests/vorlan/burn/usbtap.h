@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/usb_protocol.h"
 
 // Made when the bus exists and nothing is bound; the engine uses it from one thread at a time.

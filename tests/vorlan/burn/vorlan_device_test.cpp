@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "agentbench.h"
+#include "agentfixture.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -15,7 +15,7 @@ using testing::IsEmpty;
 using testing::Pair;
 
 // With transfers that end only when they are waited for (true), and inside the call where they can.
-class VorlanDeviceTest : public AgentBench, public testing::WithParamInterface<bool> {
+class VorlanDeviceTest : public AgentFixture, public testing::WithParamInterface<bool> {
   protected:
     VorlanDeviceTest() { bus.deferTransfers(GetParam()); }
 
@@ -40,7 +40,7 @@ class VorlanDeviceTest : public AgentBench, public testing::WithParamInterface<b
 
     void TearDown() override {
         vorlan_device_close(opened);
-        AgentBench::TearDown();
+        AgentFixture::TearDown();
     }
 
     VORLAN_DEVICE* opened = nullptr;

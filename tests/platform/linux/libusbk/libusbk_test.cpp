@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "tests/platform/linux/libusbk/mockusbbus.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 namespace {
 

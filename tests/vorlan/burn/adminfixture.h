@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "agentbench.h"
+#include "agentfixture.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
 #include "support/recordinglog.h"
@@ -160,7 +160,7 @@ class RecordingUsbListener final : public UsbListener {
     std::map<std::string, SesHandle> sessions_;
 };
 
-class AdminBench : public testing::Test {
+class AdminFixture : public testing::Test {
   protected:
     void start(std::uint32_t romWait = 5) {
         BurnAdmin* const admin = BurnAdmin::getInstance();

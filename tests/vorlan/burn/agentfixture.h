@@ -16,7 +16,7 @@
 #include "usbtap.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnagent.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 // Keeps every report as a line.
 class RecordingListener final : public BurnListener {
@@ -42,12 +42,12 @@ class RecordingListener final : public BurnListener {
     std::vector<std::string> reports;
 };
 
-class AgentBench : public testing::Test {
+class AgentFixture : public testing::Test {
   protected:
     static constexpr const char* kPort = "0000:00:14.0-1.4";
 
     // As on the real bus, no transfer ends inside the call that starts it.
-    AgentBench() { bus.deferTransfers(true); }
+    AgentFixture() { bus.deferTransfers(true); }
 
     // Puts a device that runs the burner image on the bus.
     void plug(simulator::UsbDeviceOptions options = {},

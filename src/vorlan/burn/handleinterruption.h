@@ -4,7 +4,7 @@
 #include <stop_token>
 
 #include "utils/interruption.h"
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 // While it lives, an interruption of the thread that made it ends all waits on the handle at once.
 // It must be gone before the handle is freed.

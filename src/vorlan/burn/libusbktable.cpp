@@ -1,4 +1,4 @@
-#include "vorlan/burn/libusbk_table.h"
+#include "vorlan/burn/libusbktable.h"
 
 #include <atomic>
 #include <mutex>
