@@ -30,6 +30,8 @@ enum class UsbOperation {
     SlotAcquire,  // OvlK_Acquire
 };
 
+class UsbBusCore;
+
 // One bus at a time, made before libusbK is bound and destroyed after it is unbound. All operations
 // may be called from any thread.
 class VirtualUsbBus {
@@ -58,9 +60,7 @@ class VirtualUsbBus {
     std::size_t openHandles() const;
 
   private:
-    friend struct UsbBusTable;
-    class Core;
-    const std::unique_ptr<Core> core_;
+    const std::unique_ptr<UsbBusCore> core_;
 };
 
 }  // namespace simulator
