@@ -208,7 +208,7 @@ std::string SerialNumFile::reload(const std::string& path) {
 std::string SerialNumFile::readRecords() {
     // The first pass takes hardly any memory, so that a wrong file of any size does no harm.
     std::size_t rows = 0;
-    const std::string problem = forEachRow(file_, [&](std::uint64_t, std::string_view) { ++rows; });
+    std::string problem = forEachRow(file_, [&](std::uint64_t, std::string_view) { ++rows; });
     if (!problem.empty())
         return problem;
     try {
