@@ -231,7 +231,7 @@ TEST_F(HostilePackageTest, IsInvalidAboveAHundredThousandPathSteps) {
         for (std::size_t i = 0; i < entries + flat; ++i) {
             std::string name = "x";
             for (int depth = 1; i < entries && depth < 100; ++depth)
-                name = "d/" + name;
+                name.insert(0, "d/");
             package.add({.name = name, .content = "x", .declaredMethod = 99});
         }
         return package.add("flashboot.bin", "boot").add("master.bin", "main");
