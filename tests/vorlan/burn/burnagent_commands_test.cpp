@@ -145,7 +145,7 @@ TEST_F(BurnAgentCommands, PauseBeforeTheyGoOnOrTryAgain) {
 TEST_F(BurnAgentCommands, LimitsOfTheTransfers) {
     plug();
     device->addFault({.where = FaultPoint::Chunk, .what = Fault::error("no"), .skip = 1});
-    EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2 * 4096))}));
+    EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2UL * 4096))}));
     EXPECT_THAT(
         tap.limits,
         UnorderedElementsAre(Pair(EP_ADDR_CMD_RESP_OUT, 100U), Pair(EP_ADDR_CMD_RESP_IN, 200U),

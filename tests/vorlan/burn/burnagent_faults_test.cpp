@@ -30,7 +30,7 @@ struct FaultCase {
     std::string logged;      // part of a line of the run log, empty if none matters
     unsigned mode = CMD_CODE_FLASH_WRITE;
     const char* printed = "";  // part of the standard output
-    std::size_t imageSize = 3 * 4096;
+    std::size_t imageSize = 3UL * 4096;
 };
 
 void PrintTo(const FaultCase& test, std::ostream* out) {

@@ -103,7 +103,7 @@ TEST_F(BurnAgentTest, NothingToBurnIsABurnToo) {
 TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSync) {
     plug();
     device->addFault({.where = FaultPoint::Chunk, .what = Fault::lateAnswer(700ms)});
-    const BurnItem slow = item("slow.bin", 0, imageBytes(2 * 4096));
+    const BurnItem slow = item("slow.bin", 0, imageBytes(2UL * 4096));
     EXPECT_TRUE(run({slow}));
     EXPECT_GE(device->count(FaultPoint::Sync), 1U + 2U);
     // Waiting moves the percent on by itself: the first chunk alone would make it 23.
@@ -176,7 +176,7 @@ TEST_F(BurnAgentTest, WhatCannotBeOpenedIsReportedAndReleased) {
         std::uint32_t code;
         std::uint32_t skip;
         const char* logged;
-        std::string printed = "";
+        std::string printed = {};
     } cases[] = {
         {UsbOperation::List, 8, 0,
          "An error occured getting the device list. errorCode = 0x00000008"},
@@ -277,7 +277,9 @@ TEST_F(BurnAgentTest, UnpluggedAtAnyByteItEndsAndLeaksNothing) {
         ASSERT_FALSE(run({image}, "SN-1")) << "at byte " << at;
         EXPECT_FALSE(listener.has("done")) << "at byte " << at;
         // Only a device that has not even answered SYNC is an error to report.
-        EXPECT_EQ(listener.has("error -2 Failed to sync device!"), at < 2 * kRecordSize) << at;
+        EXPECT_EQ(listener.has("error -2 Failed to sync device!"),
+                  at < std::uint64_t{2} * kRecordSize)
+            << at;
         EXPECT_EQ(bus.openHandles(), 0U) << "at byte " << at;
         EXPECT_EQ(device->errors(), std::vector<std::string>());
     }
@@ -298,7 +300,7 @@ TEST_F(BurnAgentTest, AnInterruptedBurnEndsAtOnceAndReportsNoFailure) {
         plug();
         listener.reports.clear();
         device->addFault(holdUp.rule);
-        const BurnItem image = item("image.bin", 0, imageBytes(3 * 4096));
+        const BurnItem image = item("image.bin", 0, imageBytes(3UL * 4096));
         bool done = true;
         std::jthread worker([&](const std::stop_token& stop) {
             const interruption::Scope scope(stop);

@@ -139,14 +139,14 @@ TEST_F(SerialNumbersTest, OnlyConfirmedOnesAreMarkedAndTheOthersComeAgain) {
 TEST_F(SerialNumbersTest, GivenBackTogetherTheLowestComesFirst) {
     load(row(11) + row(12) + row(13));
     start();
-    for (const std::uint32_t i : {1, 2}) {
+    for (const std::uint32_t i : {1U, 2U}) {
         const auto failing = makeDevice();
         failing->addFault({FaultPoint::Chunk, Fault::error("worn out"), i});
         plugAndDraw(port(i), failing);
         ASSERT_TRUE(listener.waitFor("burned " + port(i)));
     }
     // The higher one comes back first.
-    for (const std::uint32_t i : {2, 1}) {
+    for (const std::uint32_t i : {2U, 1U}) {
         bus.unplug(port(i));
         ASSERT_TRUE(listener.waitFor("remove " + port(i)));
     }
