@@ -97,6 +97,7 @@ TEST_F(TappedBusTest, TheRomGetsItsTimeBeforeAndAfterEachMessage) {
     ASSERT_TRUE(listener.waitFor("ready 0-1"));
 
     std::vector<unsigned> commands;
+    commands.reserve(writes.size());
     for (const auto& [command, time] : writes)
         commands.push_back(command);
     ASSERT_THAT(commands, ElementsAre(5, 5, 7, 7, 7, 7, 6));
