@@ -28,8 +28,8 @@ class HostilePackageTest : public testing::Test {
   protected:
     HostilePackageTest() {
         directory_.enter();
-        fs::create_directories("top/work");
-        fs::current_path("top/work");
+        fs::create_directories("top/shop");
+        fs::current_path("top/shop");
         writeContent("secret.bin", "secret");
         writeContent("../secret.bin", "secret");
         writeContent("outside/file.bin", "outside");
@@ -73,9 +73,9 @@ class HostilePackageTest : public testing::Test {
         for (auto it = fs::recursive_directory_iterator(root);
              it != fs::recursive_directory_iterator(); ++it) {
             const fs::path path = it->path().lexically_relative(root);
-            if (path == "top/work/temp_image")
+            if (path == "top/shop/temp_image")
                 it.disable_recursion_pending();
-            else if (path != "top/work" / kPackage)
+            else if (path != "top/shop" / kPackage)
                 result[path.string()] = it->is_regular_file() ? contentOf(it->path()) : "/";
         }
         return result;
