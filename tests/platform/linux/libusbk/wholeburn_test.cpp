@@ -2,7 +2,7 @@
 // the agent, libusbK.so and the real libusb; only the kernel's bus and the chip are made up.
 #include <gtest/gtest.h>
 
-#include <array>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -53,7 +53,7 @@ class Burner final : public UsbListener {
         reached(message);
     }
 
-    // Waits for the next step that begins a new line of the device's road.
+    // Waits for the next step on the device's road and takes it; "nothing" if none comes.
     std::string next() {
         std::unique_lock lock(mutex_);
         if (!changed_.wait_for(lock, kPatience, [&] { return !steps_.empty(); }))
