@@ -1,0 +1,46 @@
+#include "ui/dialogtemplate.h"
+
+namespace {
+
+QFont fontOf(QWidget* dialog, int points) {
+    QFont font = dialog->font();
+    font.setPointSize(points);
+    dialog->setFont(font);
+    return font;
+}
+
+}  // namespace
+
+DialogTemplate::DialogTemplate(QWidget* dialog, int points, QSize size)
+    : dialog_(dialog), units_(fontOf(dialog, points)) {
+    dialog->setFixedSize(units_.toPixels(size));
+}
+
+QLabel* DialogTemplate::label(const QRect& rectangle, const QString& text, QLineEdit* buddy) const {
+    auto* const label = new QLabel(text, dialog_);
+    label->setTextFormat(Qt::PlainText);
+    label->setGeometry(toPixels(rectangle));
+    label->setBuddy(buddy);
+    return label;
+}
+
+QLineEdit* DialogTemplate::edit(const QRect& rectangle, const QString& name) const {
+    auto* const edit = new QLineEdit(dialog_);
+    edit->setGeometry(toPixels(rectangle));
+    edit->setAccessibleName(name);
+    return edit;
+}
+
+QLineEdit* DialogTemplate::readOnlyEdit(const QRect& rectangle, const QString& name) const {
+    QLineEdit* const readOnly = edit(rectangle, name);
+    readOnly->setReadOnly(true);
+    return readOnly;
+}
+
+QPushButton* DialogTemplate::button(const QRect& rectangle, const QString& text) const {
+    auto* const button = new QPushButton(text, dialog_);
+    button->setGeometry(toPixels(rectangle));
+    // A scanner ends what it types with Enter; that must not press a button somewhere else.
+    button->setAutoDefault(false);
+    return button;
+}
