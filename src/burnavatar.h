@@ -1,0 +1,70 @@
+// One of the sixteen slots of the USB page: the link between a USB port, the tile that shows it, and
+// the burn of the device that is plugged in there now. Draws the device's serial number, runs its
+// BurnAgent, and shows on the tile what the agent reports.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "storage/serialnumfile.h"
+#include "ui/devicedisplay.h"
+#include "vorlan/burn/burnagent.h"
+#include "vorlan/burn/burnlistener.h"
+#include "vorlan/firmware/burnitem.h"
+
+class CBurnPage;
+
+// Takes no lock. The ids change under the page's lock only. What belongs to a burn (agent, serial
+// number, the reports) is used by the session's worker while that lives, and by the page on the
+// thread that removes the session after it.
+class BurnAvatar final : public BurnListener {
+  public:
+    BurnAvatar() = default;
+    BurnAvatar(const BurnAvatar&) = delete;
+    BurnAvatar& operator=(const BurnAvatar&) = delete;
+
+    // The device's id, and with it the port's, which stays with the slot for good.
+    void setDeviceId(const std::wstring& deviceId);
+    std::wstring getDeviceId() const { return deviceId_; }
+    // Empty in a slot that no port has claimed.
+    std::wstring getPlugId() const { return plugId_; }
+
+    // Whether a device is plugged in at the slot's port.
+    bool isConnected() const { return connected_; }
+    void setConnected(bool connected) { connected_ = connected; }
+
+    // The present device's burn; null while none has begun.
+    BurnAgent* getAgent() const { return agent_.get(); }
+    void setAgent(std::unique_ptr<BurnAgent> agent) { agent_ = std::move(agent); }
+
+    // Neither is owned; both may be null.
+    DeviceDisplay* getDisplay() const { return display_; }
+    void setDisplay(DeviceDisplay* display) { display_ = display; }
+    void setPage(CBurnPage* page) { page_ = page; }
+
+    // Burns the items and the next serial number into the device, if a list of numbers is loaded,
+    // and returns when the burn has ended. Does nothing for a device that has had its burn: that
+    // ends with its removal.
+    void startBurn(std::vector<BurnItem> items);
+
+    // Gives the serial number back, unless that has been done.
+    void releaseSn();
+
+    void onBurnStart(BurnAgent* agent) override;
+    void onBurnProgress(BurnAgent* agent, const std::string& name, unsigned percent) override;
+    void onItemProgress(BurnAgent* agent, const BurnItem* item, unsigned percent) override;
+    void onBurnDone(BurnAgent* agent) override;
+    void onBurnError(BurnAgent* agent, int code, const std::string& message) override;
+
+  private:
+    void showProgress(const std::wstring& name, unsigned percent);
+
+    bool connected_ = false;
+    std::wstring deviceId_;
+    std::wstring plugId_;
+    std::unique_ptr<BurnAgent> agent_;
+    DeviceDisplay* display_ = nullptr;
+    CBurnPage* page_ = nullptr;
+    SerialNumFile::SnRecord* snRecord_ = nullptr;  // reserved for the present burn
+};
