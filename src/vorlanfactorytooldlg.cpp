@@ -1,0 +1,133 @@
+#include "vorlanfactorytooldlg.h"
+
+#include <QAction>
+#include <QCloseEvent>
+#include <QLabel>
+#include <QMenuBar>
+
+#include "aboutdlg.h"
+#include "loadsndialog.h"
+#include "storage/globalstorage.h"
+#include "ui/dialogtemplate.h"
+#include "ui/prompts.h"
+#include "ui/stringtable.h"
+#include "utils/filelogprinter.h"
+#include "utils/fileutil.h"
+#include "utils/logutil.h"
+
+namespace {
+
+// In pixels.
+constexpr int kBesidePage = 20;   // client area to the right of the page
+constexpr int kAroundFooter = 20;  // above and below
+constexpr int kBelowFooter = 6;
+
+const QString kCloseQuestion =
+    QStringLiteral("关闭软件将会造成正在烧录的固件烧录\n失败，确认关闭吗？");
+
+// Shows a dialog that nothing waits for and that goes away with its closing.
+void openModal(QDialog* dialog) {
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->open();
+}
+
+}  // namespace
+
+class CVorlanFactoryToolDlg::RunLog {
+  public:
+    RunLog() : printer_("log\\run.log") { hj::setLogPrinter(&printer_); }
+    ~RunLog() { hj::clearLogPrinter(); }
+    RunLog(const RunLog&) = delete;
+    RunLog& operator=(const RunLog&) = delete;
+
+  private:
+    FileLogPrinter printer_;
+};
+
+CVorlanFactoryToolDlg::CVorlanFactoryToolDlg() : mainPage_(pageSheet_) {}
+
+CVorlanFactoryToolDlg::~CVorlanFactoryToolDlg() = default;
+
+void CVorlanFactoryToolDlg::OnInitDialog() {
+    setWindowTitle(QStringLiteral("VorlanFactoryTool"));
+    setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                   Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
+                   Qt::WindowCloseButtonHint);
+    makeMenus();
+    buildClientArea();
+    show();
+    loadSettings();
+    if (!fileutil::fileExists(L"log\\"))
+        fileutil::createDirectories(L"log\\");
+    log_ = std::make_unique<RunLog>();
+}
+
+void CVorlanFactoryToolDlg::makeMenus() {
+    // In the window, as its size counts on, whatever the desktop does with menus.
+    menuBar()->setNativeMenuBar(false);
+    connect(menuBar()->addAction(QStringLiteral("导入SN号")), &QAction::triggered, this,
+            [this] { importSn(); });
+    connect(menuBar()->addAction(QStringLiteral("关于")), &QAction::triggered, this,
+            [this] { showAbout(); });
+    auto* const about = new QAction(strings::kSystemMenuAbout.toString(), this);
+    connect(about, &QAction::triggered, this, [this] { showAbout(); });
+    addAction(about);
+    setContextMenuPolicy(Qt::ActionsContextMenu);
+}
+
+void CVorlanFactoryToolDlg::buildClientArea() {
+    auto* const client = new QWidget;
+    const DialogTemplate controls(client, 9, {590, 340});
+    QLabel* const footer =
+        controls.label({227, 323, 137, 8}, QStringLiteral("本工具由墨川电子有限公司提供"));
+    footer->setAlignment(Qt::AlignCenter);
+
+    pageSheet_.setParent(client);
+    pageSheet_.addPage(&mainPage_);
+    pageSheet_.addPage(&burnPage_);
+    pageSheet_.addPage(&serialPage_);
+    pageSheet_.setActivePage(0);
+
+    const QSize sheet = pageSheet_.sizeHint();
+    client->setFixedSize(mainPage_.width() + kBesidePage,
+                         sheet.height() + footer->height() + kAroundFooter);
+    pageSheet_.setGeometry({{0, 0}, sheet});
+    footer->move((client->width() - footer->width()) / 2,
+                 client->height() - footer->height() - kBelowFooter);
+    setCentralWidget(client);
+    layout()->setSizeConstraint(QLayout::SetFixedSize);
+}
+
+void CVorlanFactoryToolDlg::loadSettings() {
+    GlobalStorage& storage = GlobalStorage::getInstance();
+    storage.load();
+    const std::wstring path = storage.getSnFilePath();
+    if (!path.empty() && fileutil::fileExists(path))
+        storage.getSnFile().load(path);
+}
+
+void CVorlanFactoryToolDlg::showAbout() {
+    openModal(new CAboutDlg(this));
+}
+
+void CVorlanFactoryToolDlg::importSn() {
+    if (burnPage_.isBurning()) {
+        prompts().showBox(this, strings::kNoImportWhileBurning.toString(),
+                          strings::kNotice.toString(), BoxType::kWarning);
+        return;
+    }
+    openModal(new LoadSnDialog(this));
+}
+
+void CVorlanFactoryToolDlg::closeEvent(QCloseEvent* event) {
+    if (burnPage_.isBurning()) {
+        if (!prompts().showBox(this, kCloseQuestion, strings::kBurning.toString(),
+                               BoxType::kWarningOkCancel)) {
+            event->ignore();
+            return;
+        }
+        burnPage_.saveTags();
+        burnPage_.toggleBurn();
+    }
+    QMainWindow::closeEvent(event);
+}
