@@ -48,6 +48,17 @@ std::string nativePath(std::string_view path) {
     return native;
 }
 
+std::wstring inCurrentDirectory(std::wstring_view path) {
+    std::error_code error;
+    std::string directory = fs::current_path(error).string();
+    if (error)
+        directory = ".";
+    // The root of the disk is the one directory that ends with the separator.
+    if (directory == "/")
+        directory.clear();
+    return text::widen(directory + nativePath(path));
+}
+
 FilePtr openFile(std::wstring_view path, const char* mode) {
     return openFile(text::narrow(path), mode);
 }

@@ -20,10 +20,15 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
-// The path as the system takes it. Every call of the system goes through here, and nobody else
-// converts paths.
+// The path as the system takes it. Every call of the system goes through here, and nobody but this
+// and inCurrentDirectory converts paths.
 std::string nativePath(std::wstring_view path);
 std::string nativePath(std::string_view path);
+
+// The absolute path, in the system's form, of a path of the program that brings its own leading
+// backslash: L"\\images\\burner.img" gives L"/home/op/images/burner.img". Begins with "." instead
+// if the current directory has gone.
+std::wstring inCurrentDirectory(std::wstring_view path);
 
 // As fopen, with a path of the program. A directory counts as not opened. Programs that the process
 // starts do not inherit the file.

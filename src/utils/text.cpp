@@ -1,7 +1,10 @@
 #include "utils/text.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <limits>
 
 namespace text {
 namespace {
@@ -143,6 +146,12 @@ std::wstring fromUtf16(std::u16string_view units) {
     while (!units.empty())
         appendWide(out, takeUtf16(units));
     return out;
+}
+
+std::int32_t parseHex(const std::string& text) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    const long long number = std::strtoll(text.c_str(), nullptr, 16);
+    return static_cast<std::int32_t>(std::clamp<long long>(number, Limits::min(), Limits::max()));
 }
 
 }  // namespace text

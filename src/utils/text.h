@@ -3,6 +3,7 @@
 // UTF-16 code units where it has 16.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -17,5 +18,10 @@ std::string narrow(std::wstring_view wide);
 // For files that hold UTF-16. Half a surrogate pair becomes U+FFFD in both directions.
 std::u16string toUtf16(std::wstring_view wide);
 std::wstring fromUtf16(std::u16string_view units);
+
+// The hexadecimal number at the start of what an operator typed: blanks, a sign and "0x" may come
+// first, and the first character that is no digit ends it. 0 if there is no number; a number that
+// does not fit becomes the nearest one that does.
+std::int32_t parseHex(const std::string& text);
 
 }  // namespace text

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "support/temporarydirectory.h"
+#include "utils/text.h"
 
 using namespace std::string_literals;
 namespace fs = std::filesystem;
@@ -31,6 +32,21 @@ TEST(FileUtil, OwnPathsAreConvertedAndTheOperatorsAreNot) {
     EXPECT_EQ(fileutil::nativePath("log\\run.log"), "log/run.log");
     EXPECT_EQ(fileutil::nativePath(L"/home/\u4E2D/odd\\name"), "/home/\xE4\xB8\xAD/odd\\name");
     EXPECT_EQ(fileutil::nativePath(L""), "");
+}
+
+TEST_F(FileUtilTest, PathBelowTheCurrentDirectoryIsAbsoluteAndNative) {
+    fs::create_directory("\xE4\xB8\xAD\\x");  // a backslash of the operator's stays one
+    fs::current_path("\xE4\xB8\xAD\\x");
+    const std::wstring path = fileutil::inCurrentDirectory(L"\\images\\burner.img");
+    EXPECT_EQ(path, text::widen(directory_.path().string()) + L"/\u4E2D\\x/images/burner.img");
+    fs::create_directory("images");
+    writeContent("images/burner.img", "image");
+    EXPECT_EQ(fileutil::readBytes(path), "image");
+
+    fs::remove_all(fs::current_path());
+    EXPECT_EQ(fileutil::inCurrentDirectory(L"\\a\\b"), L"./a/b");
+    fs::current_path("/");
+    EXPECT_EQ(fileutil::inCurrentDirectory(L"\\a\\b"), L"/a/b");
 }
 
 TEST_F(FileUtilTest, FilesAndDirectoriesExist) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 using namespace std::string_literals;
@@ -44,4 +45,38 @@ TEST(Text, WhatIsNoCodePointIsReplaced) {
     const std::wstring wide = {static_cast<wchar_t>(0xD800), L'x', static_cast<wchar_t>(0x110000)};
     EXPECT_EQ(text::narrow(wide), "\xEF\xBF\xBDx\xEF\xBF\xBD");
     EXPECT_EQ(text::toUtf16(wide), u"\uFFFDx\uFFFD");
+}
+
+TEST(Text, ReadsTheHexadecimalNumberThatAnOperatorTyped) {
+    struct Row {
+        const char* typed;
+        std::int32_t number;
+    };
+    for (const Row& row : {
+             Row{"7FF004", 0x7FF004},
+             Row{"0x7ff004", 0x7FF004},
+             Row{" \t\r\n0X1f", 0x1F},
+             Row{"+10", 0x10},
+             Row{"-0x10", -0x10},
+             Row{"12 34", 0x12},
+             Row{"12G4", 0x12},
+             Row{"0xg", 0},
+             Row{"0x", 0},
+             Row{"", 0},
+             Row{"-", 0},
+             Row{"address", 0xADD},
+             Row{"\xE4\xB8\xAD", 0},
+             Row{"0 x1", 0},
+             Row{"- 1", 0},
+             // Everything beyond 32 bits, and beyond 64, sticks to the limit.
+             Row{"7FFFFFFF", INT32_MAX},
+             Row{"80000000", INT32_MAX},
+             Row{"FFFFFFFF", INT32_MAX},
+             Row{"123456789ABCDEF012345", INT32_MAX},
+             Row{"-80000000", INT32_MIN},
+             Row{"-80000001", INT32_MIN},
+             Row{"-123456789ABCDEF012345", INT32_MIN},
+         })
+        EXPECT_EQ(text::parseHex(row.typed), row.number) << '"' << row.typed << '"';
+    EXPECT_EQ(text::parseHex("1\0002"s), 1);
 }
