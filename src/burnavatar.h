@@ -1,6 +1,6 @@
-// One of the sixteen slots of the USB page: the link between a USB port, the tile that shows it, and
-// the burn of the device that is plugged in there now. Draws the device's serial number, runs its
-// BurnAgent, and shows on the tile what the agent reports.
+// One of the sixteen slots of the USB page: the link between a USB port, the tile that shows it,
+// and the burn of the device that is plugged in there now. Draws the device's serial number, runs
+// its BurnAgent, and shows on the tile what the agent reports.
 #pragma once
 
 #include <memory>

@@ -1,6 +1,6 @@
-// The page on which an operator burns devices over USB: choice of firmware and serial numbers, start
-// and stop, and sixteen tiles. A slot belongs to a USB port: the first device seen there claims the
-// next free slot, and every later one comes up on the same tile with the same label.
+// The page on which an operator burns devices over USB: choice of firmware and serial numbers,
+// start and stop, and sixteen tiles. A slot belongs to a USB port: the first device seen there
+// claims the next free slot, and every later one comes up on the same tile with the same label.
 #pragma once
 
 #include <QLabel>
@@ -69,16 +69,18 @@ class CBurnPage final : public Page, public UsbListener {
     void updateHint();
     void refresh();
 
+    std::wstring portOf(const BurnAvatar& slot);
     BurnAvatar* findAvatar(const std::wstring& deviceId);
     void deviceRemoved(const std::wstring& deviceId);
-    void showLater(const char* text);
+    // For any thread: a box for the operator, whom nobody waits for.
+    void showLater(const char* notice);
+    void showNotice();
 
     int nextControlId_ = 10000;
     QLineEdit* firmwareBox_ = nullptr;
     QPushButton* chooseButton_ = nullptr;
     QPushButton* startButton_ = nullptr;
     QLineEdit* snPathBox_ = nullptr;
-    QPushButton* importButton_ = nullptr;
     QLineEdit* snAddressBox_ = nullptr;
     QLineEdit* burnCountBox_ = nullptr;
     QLabel* hint_ = nullptr;
@@ -93,5 +95,6 @@ class CBurnPage final : public Page, public UsbListener {
     UsbTagMap tagMap_;
     std::atomic<bool> plugged_{false};  // a device has been seen in this run
     std::atomic<Centre> centre_{Centre::kNothing};
-    std::atomic<bool> boxOpen_{false};
+    std::atomic<const char*> notice_{nullptr};
+    bool noticeOpen_ = false;
 };
