@@ -54,8 +54,9 @@ class ShellTest : public WindowFixture {
 std::vector<std::string> clippedTexts(const QWidget& window) {
     std::vector<std::string> clipped;
     const auto check = [&](const QWidget& control, const QString& text) {
-        const QSize needed = QFontMetrics(control.font()).size(0, text);
-        if (needed.width() > control.width() || needed.height() > control.height())
+        const QFontMetrics metrics(control.font());
+        if (metrics.horizontalAdvance(text) > control.width() ||
+            metrics.tightBoundingRect(text).height() > control.height())
             clipped.push_back(text.toStdString());
     };
     for (const QLabel* const label : window.findChildren<QLabel*>())

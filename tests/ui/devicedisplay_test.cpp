@@ -64,6 +64,10 @@ struct Layout {
     Edges title, tag, bar, status;
 };
 
+void PrintTo(const Layout& layout, std::ostream* out) {
+    *out << layout.rectangle.width() << "x" << layout.rectangle.height();
+}
+
 class DeviceDisplayGeometryTest : public DeviceDisplayTest,
                                   public testing::WithParamInterface<Layout> {};
 
