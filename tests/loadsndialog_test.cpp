@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include "firststartfixture.h"
 #include "simulator/operator/windowoperator.h"
-#include "support/windowfixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -17,7 +17,7 @@ const QString kSet = QStringLiteral("设置");
 const QString kPath = QStringLiteral("文件路径");
 const QString kAddress = QStringLiteral("SN烧录地址");
 
-class LoadSnDialogTest : public WindowFixture {
+class LoadSnDialogTest : public FirstStartFixture {
   protected:
     void open() {
         dialog_ = std::make_unique<LoadSnDialog>(nullptr);

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "firststartfixture.h"
 #include "simulator/operator/windowoperator.h"
-#include "support/windowfixture.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -38,7 +38,7 @@ constexpr Installer kInstallers[] = {
     {"安装USB驱动", "drivers/InstallDriver", "找不到安装程序InstallDriver.exe！"},
     {"安装串口驱动", "drivers/InstallUartDriver", "找不到安装程序InstallUartDriver.exe！"}};
 
-class MainPageTest : public WindowFixture {
+class MainPageTest : public FirstStartFixture {
   protected:
     MainPageTest() {
         sheet_.addPage(&page_);

@@ -9,9 +9,9 @@
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 
-class WindowFixture : public testing::Test {
+class FirstStartFixture : public testing::Test {
   protected:
-    WindowFixture() {
+    FirstStartFixture() {
         const GlobalStorage fresh;
         storage_.setSnFilePath(fresh.getSnFilePath());
         storage_.setSnBurnAddr(fresh.getSnBurnAddr());
@@ -19,6 +19,8 @@ class WindowFixture : public testing::Test {
         const TemporaryDirectory other;
         storage_.getSnFile().load(text::widen(other.write("wrong.csv", "1")));
     }
+
+    ~FirstStartFixture() override { EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>()); }
 
     // As the boxes with the caption "提示" and a warning are.
     static Box notice(const char* text) {
