@@ -303,7 +303,8 @@ void windowWhileSixteenBurn(benchmark::State& state) {
         if (!floor.allBurn() || !floor.isSound())
             state.SkipWithError("a burn has ended");
         else if (pace < kReportsPerSecond)
-            state.SkipWithError("a device reports less often than it should");
+            state.SkipWithError(
+                ("a device reports only so often a second: " + std::to_string(pace)).c_str());
         else if (share >= 0.1)
             state.SkipWithError("the user-interface thread takes 10 % of a core or more");
         else if (longest > 0.05)
