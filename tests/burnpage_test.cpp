@@ -273,14 +273,15 @@ TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
 TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     prepare();
     importNumbers(row(1));
-    std::filesystem::permissions("numbers.csv", std::filesystem::perms::all);
-    std::filesystem::permissions(directory.path(), std::filesystem::perms::others_read |
-                                                       std::filesystem::perms::others_exec);
-    const OrdinaryUser user;
-    ASSERT_TRUE(hands->press("开始烧录"));
-    plug(1);
-    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
-    ASSERT_TRUE(hands->press("保存标签"));
+    std::filesystem::permissions(directory.path(), std::filesystem::perms(0555));
+    {
+        const OrdinaryUser user;
+        ASSERT_TRUE(hands->press("开始烧录"));
+        plug(1);
+        ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+        ASSERT_TRUE(hands->press("保存标签"));
+    }
+    std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
@@ -420,7 +421,6 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     // While the box is open, the port of the removed one gets a new device.
     bool burnedMeanwhile = false;
     prompts.whileOpen = [&] {
-        prompts.whileOpen = [] {};
         bus.unplug(port(17));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
