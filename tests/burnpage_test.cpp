@@ -421,6 +421,7 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     // While the box is open, the port of the removed one gets a new device.
     bool burnedMeanwhile = false;
     prompts.whileOpen = [&] {
+        prompts.whileOpen = [] {};
         bus.unplug(port(17));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });

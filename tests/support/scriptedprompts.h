@@ -39,8 +39,8 @@ class ScriptedPrompts final : public Prompts {
     // The path for the next file dialog; nothing cancels it.
     void choose(std::optional<QString> path) { paths_.push_back(std::move(path)); }
 
-    // Runs once, in the next box while that is open.
-    std::function<void()> whileOpen;
+    // Runs in each box while it is open.
+    std::function<void()> whileOpen = [] {};
 
     // The boxes and the dialogs' filters since the last call.
     std::vector<Box> takeBoxes() { return std::exchange(boxes_, {}); }
@@ -50,8 +50,8 @@ class ScriptedPrompts final : public Prompts {
                  BoxType type) override {
         EXPECT_NE(parent, nullptr);
         boxes_.push_back({text, caption, type});
-        if (const auto meanwhile = std::exchange(whileOpen, nullptr))
-            meanwhile();
+        const auto act = whileOpen;  // which may put another in its place
+        act();
         if (type != BoxType::kWarningOkCancel)
             return true;
         if (answers_.empty()) {
