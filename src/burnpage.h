@@ -70,6 +70,7 @@ class CBurnPage final : public Page, public UsbListener {
     void refresh();
 
     std::wstring portOf(const BurnAvatar& slot);
+    BurnAvatar* claimSlot(const std::wstring& deviceId);
     BurnAvatar* findAvatar(const std::wstring& deviceId);
     void deviceRemoved(const std::wstring& deviceId);
     // For any thread: a box for the operator, whom nobody waits for.
@@ -93,7 +94,10 @@ class CBurnPage final : public Page, public UsbListener {
     std::array<BurnAvatar, kSlots> slots_;
     std::mutex pageLock_;  // guards the slots' ids and the removal of their devices
     UsbTagMap tagMap_;
-    std::atomic<bool> plugged_{false};  // a device has been seen in this run
+    // Taken before pageLock_, and guards plugged_: a device that arrives while the labels are being
+    // collected is on neither its tile nor in the map, and its port's label would be lost.
+    std::mutex labelLock_;
+    bool plugged_ = false;  // a device has been seen in this run
     std::atomic<Centre> centre_{Centre::kNothing};
     std::atomic<const char*> notice_{nullptr};
     bool noticeOpen_ = false;

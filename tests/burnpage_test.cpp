@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QRegularExpression>
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -381,6 +382,28 @@ TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
     EXPECT_EQ(saved.findTag(L"\\0-1").index, -1);  // not seen in this run
     EXPECT_EQ(saved.findTag(L"\\0-2").index, 0);
     EXPECT_EQ(saved.findTag(L"\\0-3").index, 1);
+}
+
+TEST_F(BurnPageTest, KeepsLabelsThatAreSavedWhileTheirDevicesArrive) {
+    UsbTagMap before;
+    before.storeTag(L"\\0-1", {0, L"\\0-1", L"left"});
+    ASSERT_TRUE(before.save());
+    CBurnPage page;
+    page.OnInitDialog();
+    std::atomic<bool> saved{false};
+    std::thread arrivals([&] {
+        BURN_SESSION session;
+        session.device_id = "USB\\VID_1234&PID_5678\\0-1";
+        while (!saved)
+            page.onPlug(&session);
+    });
+    for (int i = 0; i < 100; ++i)
+        page.saveTags();
+    saved = true;
+    arrivals.join();
+    UsbTagMap after;
+    ASSERT_TRUE(after.load());
+    EXPECT_EQ(after.findTag(L"\\0-1").tag, L"left");
 }
 
 TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
