@@ -33,7 +33,7 @@ const QString kStopped = "烧录已停止！";
 
 // Slow enough to be caught in the act.
 simulator::UsbDeviceOptions slowly() {
-    return {.chunkTime = 10ms};
+    return {.chunkTime = 50ms};
 }
 
 class BurnPageTest : public WindowFixture {
@@ -168,6 +168,9 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     ASSERT_TRUE(WindowOperator::waitFor([&] { return refusing->count(FaultPoint::Description); }));
     ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
     EXPECT_TRUE(tile(5).active);
+    // The device that gave it back before has no claim on it any more.
+    bus.unplug(port(2));
+    ASSERT_TRUE(reads(2, kRemoved));
     plug(6);
     ASSERT_TRUE(reads(6, kBurned + "SN=SN-2"));
     bus.unplug(port(5));
