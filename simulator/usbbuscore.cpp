@@ -249,6 +249,13 @@ void UsbBusCore::shutdown() {
         misuse("LibK_Shutdown", "a pool was not freed");
 }
 
+bool UsbBusCore::isDriverInstalled() {
+    if (isToFail(UsbOperation::DriverCheck))
+        return false;
+    const std::lock_guard guard(lock_);
+    return started_ || misuse("LibK_IsDriverInstalled", "not started");
+}
+
 bool UsbBusCore::initMonitor(libusbk::Monitor** monitor,
                              const libusbk::MonitorParameters& parameters) {
     if (isToFail(UsbOperation::Monitor))

@@ -36,6 +36,7 @@ class UsbBusCore {
 
     bool startup();
     void shutdown();
+    bool isDriverInstalled();
     bool initMonitor(libusbk::Monitor** monitor, const libusbk::MonitorParameters& parameters);
     bool freeMonitor(libusbk::Monitor* monitor);
     bool initList(libusbk::DeviceList** list, const libusbk::DevicePattern& pattern);

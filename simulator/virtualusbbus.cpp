@@ -16,6 +16,7 @@ struct UsbBusTable {
     static std::uint32_t LibK_LastError() { return usbLastError(); }
     static bool LibK_Startup() { return bus.load()->startup(); }
     static void LibK_Shutdown() { bus.load()->shutdown(); }
+    static bool LibK_IsDriverInstalled() { return bus.load()->isDriverInstalled(); }
     static bool HotK_Init(libusbk::Monitor** monitor,
                           const libusbk::MonitorParameters* parameters) {
         return bus.load()->initMonitor(monitor, *parameters);

@@ -22,6 +22,7 @@ struct UsbIdentity {
 // Operations of libusbK that can be made to fail.
 enum class UsbOperation {
     Startup,      // LibK_Startup
+    DriverCheck,  // LibK_IsDriverInstalled
     Monitor,      // HotK_Init
     List,         // LstK_InitEx
     Open,         // UsbK_Init

@@ -28,6 +28,10 @@ class File {
     // Opens an existing regular file for reading and writing, without truncation and shared with
     // other readers and writers.
     bool openExisting(const std::string& path);
+
+    // The same for a lock file of the current user in a directory that others may write to: made
+    // for nobody else if there is none, and neither a link nor somebody else's file is opened.
+    bool openLockFile(const std::string& path);
     bool isOpen() const { return descriptor_ >= 0; }
     void close();
 
@@ -52,6 +56,8 @@ class File {
     bool syncData();
 
   private:
+    bool open(const std::string& path, int flags);
+
     int descriptor_ = -1;
 };
 

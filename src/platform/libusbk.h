@@ -98,6 +98,10 @@ std::uint32_t LibK_LastError();
 bool LibK_Startup();
 void LibK_Shutdown();
 
+// Whether the chip's devices are, or will be when plugged in next, open to this user: this
+// program's udev rule is installed, or the process needs none. Fails with kAccessDenied.
+bool LibK_IsDriverInstalled();
+
 // Starts reporting arrivals and removals to the callback.
 bool HotK_Init(libusbk::Monitor** monitor, const libusbk::MonitorParameters* parameters);
 // Ends the monitor: waits for a callback that is running, and none begins after. LibK_LastError is

@@ -66,10 +66,28 @@ File& File::operator=(File&& other) noexcept {
 }
 
 bool File::openExisting(const std::string& path) {
+    return open(path, 0);
+}
+
+bool File::openLockFile(const std::string& path) {
+    if (!open(path, O_CREAT | O_NOFOLLOW))
+        return false;
+    struct stat info {};
+    if (::fstat(descriptor_, &info) == 0 && info.st_uid == ::geteuid())
+        return true;
     close();
+    errno = EPERM;
+    return false;
+}
+
+bool File::open(const std::string& path, int flags) {
+    close();
+    // Cleaners of temporary directories spare old files that are sticky.
+    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_ISVTX;
     // O_NONBLOCK keeps a FIFO from holding up the caller until fstat has refused it.
-    const int descriptor = restarting(
-        [&] { return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
+    const int descriptor = restarting([&] {
+        return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags, kMode);
+    });
     if (descriptor < 0)
         return false;
     struct stat info {};

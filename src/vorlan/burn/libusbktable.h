@@ -8,6 +8,7 @@
     X(LibK_LastError)         \
     X(LibK_Startup)           \
     X(LibK_Shutdown)          \
+    X(LibK_IsDriverInstalled) \
     X(HotK_Init)              \
     X(HotK_Free)              \
     X(LstK_InitEx)            \

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/libusbk.h"
+#include "platform/linux/libusbk/accessrule.h"
 #include "platform/linux/libusbk/device.h"
 #include "platform/linux/libusbk/lasterror.h"
 #include "platform/linux/libusbk/library.h"
@@ -101,6 +102,10 @@ bool LibK_Startup() {
 
 void LibK_Shutdown() {
     library.reset();
+}
+
+bool LibK_IsDriverInstalled() {
+    return guarded([] { return mayOpenDevices() || fail(kAccessDenied); });
 }
 
 bool HotK_Init(Monitor** monitor, const MonitorParameters* parameters) {

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/linux/libusbk/accessrule.h"
 #include "tests/platform/linux/libusbk/mockusbbus.h"
 #include "vorlan/burn/libusbktable.h"
 
@@ -561,6 +562,19 @@ TEST_F(LibusbkTest, TellsMissingPermissionFromAMissingDevice) {
     bus.unplug(*device);
     EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, RootNeedsNoDriverAndOthersAreToldTheyDo) {
+    bind();
+    const uid_t user = ::geteuid();
+    if (user == 0) {
+        EXPECT_TRUE(usb().LibK_IsDriverInstalled());
+        ASSERT_EQ(::seteuid(65534), 0);
+    }
+    const bool installed = usb().LibK_IsDriverInstalled();
+    EXPECT_EQ(installed, libusbk::mayOpenDevices());
+    EXPECT_TRUE(installed || usb().LibK_LastError() == libusbk::kAccessDenied);
+    ASSERT_EQ(::seteuid(user), 0);
 }
 
 TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {

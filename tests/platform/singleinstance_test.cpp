@@ -1,0 +1,155 @@
+#include "platform/singleinstance.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "support/childprocess.h"
+#include "support/systemlimits.h"
+#include "support/temporarydirectory.h"
+
+using platform::SingleInstance;
+using Claim = platform::SingleInstance::Claim;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A variable of the environment with another value, or none, until the end.
+class ChangedVariable {
+  public:
+    ChangedVariable(const char* name, const char* value) : name_(name) {
+        if (const char* const previous = std::getenv(name))
+            previous_ = previous;
+        set(value);
+    }
+    ~ChangedVariable() { set(previous_ ? previous_->c_str() : nullptr); }
+    ChangedVariable(const ChangedVariable&) = delete;
+    ChangedVariable& operator=(const ChangedVariable&) = delete;
+
+    void set(const char* value) {
+        if (value != nullptr)
+            ::setenv(name_, value, 1);
+        else
+            ::unsetenv(name_);
+    }
+
+  private:
+    const char* const name_;
+    std::optional<std::string> previous_;
+};
+
+Claim claimOnce() {
+    return SingleInstance().claim("tool");
+}
+
+class SingleInstanceTest : public testing::Test {
+  protected:
+    fs::path temporaryLock() const {
+        return temporary_.path() / ("tool-" + std::to_string(::geteuid()) + ".lock");
+    }
+
+    TemporaryDirectory session_;
+    TemporaryDirectory temporary_;
+    ChangedVariable sessionVariable_{"XDG_RUNTIME_DIR", session_.path().c_str()};
+    ChangedVariable temporaryVariable_{"TMPDIR", temporary_.path().c_str()};
+};
+
+}  // namespace
+
+TEST_F(SingleInstanceTest, SecondCopyIsRefusedUntilTheFirstIsGoneWhateverWay) {
+    ChildProcess first([&] {
+        SingleInstance instance;
+        if (instance.claim("tool") != Claim::kFirst)
+            ::_exit(1);
+        session_.write("claimed", "");
+        for (;;)
+            ::pause();
+    });
+    ASSERT_TRUE(eventually([&] { return fs::exists(session_.path() / "claimed"); }));
+    EXPECT_EQ(claimOnce(), Claim::kAnotherRuns);
+    EXPECT_EQ(SingleInstance().claim("other tool"), Claim::kFirst);
+    first.kill();
+    EXPECT_EQ(claimOnce(), Claim::kFirst);
+    EXPECT_TRUE(fs::is_empty(temporary_.path()));
+}
+
+TEST_F(SingleInstanceTest, StartedProgramDoesNotTakeTheClaimOver) {
+    std::optional<SingleInstance> instance(std::in_place);
+    ASSERT_EQ(instance->claim("tool"), Claim::kFirst);
+    std::FILE* const program = ::popen("cat >/dev/null", "w");
+    ASSERT_NE(program, nullptr);
+    EXPECT_EQ(claimOnce(), Claim::kAnotherRuns);
+    instance.reset();
+    EXPECT_EQ(claimOnce(), Claim::kFirst);
+    ::pclose(program);
+}
+
+TEST_F(SingleInstanceTest, SessionsDoNotKnowOfEachOther) {
+    SingleInstance first;
+    ASSERT_EQ(first.claim("tool"), Claim::kFirst);
+    const TemporaryDirectory other;
+    sessionVariable_.set(other.path().c_str());
+    SingleInstance second;
+    EXPECT_EQ(second.claim("tool"), Claim::kFirst);
+    EXPECT_EQ(claimOnce(), Claim::kAnotherRuns);
+}
+
+TEST_F(SingleInstanceTest, WithoutASessionDirectoryTheTemporaryOneServes) {
+    const mode_t mask = ::umask(0);  // as careless as an account can be set up
+    for (const char* const session : {static_cast<const char*>(nullptr), "", "relative", "/none"}) {
+        SCOPED_TRACE(session == nullptr ? "none" : session);
+        sessionVariable_.set(session);
+        SingleInstance first;
+        EXPECT_EQ(first.claim("tool"), Claim::kFirst);
+        EXPECT_EQ(claimOnce(), Claim::kAnotherRuns);
+        EXPECT_EQ(fs::status(temporaryLock()).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write);
+    }
+    ::umask(mask);
+}
+
+TEST_F(SingleInstanceTest, WhatOthersPlantedIsLeftAloneAndTheProgramMayRun) {
+    sessionVariable_.set(nullptr);
+    const std::string target = session_.write("target", "content");
+    fs::create_symlink(target, temporaryLock());
+    EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+    EXPECT_EQ(platform::lastErrorText(), "Too many levels of symbolic links");
+    EXPECT_EQ(session_.read("target"), "content");
+
+    fs::remove(temporaryLock());
+    fs::create_directory(temporaryLock());
+    EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+    fs::remove(temporaryLock());
+    ASSERT_EQ(::mkfifo(temporaryLock().c_str(), 0600), 0);
+    EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+
+    fs::remove(temporaryLock());
+    if (::geteuid() == 0) {  // only root can make somebody else's file
+        writeContent(temporaryLock(), "");
+        ASSERT_EQ(::chown(temporaryLock().c_str(), 65534, 65534), 0);
+        EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+        EXPECT_EQ(platform::lastErrorText(), "Operation not permitted");
+    }
+}
+
+TEST_F(SingleInstanceTest, WithNoPlaceAtAllTheProgramMayRun) {
+    for (const TemporaryDirectory* directory : {&session_, &temporary_})
+        fs::permissions(directory->path(), fs::perms::owner_read | fs::perms::owner_exec);
+    {
+        const OrdinaryUser user;
+        EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+        EXPECT_EQ(platform::lastErrorText(), "Permission denied");
+    }
+    for (const TemporaryDirectory* directory : {&session_, &temporary_})
+        fs::permissions(directory->path(), fs::perms::owner_all);
+    sessionVariable_.set(nullptr);
+    temporaryVariable_.set("/none");
+    EXPECT_EQ(claimOnce(), Claim::kUnguarded);
+}

@@ -1,0 +1,51 @@
+#include "vorlan/burn/usbdriver.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "adminfixture.h"
+#include "vorlan/burn/libusbktable.h"
+
+using simulator::UsbOperation;
+using simulator::VirtualUsbBus;
+using testing::HasSubstr;
+
+TEST(UsbDriver, WorksWhereDevicesAreListedAndTheDriverIsInstalled) {
+    const VirtualUsbBus bus;
+    EXPECT_TRUE(usbDriverWorks());
+    EXPECT_FALSE(LibusbkBinding::isBound());
+    {
+        const LibusbkBinding burning;
+        EXPECT_TRUE(usbDriverWorks());
+        EXPECT_TRUE(LibusbkBinding::isBound());
+    }
+    EXPECT_THAT(bus.errors(), testing::IsEmpty());
+}
+
+TEST(UsbDriver, EachFailureIsToldAndOverWithItsCause) {
+    struct Row {
+        UsbOperation operation;
+        std::uint32_t code;
+        const char* told;
+    };
+    VirtualUsbBus bus;
+    for (const Row& row : {
+             Row{UsbOperation::Startup, libusbk::kGeneralFailure, "libusbK is not bound\n"},
+             Row{UsbOperation::List, libusbk::kNotEnoughMemory,
+                 "devices cannot be listed (ErrorCode: 00000008h)\n"},
+             Row{UsbOperation::DriverCheck, libusbk::kAccessDenied,
+                 "not installed (ErrorCode: 00000005h)\n"},
+         }) {
+        SCOPED_TRACE(row.told);
+        bus.fail(row.operation, row.code);
+        CapturedOutput output;
+        EXPECT_FALSE(usbDriverWorks());
+        output.end();
+        EXPECT_THAT(output.traced, HasSubstr(row.told));
+        EXPECT_FALSE(LibusbkBinding::isBound());
+        EXPECT_TRUE(usbDriverWorks());
+    }
+    EXPECT_THAT(bus.errors(), testing::IsEmpty());
+}
