@@ -4,6 +4,7 @@
 #include <QVBoxLayout>
 
 PageSheet::PageSheet() : tabs_(new QTabBar), stack_(new QStackedWidget) {
+    tabs_->setExpanding(false);
     auto* const layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);

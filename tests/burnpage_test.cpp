@@ -1,0 +1,490 @@
+// The USB page in the main window: one device's road from plug-in to success, every failure on its
+// tile, and what the operator can do meanwhile.
+#include "burnpage.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QRegularExpression>
+#include <set>
+#include <thread>
+
+#include "support/systemlimits.h"
+#include "windowfixture.h"
+
+using namespace std::chrono_literals;
+using simulator::Fault;
+using simulator::FaultPoint;
+using simulator::FaultRule;
+using simulator::TileView;
+using simulator::UsbOperation;
+using simulator::WindowOperator;
+
+namespace {
+
+const QString kPlugged = "设备已插入！";
+const QString kRemoved = "设备已移除！";
+const QString kBurned = "烧录成功！";
+const QString kUsedUp = "SN号已耗尽，请导入新的SN号！";
+const QString kConnect = "请连接待烧录的设备！";
+const QString kStopped = "烧录已停止！";
+
+// Slow enough to be caught in the act.
+simulator::UsbDeviceOptions slowly() {
+    return {.chunkTime = 10ms};
+}
+
+class BurnPageTest : public WindowFixture {
+  protected:
+    ~BurnPageTest() override { EXPECT_FALSE(sawBoth) << "hint and tiles at the same time"; }
+
+    bool hintReads(const QString& text) {
+        return WindowOperator::waitFor([&] {
+            sawBoth = sawBoth || (hands->canRead(text) && !hands->tiles().empty());
+            return hands->canRead(text);
+        });
+    }
+
+    void expectCount(unsigned burned) {
+        const QString count = QString::number(countAtStart + burned);
+        EXPECT_TRUE(
+            WindowOperator::waitFor([&] { return hands->edit("刷机计数")->text() == count; }));
+    }
+
+    const unsigned countAtStart = GlobalStorage::getInstance().getFlashCount();
+    bool sawBoth = false;
+};
+
+TEST_F(BurnPageTest, BeginsWithNothingToStart) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    EXPECT_EQ(hands->edit("固件路径")->text(), "请选择固件");
+    EXPECT_FALSE(hands->edit("固件路径")->isEnabled());
+    EXPECT_FALSE(hands->edit("SN路径")->isEnabled());
+    EXPECT_EQ(hands->edit("SN烧录地址")->text(), "0x7ff004");
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
+    EXPECT_EQ(hands->edit("刷机计数")->text(), QString::number(countAtStart));
+    EXPECT_FALSE(hands->isEnabled("开始烧录"));
+    EXPECT_TRUE(hands->isEnabled("选择固件"));
+    EXPECT_TRUE(hands->isEnabled("导入SN"));
+    EXPECT_TRUE(hands->isEnabled("保存标签"));
+    EXPECT_FALSE(hands->canRead("请连接待烧录的USB设备！"));
+    EXPECT_TRUE(hands->tiles().empty());
+}
+
+TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
+    prepare();
+    importNumbers(row(1, true) + row(2) + row(3));
+    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    ASSERT_TRUE(hands->press("开始烧录"));
+    EXPECT_FALSE(hands->isEnabled("选择固件"));
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
+    EXPECT_TRUE(hands->isEnabled("停止烧录"));
+    EXPECT_TRUE(hintReads(kConnect));
+
+    const auto device = plug(1, makeDevice({.romStartUp = 500ms, .chunkTime = 30ms}));
+    ASSERT_TRUE(reads(1, kPlugged));
+    EXPECT_FALSE(hands->canRead(kConnect));
+    EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-1");
+    EXPECT_TRUE(hands->tiles()[0].active);
+    for (int i = 1; i < 16; ++i) {
+        EXPECT_EQ(hands->tiles()[static_cast<std::size_t>(i)].name,
+                  "DEV " + QString::number(i + 1));
+        EXPECT_FALSE(hands->tiles()[static_cast<std::size_t>(i)].active);
+    }
+    ASSERT_TRUE(readsLike(1, "正在写入 .\\temp_image\\master.bin, 进度 "));
+    const TileView burning = tile(1);
+    EXPECT_TRUE(burning.status.endsWith(" " + QString::number(burning.percent) + "%"));
+
+    ASSERT_TRUE(reads(1, kBurned + "SN=SN-2"));
+    EXPECT_TRUE(tile(1).active);
+    EXPECT_EQ(tile(1).percent, 100);
+    expectCount(1);
+    EXPECT_TRUE(isBurned(*device, "SN-2"));
+    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+
+    bus.unplug(port(1));
+    EXPECT_TRUE(hintReads(kConnect));
+    EXPECT_TRUE(hands->tiles().empty());
+    // A second device brings the tiles up again; the first port's tile is still its own.
+    plug(2);
+    ASSERT_TRUE(reads(2, kBurned + "SN=SN-3"));
+    EXPECT_EQ(hands->tiles()[1].name, "USB\\VID_1234&PID_5678\\0-2");
+    EXPECT_EQ(tile(1).status, kRemoved);
+    EXPECT_EQ(tile(1).percent, 0);
+    EXPECT_FALSE(tile(1).active);
+    plug(1);
+    ASSERT_TRUE(reads(1, kUsedUp));
+    EXPECT_EQ(tile(1).percent, 0);
+    EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-1");
+    expectCount(2);
+}
+
+TEST_F(BurnPageTest, BurnsWithoutNumbers) {
+    prepareAndStart();
+    const auto device = plug(1);
+    ASSERT_TRUE(reads(1, kBurned));
+    expectCount(1);
+    EXPECT_TRUE(isBurned(*device, ""));
+    EXPECT_EQ(device->flash().writtenRanges().size(), 2U);
+}
+
+TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
+    prepare();
+    importNumbers(row(1) + row(2) + row(3) + row(4));
+    ASSERT_TRUE(hands->press("开始烧录"));
+
+    const auto failing = [](FaultRule rule) {
+        auto device = makeDevice();
+        device->addFault(std::move(rule));
+        return device;
+    };
+    // No number is drawn in the ROM stage.
+    plug(1, failing({FaultPoint::MemData, Fault::romStatus(0xF1)}));
+    ASSERT_TRUE(reads(1, "error=0xf1, des=Return Fatal Error! (retries = 0)"));
+    EXPECT_TRUE(tile(1).active);
+
+    // What the agent reports frees the number at once: each of these gets the first one.
+    plug(2, failing({FaultPoint::Sync, Fault::silence(), 0, FaultRule::kAlways}));
+    ASSERT_TRUE(readsLike(2, "出错, code=-2, des="));
+    EXPECT_FALSE(tile(2).active);
+    const auto unopened = makeDevice({.romStartUp = 300ms});
+    plug(3, unopened);
+    ASSERT_TRUE(reads(3, kPlugged));
+    bus.fail(UsbOperation::Open, libusbk::kAccessDenied);
+    ASSERT_TRUE(readsLike(3, "出错, code=-1, des="));
+    EXPECT_FALSE(tile(3).active);
+    std::filesystem::rename("temp_image/master.bin", "kept.bin");
+    std::filesystem::create_directory("temp_image/master.bin");
+    plug(4);
+    ASSERT_TRUE(readsLike(4, "出错, code=-3, des="));
+    std::filesystem::remove("temp_image/master.bin");
+    std::filesystem::rename("kept.bin", "temp_image/master.bin");
+
+    // A refused command is not reported: the last progress stays, and the number with it.
+    const auto refusing = failing({FaultPoint::Chunk, Fault::error("worn out"), 3});
+    plug(5, refusing);
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return refusing->count(FaultPoint::Description); }));
+    ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
+    EXPECT_TRUE(tile(5).active);
+    plug(6);
+    ASSERT_TRUE(reads(6, kBurned + "SN=SN-2"));
+    bus.unplug(port(5));
+    ASSERT_TRUE(reads(5, kRemoved));
+    plug(5);
+    ASSERT_TRUE(reads(5, kBurned + "SN=SN-1"));
+    // A device that leaves in its burn gives its number back.
+    plug(7, makeDevice(slowly()));
+    ASSERT_TRUE(readsLike(7, "正在写入"));
+    bus.unplug(port(7));
+    ASSERT_TRUE(reads(7, kRemoved));
+    EXPECT_EQ(tile(7).percent, 0);
+    plug(7);
+    ASSERT_TRUE(reads(7, kBurned + "SN=SN-3"));
+    expectCount(3);
+    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
+}
+
+TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
+    prepare();
+    importNumbers(row(1));
+    for (const char* const wrong : {"", "0", "zz", "0x"}) {
+        ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), wrong));
+        ASSERT_TRUE(hands->press("开始烧录"));
+        EXPECT_EQ(prompts.takeBoxes(),
+                  std::vector<Box>({notice("地址格式错误，请输入16进制地址！")}));
+        EXPECT_TRUE(hands->isEnabled("开始烧录"));
+        EXPECT_TRUE(hands->isEnabled("选择固件"));
+    }
+    EXPECT_EQ(GlobalStorage::getInstance().getSnBurnAddr(), kSnAddress);
+    const std::vector<std::pair<const char*, std::uint32_t>> right = {
+        {"0x7ff008", 0x7FF008}, {"7FF00C ", 0x7FF00C}, {"FFFFFFFF", 0x7FFFFFFF}};
+    for (const auto& [text, value] : right) {
+        ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), text));
+        ASSERT_TRUE(hands->press("开始烧录"));
+        EXPECT_EQ(GlobalStorage::getInstance().getSnBurnAddr(), value);
+        GlobalStorage stored;
+        ASSERT_TRUE(stored.load());
+        EXPECT_EQ(stored.getSnBurnAddr(), value);
+        EXPECT_EQ(stored.getSnFilePath(), pathOf("numbers.csv").toStdWString());
+        ASSERT_TRUE(hands->press("停止烧录"));
+        EXPECT_TRUE(hintReads(kStopped));
+        EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    }
+}
+
+TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
+    const Box invalid{"无效的固件!", "提示", BoxType::kPlain};
+    ASSERT_TRUE(hands->press("USB烧录"));
+    prompts.choose(std::nullopt);
+    ASSERT_TRUE(hands->press("选择固件"));
+    EXPECT_EQ(hands->edit("固件路径")->text(), "请选择固件");
+
+    writeContent("torn.vrk", contentOf("package.vrk").substr(0, 1000));
+    chooseFirmware(pathOf("torn.vrk"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({invalid}));
+    EXPECT_EQ(hands->edit("固件路径")->text(), pathOf("torn.vrk"));
+    EXPECT_TRUE(hands->edit("固件路径")->isEnabled());
+    EXPECT_FALSE(hands->isEnabled("开始烧录"));
+
+    const std::string odd = "固件 包/" + std::string(250, 'p') + "/";
+    for (const std::string& path :
+         {std::string("package.vrk"), odd + "a b.vrk", std::string("none.zip")}) {
+        if (path == odd + "a b.vrk")
+            writeContent(path, contentOf("package.vrk"));
+        chooseFirmware(pathOf(path));
+        const bool valid = path != "none.zip";
+        EXPECT_EQ(prompts.takeBoxes(), valid ? std::vector<Box>() : std::vector<Box>({invalid}));
+        EXPECT_EQ(hands->isEnabled("开始烧录"), valid);
+    }
+    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
+}
+
+TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
+    const Box wrong = notice(
+        "文件解析失败，请检查文件格式：必须是以半角','分隔，\n每行两列且以CRLF结尾的csv文件！");
+    ASSERT_TRUE(hands->press("USB烧录"));
+    importNumbers(row(1));
+    const std::wstring good = pathOf("numbers.csv").toStdWString();
+    const OrdinaryUser user;
+    std::filesystem::permissions(directory.path(), std::filesystem::perms::all);
+    writeContent("read-only.csv", row(5));
+    std::filesystem::permissions("read-only.csv", std::filesystem::perms::others_read);
+
+    prompts.choose(pathOf("vanished.csv"));
+    ASSERT_TRUE(hands->press("导入SN"));
+    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("vanished.csv"));
+    // Neither the vanished one nor the one that cannot be marked takes the place of the good one.
+    prompts.choose(pathOf("read-only.csv"));
+    ASSERT_TRUE(hands->press("导入SN"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_TRUE(GlobalStorage::getInstance().getSnFile().isLoaded());
+    prompts.choose(pathOf("no-list.csv"));
+    ASSERT_TRUE(hands->press("导入SN"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
+    EXPECT_EQ(GlobalStorage::getInstance().getSnFilePath(), good);
+    prompts.choose(std::nullopt);
+    ASSERT_TRUE(hands->press("导入SN"));
+    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
+    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
+}
+
+TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
+    prepare();
+    importNumbers(row(1));
+    std::filesystem::permissions("numbers.csv", std::filesystem::perms::all);
+    std::filesystem::permissions(directory.path(), std::filesystem::perms::others_read |
+                                                       std::filesystem::perms::others_exec);
+    const OrdinaryUser user;
+    ASSERT_TRUE(hands->press("开始烧录"));
+    plug(1);
+    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+    ASSERT_TRUE(hands->press("保存标签"));
+    EXPECT_FALSE(std::filesystem::exists("tag_map"));
+    const std::string log = contentOf("log/run.log");
+    EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
+    EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
+}
+
+TEST_F(BurnPageTest, StaysWithABurnUnlessItIsToStop) {
+    const Box question{"进入其他页将会停止烧录，确认吗？", "烧录进行中", BoxType::kWarningOkCancel};
+    prepareAndStart();
+    plug(1, makeDevice(slowly()));
+    ASSERT_TRUE(readsLike(1, "正在写入"));
+
+    ASSERT_TRUE(hands->press("导入SN"));
+    ASSERT_TRUE(hands->press("导入SN号"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
+    prompts.answer(false);
+    ASSERT_TRUE(hands->press("主页"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_TRUE(hands->isEnabled("停止烧录"));
+    EXPECT_TRUE(tile(1).status.startsWith("正在写入"));
+
+    prompts.answer(true);
+    ASSERT_TRUE(hands->press("主页"));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
+    EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
+    // Idle, the page may be left without a question.
+    ASSERT_TRUE(hands->press("USB烧录"));
+    EXPECT_TRUE(hintReads(kStopped));
+    ASSERT_TRUE(hands->press("串口烧录"));
+}
+
+TEST_F(BurnPageTest, AsksBeforeTheWindowCloses) {
+    const Box question{"关闭软件将会造成正在烧录的固件烧录\n失败，确认关闭吗？", "烧录进行中",
+                       BoxType::kWarningOkCancel};
+    prepare();
+    importNumbers(row(1));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    plug(1, makeDevice(slowly()));
+    ASSERT_TRUE(readsLike(1, "正在写入"));
+    ASSERT_TRUE(hands->typeTag(0, "left bench"));
+
+    prompts.answer(false);
+    EXPECT_FALSE(window->close());
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_TRUE(hands->isEnabled("停止烧录"));
+    EXPECT_FALSE(std::filesystem::exists("tag_map"));
+
+    prompts.answer(true);
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, question));
+    EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
+    UsbTagMap saved;
+    saved.load();
+    EXPECT_EQ(saved.findTag(L"\\0-1").tag, L"left bench");
+    EXPECT_EQ(directory.read("numbers.csv"), row(1));
+}
+
+TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
+    const QString longLabel(1000, QChar('x'));
+    prepareAndStart();
+    plug(1);
+    plug(2);
+    ASSERT_TRUE(reads(1, kBurned));
+    ASSERT_TRUE(reads(2, kBurned));
+    ASSERT_TRUE(hands->typeTag(0, "左 <b>1</b>"));
+    ASSERT_TRUE(hands->typeTag(1, longLabel));
+    ASSERT_TRUE(hands->press("保存标签"));
+    // What was not saved is gone when the port's next device comes.
+    ASSERT_TRUE(hands->typeTag(0, "forgotten"));
+    bus.unplug(port(1));
+    ASSERT_TRUE(reads(1, kRemoved));
+    EXPECT_EQ(tile(1).tag, "forgotten");
+    plug(1);
+    ASSERT_TRUE(reads(1, kBurned));
+    EXPECT_EQ(tile(1).tag, "左 <b>1</b>");
+    ASSERT_TRUE(hands->press("停止烧录"));
+
+    window.reset();
+    bus.unplug(port(1));
+    bus.unplug(port(2));
+    openWindow();
+    ASSERT_TRUE(hands->press("USB烧录"));
+    const std::string before = contentOf("tag_map");
+    ASSERT_TRUE(hands->press("保存标签"));
+    EXPECT_EQ(contentOf("tag_map"), before);  // no device yet: nothing is lost
+    prepareAndStart();
+    plug(2);
+    ASSERT_TRUE(reads(2, kBurned));
+    EXPECT_EQ(tile(2).tag, longLabel);
+    EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-2");
+    plug(3);
+    ASSERT_TRUE(reads(3, kBurned));
+    EXPECT_EQ(tile(3).tag, "");
+    ASSERT_TRUE(hands->press("保存标签"));
+    UsbTagMap saved;
+    saved.load();
+    EXPECT_EQ(saved.findTag(L"\\0-1").index, -1);  // not seen in this run
+    EXPECT_EQ(saved.findTag(L"\\0-2").index, 0);
+    EXPECT_EQ(saved.findTag(L"\\0-3").index, 1);
+}
+
+TEST_F(BurnPageTest, StopsWithDevicesAndBurnsThemAgainAfterANewStart) {
+    prepare();
+    importNumbers(row(1) + row(2) + row(3));
+    plug(1, makeDevice(slowly()));
+    plug(2);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(readsLike(2, kBurned));
+    ASSERT_TRUE(readsLike(1, "正在写入"));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_TRUE(hintReads(kStopped));
+    EXPECT_TRUE(hands->tiles().empty());
+    EXPECT_TRUE(hands->isEnabled("开始烧录"));
+    EXPECT_TRUE(hands->isEnabled("选择固件"));
+
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(readsLike(1, kBurned));
+    ASSERT_TRUE(readsLike(2, kBurned));
+    ASSERT_TRUE(WindowOperator::waitFor(
+        [&] { return tile(1).status.contains("SN=") && tile(2).status.contains("SN="); }));
+    expectCount(3);
+    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true));
+}
+
+TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
+    prepareAndStart();
+    for (int i = 1; i <= 16; ++i)
+        plug(i);
+    for (int i = 1; i <= 16; ++i)
+        ASSERT_TRUE(reads(i, kBurned));
+    bus.unplug(port(16));
+    ASSERT_TRUE(reads(16, kRemoved));
+    // While the box is open, the port of the removed one gets a new device.
+    bool burnedMeanwhile = false;
+    prompts.whileOpen = [&] {
+        prompts.whileOpen = [] {};
+        bus.unplug(port(17));
+        plug(16);
+        burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
+    };
+    plug(17);
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));
+    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
+    EXPECT_EQ(tile(17).name, "");
+    expectCount(17);
+}
+
+TEST_F(BurnPageTest, OpensOnlyWithAWorkingDriver) {
+    bus.fail(UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(hands->press("USB烧录"));
+        EXPECT_EQ(prompts.takeBoxes(),
+                  std::vector<Box>({notice("检测到libusb驱动未安装，请先安装驱动")}));
+        EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
+    }
+    ASSERT_TRUE(hands->press("USB烧录"));
+    EXPECT_TRUE(hands->isEnabled("选择固件"));
+}
+
+TEST_F(BurnPageTest, SixteenDevicesComeAndGoWhileTheOperatorStartsAndStops) {
+    std::string numbers;
+    for (int i = 1; i <= 60; ++i)
+        numbers += row(100 + i);
+    prepare();
+    importNumbers(numbers);
+    std::vector<std::shared_ptr<simulator::VirtualUsbDevice>> bench;
+    for (int i = 1; i <= 16; ++i) {
+        bench.push_back(plug(i, makeDevice({.chunkTime = 2ms})));
+    }
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(hands->press("开始烧录"));
+        ASSERT_TRUE(WindowOperator::waitFor([&] {
+            const std::vector<TileView> tiles = hands->tiles();
+            return std::any_of(tiles.begin(), tiles.end(), [&](const TileView& tile) {
+                return tile.status.startsWith("正在写入") || tile.status.startsWith(kBurned);
+            });
+        }));
+        // Devices leave and come while the stop runs.
+        std::thread worker([&] {
+            for (int i = 1; i <= 16; ++i) {
+                bus.unplug(port(i));
+                bus.plug(port(i), bench[static_cast<std::size_t>(i - 1)]);
+            }
+        });
+        ASSERT_TRUE(hands->press("停止烧录"));
+        worker.join();
+        EXPECT_TRUE(hintReads(kStopped));
+    }
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(WindowOperator::waitFor([&] {
+        const std::vector<TileView> tiles = hands->tiles();
+        return tiles.size() == 16 && std::all_of(tiles.begin(), tiles.end(), [](const auto& tile) {
+                   return tile.status.startsWith(kBurned + "SN=");
+               });
+    }));
+    // What the tiles tell is in the devices, every number once, and each is marked.
+    std::set<QString> given;
+    const std::string marks = directory.read("numbers.csv");
+    for (int i = 1; i <= 16; ++i) {
+        const QString sn = tile(i).status.mid(kBurned.size() + 3);
+        EXPECT_TRUE(given.insert(sn).second);
+        EXPECT_TRUE(isBurned(*bench[static_cast<std::size_t>(i - 1)], sn.toStdString()));
+        EXPECT_THAT(marks, testing::HasSubstr(sn.toStdString() + ",1\r\n"));
+    }
+}
+
+}  // namespace
