@@ -50,6 +50,7 @@ void CMainPage::launchInstaller(const std::wstring& name) {
     const int reason = QFileInfo(program).isExecutable() && !QFileInfo(program).isDir()
                            ? kNoProgram
                            : kNoPermission;
-    prompts().showBox(this, QStringLiteral("ShellExecute, path=%1, ret=%2").arg(program).arg(reason),
-                      {}, BoxType::kPlain);
+    prompts().showBox(this,
+                      QStringLiteral("ShellExecute, path=%1, ret=%2").arg(program).arg(reason), {},
+                      BoxType::kPlain);
 }

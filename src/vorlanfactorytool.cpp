@@ -7,9 +7,16 @@
 
 bool CVorlanFactoryToolApp::InitInstance() {
     setUpApplication(*this);
-    const platform::SingleInstance instance("VorlanFactoryTool");
-    if (!instance.isFirst())
-        return false;
+    platform::SingleInstance instance;
+    switch (instance.claim("VorlanFactoryTool")) {
+        case platform::SingleInstance::Claim::kFirst:
+            break;
+        case platform::SingleInstance::Claim::kAnotherRuns:
+            return false;
+        case platform::SingleInstance::Claim::kUnguarded:
+            TRACE("a second copy would not be noticed: %s\n", platform::lastErrorText().c_str());
+            break;
+    }
     CVorlanFactoryToolDlg dialog;
     dialog.OnInitDialog();
     if (exec() == -1)

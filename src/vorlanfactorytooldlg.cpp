@@ -19,7 +19,7 @@
 namespace {
 
 // In pixels.
-constexpr int kBesidePage = 20;   // client area to the right of the page
+constexpr int kBesidePage = 20;    // client area to the right of the page
 constexpr int kAroundFooter = 20;  // above and below
 constexpr int kBelowFooter = 6;
 

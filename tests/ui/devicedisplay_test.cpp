@@ -1,0 +1,186 @@
+#include "ui/devicedisplay.h"
+
+#include <gtest/gtest.h>
+
+#include <QTest>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Edges {
+    int left, top, right, bottom;
+
+    bool operator==(const Edges&) const = default;
+};
+
+Edges edgesOf(const QWidget* widget) {
+    const QRect at = widget->geometry();
+    return {at.left(), at.top(), at.left() + at.width(), at.top() + at.height()};
+}
+
+void PrintTo(const Edges& edges, std::ostream* out) {
+    *out << edges.left << "," << edges.top << "-" << edges.right << "," << edges.bottom;
+}
+
+class DeviceDisplayTest : public testing::Test {
+  protected:
+    DeviceDisplayTest() {
+        area_.resize(800, 600);
+        area_.show();
+    }
+
+    void create(const QRect& rectangle = {0, 0, 401, 70}) {
+        EXPECT_EQ(display_.create(rectangle, 10'000), 10'004);
+    }
+
+    template <typename Control>
+    Control* control(int id) {
+        return area_.findChild<Control*>(QString::number(id));
+    }
+    QLineEdit* title() { return control<QLineEdit>(10'000); }
+    QLineEdit* tag() { return control<QLineEdit>(10'001); }
+    QProgressBar* bar() { return control<QProgressBar>(10'002); }
+    QLabel* status() { return control<QLabel>(10'003); }
+
+    // Lets the screen catch up.
+    void settle() {
+        const int before = refreshes_;
+        refresher_.request();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return refreshes_ > before; }));
+    }
+
+    QWidget area_;
+    int refreshes_ = 0;
+    Refresher refresher_{[this] {
+        display_.refresh();
+        ++refreshes_;
+    }};
+    DeviceDisplay display_{&area_, refresher_};
+};
+
+struct Layout {
+    QRect rectangle;
+    Edges title, tag, bar, status;
+};
+
+void PrintTo(const Layout& layout, std::ostream* out) {
+    *out << layout.rectangle.width() << "x" << layout.rectangle.height();
+}
+
+class DeviceDisplayGeometryTest : public DeviceDisplayTest,
+                                  public testing::WithParamInterface<Layout> {};
+
+}  // namespace
+
+TEST_P(DeviceDisplayGeometryTest, MatchesToThePixel) {
+    create(GetParam().rectangle);
+    EXPECT_EQ(edgesOf(title()), GetParam().title);
+    EXPECT_EQ(edgesOf(tag()), GetParam().tag);
+    EXPECT_EQ(edgesOf(bar()), GetParam().bar);
+    EXPECT_EQ(edgesOf(status()), GetParam().status);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rectangles, DeviceDisplayGeometryTest,
+    testing::Values(
+        // Content 92 wide, rows of 20.
+        Layout{{0, 0, 100, 68}, {4, 2, 68, 22}, {68, 2, 96, 22}, {4, 24, 96, 44}, {4, 46, 96, 66}},
+        // Odd sizes elsewhere: content 461 wide, rows of 17, and what does not divide is left over.
+        Layout{{469, 54, 469, 61},
+               {473, 56, 783, 73},
+               {783, 56, 934, 73},
+               {473, 75, 934, 92},
+               {473, 94, 934, 111}},
+        // Too low for three rows: they get no height, but stay in their places.
+        Layout{{10, 10, 60, 10},
+               {14, 12, 51, 12},
+               {51, 12, 66, 12},
+               {14, 14, 66, 14},
+               {14, 16, 66, 16}}));
+
+TEST_F(DeviceDisplayTest, ShowsTheLastOfSeveralCalls) {
+    create();
+    for (int percent = 0; percent <= 70; ++percent)
+        display_.setProgress(percent);
+    display_.setName(L"first");
+    display_.setName(L"USB\\VID_1234&PID_5678\\1-2");
+    display_.setError(0x1F, L"设备");
+    display_.setTag(L"A");
+    settle();
+    EXPECT_EQ(title()->text(), "USB\\VID_1234&PID_5678\\1-2");
+    EXPECT_EQ(bar()->value(), 70);
+    EXPECT_EQ(status()->text(), QStringLiteral("error=0x1f, des=设备"));
+    EXPECT_EQ(tag()->text(), "A");
+
+    display_.setStatus(L"");
+    display_.setProgress(0);
+    display_.showTagBox(false);
+    settle();
+    EXPECT_EQ(status()->text(), "");
+    EXPECT_EQ(bar()->value(), 0);
+    EXPECT_FALSE(tag()->isVisible());
+    EXPECT_TRUE(bar()->isVisible());
+}
+
+TEST_F(DeviceDisplayTest, GreysAllButTheName) {
+    create();
+    EXPECT_EQ(tag()->placeholderText(), QStringLiteral("请输入标签"));
+    for (const bool active : {false, true}) {
+        display_.setActive(active);
+        settle();
+        EXPECT_TRUE(title()->isEnabled());
+        EXPECT_EQ(tag()->isEnabled(), active);
+        EXPECT_EQ(bar()->isEnabled(), active);
+        EXPECT_EQ(status()->isEnabled(), active);
+    }
+}
+
+TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
+    create();
+    EXPECT_EQ(display_.getTag(), L"");
+    display_.setTag(L"set");
+    EXPECT_EQ(display_.getTag(), L"set") << "before the screen shows it";
+    settle();
+    QTest::keyClicks(tag(), "-7");
+    EXPECT_EQ(display_.getTag(), L"set-7");
+
+    const std::wstring longTag(1000, L'标');
+    display_.setTag(longTag);
+    settle();
+    EXPECT_EQ(tag()->text().toStdWString(), longTag);
+    QTest::keyClicks(tag(), "x");
+    EXPECT_EQ(display_.getTag(), longTag + L"x");
+}
+
+TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
+    create();
+    display_.setStatus(L"<img src=x> <b>SN=&amp;1</b>");
+    settle();
+    EXPECT_EQ(status()->textFormat(), Qt::PlainText);
+    EXPECT_EQ(status()->text(), "<img src=x> <b>SN=&amp;1</b>");
+    EXPECT_FALSE(status()->toolTip().contains("<img"));
+}
+
+TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
+    create();
+    {
+        std::vector<std::jthread> workers;
+        for (int i = 0; i < 16; ++i) {
+            workers.emplace_back([&] {
+                for (int n = 0; n < 2'000; ++n) {
+                    display_.setStatus(L"progress " + std::to_wstring(n));
+                    display_.setProgress(n % 100);
+                }
+            });
+        }
+        QTest::qWait(0);
+    }
+    display_.setActive(false);
+    display_.setStatus(L"done");
+    display_.setProgress(100);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return status()->text() == "done"; }));
+    EXPECT_EQ(bar()->value(), 100);
+    EXPECT_FALSE(bar()->isEnabled());
+    EXPECT_LT(refreshes_, 100);
+}

@@ -1,0 +1,39 @@
+#include "ui/dialogunits.h"
+
+#include <gtest/gtest.h>
+
+#include <QFontMetrics>
+#include <QGuiApplication>
+
+namespace {
+
+QFont fontOf(int points) {
+    QFont font = QGuiApplication::font();
+    font.setPointSize(points);
+    return font;
+}
+
+}  // namespace
+
+TEST(DialogUnitsTest, FourByEightUnitsAreALetter) {
+    const QFontMetrics metrics(fontOf(9));
+    const DialogUnits units(fontOf(9));
+    const QSize letter = units.toPixels(QSize(4, 8));
+    EXPECT_EQ(letter.height(), metrics.height());
+    EXPECT_GT(letter.width(), metrics.horizontalAdvance('i'));
+    EXPECT_LT(letter.width(), metrics.horizontalAdvance('M'));
+
+    // No error adds up over the width of a page, and halves round up.
+    EXPECT_EQ(units.toPixels(QSize(4000, 8000)), letter * 1000);
+    EXPECT_EQ(units.toPixels(QSize(2, 4)),
+              QSize((letter.width() + 1) / 2, (letter.height() + 1) / 2));
+    EXPECT_EQ(units.toPixels(QRect(4, 8, 12, 16)),
+              QRect(letter.width(), letter.height(), 3 * letter.width(), 2 * letter.height()));
+}
+
+TEST(DialogUnitsTest, GrowsWithTheFont) {
+    const QSize small = DialogUnits(fontOf(8)).toPixels(QSize(400, 400));
+    const QSize large = DialogUnits(fontOf(16)).toPixels(QSize(400, 400));
+    EXPECT_NEAR(large.width(), 2 * small.width(), small.width() / 5);
+    EXPECT_NEAR(large.height(), 2 * small.height(), small.height() / 5);
+}

@@ -1,0 +1,104 @@
+// The real boxes and dialogs, answered as an operator answers them.
+#include "ui/prompts.h"
+
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDir>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QTest>
+#include <QTimer>
+#include <functional>
+
+#include "support/temporarydirectory.h"
+
+namespace {
+
+class PromptsTest : public testing::Test {
+  protected:
+    PromptsTest() { parent_.show(); }
+
+    // Does something with the box or dialog that comes up next.
+    template <typename Dialog>
+    void whenAsked(std::function<void(Dialog&)> act) {
+        auto* const timer = new QTimer(&parent_);
+        QObject::connect(timer, &QTimer::timeout, [timer, act] {
+            auto* const dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
+            if (dialog == nullptr)
+                return;
+            timer->stop();
+            act(*dialog);
+        });
+        timer->start(1);
+    }
+
+    QWidget parent_;
+};
+
+void press(QMessageBox& box, const QString& text) {
+    for (QAbstractButton* const button : box.buttons()) {
+        if (button->text().remove('&') == text)
+            return QTest::mouseClick(button, Qt::LeftButton);
+    }
+    ADD_FAILURE() << "no button " << text.toStdString();
+    box.close();
+}
+
+}  // namespace
+
+TEST_F(PromptsTest, QuestionHasChineseButtonsAndOnlyOkIsYes) {
+    const auto ask = [this] {
+        return prompts().showBox(&parent_, "<b>1</b>\n2", "caption", BoxType::kWarningOkCancel);
+    };
+    whenAsked<QMessageBox>([](QMessageBox& box) {
+        EXPECT_EQ(box.windowTitle(), "caption");
+        EXPECT_EQ(box.icon(), QMessageBox::Warning);
+        EXPECT_EQ(box.buttons().size(), 2);
+        EXPECT_EQ(box.textFormat(), Qt::PlainText);
+        press(box, QStringLiteral("确定"));
+    });
+    EXPECT_TRUE(ask());
+    whenAsked<QMessageBox>([](QMessageBox& box) { press(box, QStringLiteral("取消")); });
+    EXPECT_FALSE(ask());
+    whenAsked<QMessageBox>([](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Escape); });
+    EXPECT_FALSE(ask());
+    whenAsked<QMessageBox>([](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Return); });
+    EXPECT_TRUE(ask());
+}
+
+TEST_F(PromptsTest, NoticeHasOneButton) {
+    for (const auto& [type, icon] : {std::pair(BoxType::kPlain, QMessageBox::NoIcon),
+                                     std::pair(BoxType::kWarning, QMessageBox::Warning)}) {
+        whenAsked<QMessageBox>([icon = icon](QMessageBox& box) {
+            EXPECT_EQ(box.windowTitle(), "VorlanFactoryTool");
+            EXPECT_EQ(box.icon(), icon);
+            EXPECT_EQ(box.buttons().size(), 1);
+            press(box, QStringLiteral("确定"));
+        });
+        prompts().showBox(&parent_, "text", {}, type);
+    }
+}
+
+TEST_F(PromptsTest, ChoosesAFileAndStaysInTheDirectory) {
+    const EnteredDirectory current;
+    const TemporaryDirectory other;
+    const QString file = QString::fromStdString(other.write("列表.csv", "x"));
+    const auto choose = [this] {
+        return prompts().chooseFile(&parent_, QStringLiteral("SN文件(*.csv)"));
+    };
+
+    whenAsked<QFileDialog>([&](QFileDialog& dialog) {
+        EXPECT_EQ(dialog.nameFilters(), QStringList(QStringLiteral("SN文件(*.csv)")));
+        EXPECT_EQ(dialog.labelText(QFileDialog::Reject), QStringLiteral("取消"));
+        auto* const name = dialog.findChild<QLineEdit*>("fileNameEdit");
+        name->setText(file);
+        QTest::keyClick(name, Qt::Key_Return);
+    });
+    EXPECT_EQ(choose(), std::optional(file));
+    whenAsked<QFileDialog>([](QFileDialog& dialog) { QTest::keyClick(&dialog, Qt::Key_Escape); });
+    EXPECT_EQ(choose(), std::nullopt);
+    EXPECT_EQ(QDir::currentPath().toStdString(), current.path());
+}

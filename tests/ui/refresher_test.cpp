@@ -1,0 +1,66 @@
+#include "ui/refresher.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+#include <QTest>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+TEST(RefresherTest, FloodFromAllWorkersCostsFewRefreshesAndLosesNothing) {
+    constexpr int kWorkers = 16;
+    constexpr int kChanges = 20'000;
+    std::atomic<int> state = 0;
+    int shown = 0;
+    int refreshes = 0;
+    Refresher refresher([&] {
+        shown = state;
+        ++refreshes;
+    });
+
+    QElapsedTimer time;
+    time.start();
+    std::vector<std::jthread> workers;
+    for (int i = 0; i < kWorkers; ++i) {
+        workers.emplace_back([&] {
+            for (int n = 0; n < kChanges; ++n) {
+                ++state;
+                refresher.request();
+            }
+        });
+    }
+    ASSERT_TRUE(QTest::qWaitFor([&] { return shown == kWorkers * kChanges; }, 60'000));
+    EXPECT_LE(refreshes, time.elapsed() / 100 + 1);
+    workers.clear();
+
+    const int before = refreshes;
+    QTest::qWait(250);
+    EXPECT_LE(refreshes, before + 1) << "nothing has changed";
+}
+
+TEST(RefresherTest, LoneRequestIsShownAtOnce) {
+    QElapsedTimer time;
+    qint64 shownAfter = -1;
+    Refresher refresher([&] { shownAfter = time.elapsed(); });
+    for (int i = 0; i < 2; ++i) {
+        shownAfter = -1;
+        time.start();
+        refresher.request();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return shownAfter >= 0; }));
+        EXPECT_LT(shownAfter, 50);
+        QTest::qWait(120);  // an idle period
+    }
+}
+
+TEST(RefresherTest, RequestDuringARefreshLeadsToAnother) {
+    int refreshes = 0;
+    Refresher* self = nullptr;
+    Refresher refresher([&] {
+        if (++refreshes == 1)
+            self->request();
+    });
+    self = &refresher;
+    refresher.request();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return refreshes == 2; }));
+}
