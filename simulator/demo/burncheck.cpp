@@ -118,7 +118,7 @@ std::string BurnCheck::troubleInRom(const DemoDevice& device) const {
         device.outcome.percent != 0)
         return "should have failed in its ROM loader";
     return device.device->flash().writtenRanges().empty() ? ""
-                                                           : "flash written before the burner ran";
+                                                          : "flash written before the burner ran";
 }
 
 // The same of a device that must have failed in flash just where it was told to.

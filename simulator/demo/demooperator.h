@@ -25,8 +25,8 @@ class DemoOperator {
     bool chooseFiles(ScriptedAnswers& answers, const QString& package, const QString& csv);
     bool startBurning();
     bool isBurning() const { return hands_.isEnabled(QStringLiteral("停止烧录")); }
-    // Types a label for the places of three devices, saves, and looks into the file. What goes wrong
-    // at two of these places later must not lose the label.
+    // Types a label for the places of three devices, saves, and looks into the file. What goes
+    // wrong at two of these places later must not lose the label.
     bool labelPlaces(DemoDevices& devices);
     // Tries to import numbers and to close the window, neither of which burning allows.
     bool tryWhatMustWait(ScriptedAnswers& answers);

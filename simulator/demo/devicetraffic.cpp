@@ -91,10 +91,9 @@ bool DeviceTraffic::oneLeavesAndReturns() {
 
 bool DeviceTraffic::waitForTheEnd() {
     const bool ended = waitFor("the end of all burns", [this](const Tiles& tiles) {
-        return std::all_of(devices_.all().begin(), devices_.all().end() - 1,
-                           [&](const DemoDevice& device) {
-                               return isSettled(device, tileOf(tiles, device));
-                           });
+        return std::all_of(
+            devices_.all().begin(), devices_.all().end() - 1,
+            [&](const DemoDevice& device) { return isSettled(device, tileOf(tiles, device)); });
     });
     if (!ended)
         return false;
@@ -122,8 +121,7 @@ bool DeviceTraffic::lateOneTakesAPlace() {
     return true;
 }
 
-bool DeviceTraffic::waitFor(const char* what,
-                            const std::function<bool(const Tiles&)>& condition) {
+bool DeviceTraffic::waitFor(const char* what, const std::function<bool(const Tiles&)>& condition) {
     bool holds = false;
     WindowOperator::waitFor(
         [&] {

@@ -19,8 +19,8 @@ namespace simulator {
 class DeviceTraffic {
   public:
     // `pause`: between two devices that are plugged in one after another.
-    DeviceTraffic(Report& report, QWidget& window, const DemoOperator& worker,
-                  DemoDevices& devices, std::chrono::milliseconds pause);
+    DeviceTraffic(Report& report, QWidget& window, const DemoOperator& worker, DemoDevices& devices,
+                  std::chrono::milliseconds pause);
 
     // Half of the devices are there before the operator starts, and the others come after that.
     void firstHalfComes();

@@ -56,8 +56,7 @@ bool UsbDemo::prepare() {
     for (const char* const name : {"tag_map", "global_storage"})
         std::filesystem::remove(name);
     std::ofstream(csvPath_, std::ios::binary) << sampleSerialNumbers(kSerialNumbers);
-    return package_.writeZip(packagePath_) ||
-           report_.fail("the sample package cannot be written");
+    return package_.writeZip(packagePath_) || report_.fail("the sample package cannot be written");
 }
 
 bool UsbDemo::runUnwatched() {
@@ -67,13 +66,13 @@ bool UsbDemo::runUnwatched() {
                                QString::fromStdString(csvPath_)))
         return false;
     traffic_.firstHalfComes();
-    const bool played =
-        operator_.startBurning() && traffic_.secondHalfComes() &&
-        operator_.labelPlaces(devices_) && operator_.tryWhatMustWait(answers) &&
-        traffic_.oneTooManyComes() && traffic_.waitForMidBurn() &&
-        operator_.takePicture("usb-page-burning.png") && traffic_.oneLeavesAndReturns() &&
-        traffic_.waitForTheEnd() && traffic_.lateOneTakesAPlace() &&
-        operator_.takePicture("usb-page-end.png") && operator_.stopBurning();
+    const bool played = operator_.startBurning() && traffic_.secondHalfComes() &&
+                        operator_.labelPlaces(devices_) && operator_.tryWhatMustWait(answers) &&
+                        traffic_.oneTooManyComes() && traffic_.waitForMidBurn() &&
+                        operator_.takePicture("usb-page-burning.png") &&
+                        traffic_.oneLeavesAndReturns() && traffic_.waitForTheEnd() &&
+                        traffic_.lateOneTakesAPlace() &&
+                        operator_.takePicture("usb-page-end.png") && operator_.stopBurning();
     bool good = played && check();
     for (const std::string& complaint : answers.complaints())
         good = report_.fail(complaint);
