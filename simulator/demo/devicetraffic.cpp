@@ -7,6 +7,7 @@ namespace simulator {
 namespace {
 
 constexpr int kLimitMs = 60'000;
+constexpr std::uint32_t kMidBurnChunks = 150;  // of 750 or so
 constexpr std::size_t kHalf = DemoDevices::kTogether / 2;
 
 TileView tileOf(const std::vector<TileView>& tiles, const DemoDevice& device) {
@@ -20,9 +21,8 @@ bool isBurned(const TileView& tile) {
     return tile.status.startsWith(QStringLiteral("烧录成功！"));
 }
 
-bool isInMidBurn(const TileView& tile) {
-    return tile.status.startsWith(QStringLiteral("正在写入")) && tile.percent >= 10 &&
-           tile.percent < 100;
+bool isWriting(const TileView& tile) {
+    return tile.status.startsWith(QStringLiteral("正在写入"));
 }
 
 bool isRemoved(const TileView& tile) {
@@ -77,7 +77,10 @@ bool DeviceTraffic::oneTooManyComes() {
 }
 
 bool DeviceTraffic::waitForMidBurn() {
-    return waitForTile("the burn of the device to unplug", devices_.toUnplug(), isInMidBurn);
+    const DemoDevice& device = devices_.toUnplug();
+    return waitForTile("the burn of the device to unplug", device, [&](const TileView& tile) {
+        return isWriting(tile) && device.device->count(FaultPoint::Chunk) >= kMidBurnChunks;
+    });
 }
 
 bool DeviceTraffic::oneLeavesAndReturns() {
