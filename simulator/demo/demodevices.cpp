@@ -52,12 +52,21 @@ DemoDevice& DemoDevices::late() {
 
 void DemoDevices::plug(DemoDevice& device) {
     device.deviceId = bus_.plug(device.port, device.device);
+    device.plugged = true;
     report_.line("plugged in   %s", device.port.c_str());
 }
 
-void DemoDevices::unplug(const DemoDevice& device) {
+void DemoDevices::unplug(DemoDevice& device) {
     bus_.unplug(device.port);
+    device.plugged = false;
     report_.line("unplugged    %s", device.port.c_str());
+}
+
+void DemoDevices::plugAnew() {
+    for (const DemoDevice& device : devices_) {
+        if (device.plugged)
+            bus_.plug(device.port, device.device);
+    }
 }
 
 }  // namespace simulator

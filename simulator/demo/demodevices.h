@@ -22,6 +22,7 @@ struct DemoDevice {
     std::string deviceId;
     Fate fate = Fate::kBurned;
     std::shared_ptr<VirtualUsbDevice> device;
+    bool plugged = false;
     TileView outcome = {};  // what its tile showed in the end
 
     bool isToBeBurned() const { return fate == Fate::kBurned || fate == Fate::kComesLate; }
@@ -44,7 +45,10 @@ class DemoDevices {
     DemoDevice& late();
 
     void plug(DemoDevice& device);
-    void unplug(const DemoDevice& device);
+    void unplug(DemoDevice& device);
+    // Takes every device that is plugged in out and puts it in again: they are all in their ROM
+    // loaders then. Not reported.
+    void plugAnew();
 
     // What the host did wrong on the bus.
     std::vector<std::string> busErrors() const { return bus_.errors(); }

@@ -107,11 +107,11 @@ bool DeviceTraffic::waitForTheEnd() {
 }
 
 bool DeviceTraffic::lateOneTakesAPlace() {
-    for (const DemoDevice& failed : {devices_.failingInRom(), devices_.failingInFlash()}) {
+    for (DemoDevice* const failed : {&devices_.failingInRom(), &devices_.failingInFlash()}) {
         if (!pause())
             return false;
-        devices_.unplug(failed);
-        if (!waitForTile("the removal of a failed device", failed, isRemoved))
+        devices_.unplug(*failed);
+        if (!waitForTile("the removal of a failed device", *failed, isRemoved))
             return false;
     }
     DemoDevice& late = devices_.late();

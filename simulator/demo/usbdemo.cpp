@@ -1,5 +1,7 @@
 #include "simulator/demo/usbdemo.h"
 
+#include <QApplication>
+#include <QTimer>
 #include <filesystem>
 #include <fstream>
 
@@ -11,7 +13,7 @@ using namespace std::chrono_literals;
 namespace simulator {
 namespace {
 
-constexpr unsigned kSerialNumbers = 40;
+constexpr unsigned kSerialNumbers = 100;
 
 std::string inCurrentDirectory(const char* name) {
     return (std::filesystem::current_path() / name).string();
@@ -35,6 +37,19 @@ UsbDemo::UsbDemo(Report& report, Audience audience)
       devices_(report, chunkTimeFor(audience)),
       operator_(report, window_),
       traffic_(report, window_, operator_, devices_, pauseFor(audience)) {}
+
+void UsbDemo::leaveToOnlooker() {
+    bool used = true;
+    QTimer timer;
+    QObject::connect(&timer, &QTimer::timeout, [&] {
+        const bool burning = operator_.isBurning();
+        if (used && !burning)
+            devices_.plugAnew();
+        used = burning;
+    });
+    timer.start(200ms);
+    QApplication::exec();
+}
 
 UsbDemo::Result UsbDemo::run() {
     if (!prepare())

@@ -28,8 +28,11 @@ class UsbDemo {
 
     Result run();
 
-    // Whether somebody can go on working with the window.
     bool isWindowOpen() const { return window_.isVisible(); }
+
+    // Lets somebody work with the window until it is closed. When burning has been stopped, the
+    // devices are unplugged and plugged in again, so that the next start burns them anew.
+    void leaveToOnlooker();
 
   private:
     bool prepare();
