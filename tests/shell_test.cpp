@@ -178,7 +178,8 @@ TEST_F(ShellTest, StartsSilentlyWithDamagedSettings) {
 
 TEST_F(ShellTest, WorksWhereNothingCanBeWritten) {
     directory_.write("sn.csv", "A1,0\r\n");
-    fs::permissions(".", fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
+    fs::permissions(".", fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                             fs::perms::group_exec | fs::perms::others_read |
                              fs::perms::others_exec);
     {
         const OrdinaryUser user;

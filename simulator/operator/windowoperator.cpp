@@ -2,11 +2,14 @@
 
 #include <QAbstractButton>
 #include <QAction>
+#include <QCoreApplication>
+#include <QInputMethodEvent>
 #include <QLabel>
 #include <QMenuBar>
 #include <QProgressBar>
 #include <QTabBar>
 #include <QTest>
+#include <algorithm>
 
 namespace simulator {
 namespace {
@@ -85,7 +88,13 @@ bool WindowOperator::type(QLineEdit* into, const QString& text) const {
     into->setFocus();
     QTest::keyClick(into, Qt::Key_A, Qt::ControlModifier);
     QTest::keyClick(into, Qt::Key_Delete);
-    QTest::keyClicks(into, text);
+    if (std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x80; })) {
+        QTest::keyClicks(into, text);
+    } else {  // as an input method does
+        QInputMethodEvent typed;
+        typed.setCommitString(text);
+        QCoreApplication::sendEvent(into, &typed);
+    }
     return true;
 }
 

@@ -1,18 +1,32 @@
 #include "ui/applicationlook.h"
 
+#include <QGuiApplication>
+#include <QIcon>
 #include <QLibraryInfo>
 #include <QPalette>
 #include <QStyle>
-#include <QStyleFactory>
 #include <QTranslator>
 
 #include "utils/logutil.h"
 
 #define LOG_TAG "ApplicationLook"
 
+namespace {
+
+QIcon programIcon() {
+    QIcon icon;
+    for (const int size : {16, 32, 48, 128, 256})
+        icon.addFile(QStringLiteral(":/icons/vorlanfactorytool-%1.png").arg(size), {size, size});
+    return icon;
+}
+
+}  // namespace
+
 void setUpApplication(QApplication& application) {
     // Not the display name, which would follow the caption of every box.
     QApplication::setApplicationName(QStringLiteral("VorlanFactoryTool"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("vorlanfactorytool"));
+    QApplication::setWindowIcon(programIcon());
     QApplication::setStyle(QStringLiteral("Fusion"));
     QApplication::setPalette(QApplication::style()->standardPalette());
 

@@ -13,6 +13,12 @@ constexpr int kRightMargin = 4;
 constexpr int kBottomMargin = 2;
 constexpr int kRowGap = 2;
 
+// The style's own frame is so thick that a row's text would be cut off.
+const QString kThinFrame = QStringLiteral(
+    "QLineEdit { border: 1px solid #b4b4b4; background: white; }"
+    "QLineEdit:focus { border-color: palette(highlight); }"
+    "QLineEdit:disabled { background: palette(window); }");
+
 QRect fromEdges(int left, int top, int right, int bottom) {
     return {left, top, right - left, bottom - top};
 }
@@ -44,6 +50,7 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
     tagBox_ = new QLineEdit(parent_);
     tagBox_->setGeometry(fromEdges(split, top, right, top + rowHeight));
     tagBox_->setAccessibleName(QStringLiteral("标签"));
+    tagBox_->setStyleSheet(kThinFrame);
     QObject::connect(tagBox_, &QLineEdit::textEdited, [this](const QString& tag) { typed(tag); });
 
     top += rowHeight + kRowGap;

@@ -21,7 +21,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A variable of the environment with another value, or none, until the end.
+// A variable of the environment with another value, or none, until the end. The tests here have one
+// thread.
+// NOLINTBEGIN(concurrency-mt-unsafe)
 class ChangedVariable {
   public:
     ChangedVariable(const char* name, const char* value) : name_(name) {
@@ -44,6 +46,7 @@ class ChangedVariable {
     const char* const name_;
     std::optional<std::string> previous_;
 };
+// NOLINTEND(concurrency-mt-unsafe)
 
 Claim claimOnce() {
     return SingleInstance().claim("tool");

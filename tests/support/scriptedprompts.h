@@ -50,7 +50,8 @@ class ScriptedPrompts final : public Prompts {
                  BoxType type) override {
         EXPECT_NE(parent, nullptr);
         boxes_.push_back({text, caption, type});
-        whileOpen();
+        const auto act = whileOpen;  // which may put another in its place
+        act();
         if (type != BoxType::kWarningOkCancel)
             return true;
         if (answers_.empty()) {

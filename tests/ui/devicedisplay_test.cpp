@@ -166,6 +166,7 @@ TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
     create();
     {
         std::vector<std::jthread> workers;
+        workers.reserve(16);
         for (int i = 0; i < 16; ++i) {
             workers.emplace_back([&] {
                 for (int n = 0; n < 2'000; ++n) {

@@ -22,6 +22,7 @@ TEST(RefresherTest, FloodFromAllWorkersCostsFewRefreshesAndLosesNothing) {
     QElapsedTimer time;
     time.start();
     std::vector<std::jthread> workers;
+    workers.reserve(kWorkers);
     for (int i = 0; i < kWorkers; ++i) {
         workers.emplace_back([&] {
             for (int n = 0; n < kChanges; ++n) {
