@@ -94,8 +94,8 @@ class CBurnPage final : public Page, public UsbListener {
     std::array<BurnAvatar, kSlots> slots_;
     std::mutex pageLock_;  // guards the slots' ids and the removal of their devices
     UsbTagMap tagMap_;
-    // Taken before pageLock_, and guards plugged_: a device that arrives while the labels are being
-    // collected is on neither its tile nor in the map, and its port's label would be lost.
+    // Guards plugged_, and keeps saveTags from missing a label that is on its way from the map to
+    // the tile of a device that arrives. Taken before pageLock_.
     std::mutex labelLock_;
     bool plugged_ = false;  // a device has been seen in this run
     std::atomic<Centre> centre_{Centre::kNothing};

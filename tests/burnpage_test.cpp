@@ -91,7 +91,7 @@ TEST_F(BurnPageTest, BeginsWithNothingToStart) {
 TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     prepare();
     importNumbers(row(1, true) + row(2) + row(3));
-    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), "0x6ff000"));
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_FALSE(hands->isEnabled("选择固件"));
     EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
@@ -116,7 +116,8 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_TRUE(tile(1).active);
     EXPECT_EQ(tile(1).percent, 100);
     expectCount(1);
-    EXPECT_TRUE(isBurned(*device, "SN-2"));
+    EXPECT_TRUE(isBurned(*device, ""));
+    EXPECT_TRUE(device->flash().holds(0x6FF000, bytesOf("SN-2")));
     EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 
     bus.unplug(port(1));
@@ -129,20 +130,48 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_EQ(tile(1).status, kRemoved);
     EXPECT_EQ(tile(1).percent, 0);
     EXPECT_FALSE(tile(1).active);
-    plug(1);
+    const auto unnumbered = plug(1);
     ASSERT_TRUE(reads(1, kUsedUp));
-    EXPECT_EQ(tile(1).percent, 0);
     EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-1");
+    // By the time that the next one has come as far, the first would be in its burn.
+    plug(3);
+    ASSERT_TRUE(reads(3, kUsedUp));
+    EXPECT_EQ(tile(1).status, kUsedUp);
+    EXPECT_EQ(tile(1).percent, 0);
+    EXPECT_TRUE(unnumbered->flash().writtenRanges().empty());
     expectCount(2);
 }
 
-TEST_F(BurnPageTest, BurnsWithoutNumbers) {
+TEST_F(BurnPageTest, BurnsWithoutNumbersAndWithTheProgramsOwnBurner) {
+    simulator::PackageBuilder()
+        .add("flashboot.bin", flashboot)
+        .add("master.bin", master)
+        .write("package.vrk");
+    writeContent("images/burner.img", std::string(5000, 'b'));
     prepareAndStart();
     const auto device = plug(1);
     ASSERT_TRUE(reads(1, kBurned));
     expectCount(1);
     EXPECT_TRUE(isBurned(*device, ""));
     EXPECT_EQ(device->flash().writtenRanges().size(), 2U);
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
+}
+
+TEST_F(BurnPageTest, ComesBackWithTheNumberFileOfAnEarlierRun) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    importNumbers(row(1));
+    for (const bool deleted : {false, true}) {
+        window.reset();
+        forgetSettings();
+        if (deleted)
+            std::filesystem::remove("numbers.csv");
+        openWindow();
+        ASSERT_TRUE(hands->press("USB烧录"));
+        EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("numbers.csv"));
+        EXPECT_TRUE(hands->edit("SN路径")->isEnabled());
+        EXPECT_EQ(hands->edit("SN烧录地址")->isEnabled(), !deleted);
+    }
 }
 
 TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
@@ -464,8 +493,11 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     prompts.whileOpen = [&] {
         prompts.whileOpen = [] {};
         bus.unplug(port(17));
+        plug(17);  // which is told when this box has been closed
+        bus.unplug(port(17));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
+        EXPECT_EQ(prompts.takeBoxes().size(), 1U);
     };
     plug(17);
     ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));
