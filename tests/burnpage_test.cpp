@@ -87,6 +87,20 @@ TEST_F(BurnPageTest, BeginsWithNothingToStart) {
     EXPECT_TRUE(hands->tiles().empty());
 }
 
+TEST_F(BurnPageTest, TilesStandInTwoColumnsOfEight) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    // The first control of a tile stands 4 and 2 pixels inside it.
+    const auto corner = [&](int tile) {
+        return window->findChild<QLineEdit*>(QString::number(10'000 + 4 * tile))->pos();
+    };
+    const QSize area = window->findChild<QLineEdit*>("10000")->parentWidget()->size();
+    const int height = (area.height() - 24) / 8;
+    EXPECT_EQ(corner(0), QPoint(4, 2));
+    EXPECT_EQ(corner(1), QPoint(area.width() / 2 + 4, 2));
+    EXPECT_EQ(corner(2), QPoint(4, height + 2));
+    EXPECT_EQ(corner(15), QPoint(area.width() / 2 + 4, 7 * height + 2));
+}
+
 TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     prepare();
     importNumbers(row(1, true) + row(2) + row(3));
