@@ -17,7 +17,7 @@
 #include "vorlan/uart/protocol/uartfile.h"
 #include "vorlan/uart/setting/serialport.h"
 
-class SerialAvatar;
+class SerialRun;
 
 enum UartCommand : std::uint8_t {
     UART_FLASH_BEGIN = 2,  // to the flash proxy
@@ -84,7 +84,7 @@ struct UartContext {
     // The operator's stop: asks every loop of the stages to give up at its next test. An exchange
     // under way is not cut short.
     std::atomic<bool> stop{false};
-    SerialAvatar* avatar = nullptr;
+    SerialRun* run = nullptr;  // whose callbacks these are
 
     // Called on the serving thread; each may be null. `name` is that of the image, `percent` of its
     // blocks are acknowledged.
