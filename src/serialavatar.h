@@ -52,6 +52,6 @@ class SerialAvatar {
 
     StopEvent stopEvent_;
     SerialSlot slot_{.portName = {}, .stopEvent = &stopEvent_};
-    SerialRun* run_ = nullptr;         // the latest
+    SerialRun* run_ = nullptr;        // the latest
     std::list<ServeThread> threads_;  // the latest, and earlier ones that may still wind down
 };

@@ -76,6 +76,7 @@ void SerialRun::serve() {
         if (ret == kUartOk && burnedItems_ == items.size() && isSnSettled())
             context_->onFinish(context_.get());
     }
+    releaseSn();
     serial_close(context_->port);
     LOG_I("serve thread stopped, port=%s", port.c_str());
     ended_ = true;

@@ -33,6 +33,11 @@ void saveSettings() {
 }  // namespace
 
 bool importSnFile(QWidget* parent, QLineEdit& pathBox) {
+    SerialNumFile& snFile = GlobalStorage::getInstance().getSnFile();
+    if (snFile.isInUse()) {  // a serial burn that was stopped still writes its number
+        tell(parent, strings::kNoImportWhileBurning.toString());
+        return false;
+    }
     const std::optional<QString> chosen = prompts().chooseFile(parent, kFilter);
     if (!chosen)
         return false;
@@ -43,7 +48,7 @@ bool importSnFile(QWidget* parent, QLineEdit& pathBox) {
     if (!fileutil::fileExists(path))
         return false;
     GlobalStorage& storage = GlobalStorage::getInstance();
-    if (!storage.getSnFile().load(path)) {
+    if (!snFile.load(path)) {
         tell(parent, kWrongFormat);
         return false;
     }

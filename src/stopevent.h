@@ -1,4 +1,5 @@
-// An event that lets one waiter go on and is then clear again: the operator's stop of a serial slot.
+// An event that lets one waiter go on and is then clear again: the operator's stop of a serial
+// slot.
 #pragma once
 
 #include <chrono>
