@@ -133,6 +133,7 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
         EXPECT_EQ(tag()->isEnabled(), active);
         EXPECT_EQ(bar()->isEnabled(), active);
         EXPECT_EQ(status()->isEnabled(), active);
+        EXPECT_EQ(status()->grab().toImage().pixelColor(0, 0), QColor(Qt::white));
     }
 }
 
@@ -168,6 +169,10 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     EXPECT_EQ(display_.getTag(), L"set-7");
     QAccessible::queryAccessibleInterface(tag())->setText(QAccessible::Value, "by tool");
     EXPECT_EQ(display_.getTag(), L"by tool");
+    display_.setTag(L"just before");
+    QTest::keyClicks(tag(), "!");
+    settle();
+    EXPECT_EQ(tag()->text().toStdWString(), display_.getTag());
 
     const std::wstring longTag(1000, L'标');
     display_.setTag(longTag);
@@ -175,6 +180,9 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     EXPECT_EQ(tag()->text().toStdWString(), longTag);
     QTest::keyClicks(tag(), "x");
     EXPECT_EQ(display_.getTag(), longTag + L"x");
+    display_.setTag(std::wstring(40'000, L'x'));
+    settle();
+    EXPECT_EQ(display_.getTag().size(), 40'000U) << "no more than the box can hold";
 }
 
 TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
