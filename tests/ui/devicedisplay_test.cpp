@@ -140,8 +140,11 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
 TEST_F(DeviceDisplayTest, NobodyTypesIntoTheNextTile) {
     create();
     QLineEdit next(&area_);
+    next.show();
+    area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
     tag()->setFocus();
-    ASSERT_EQ(area_.focusWidget(), tag());
+    ASSERT_TRUE(tag()->hasFocus());
     display_.setActive(false);
     settle();
     EXPECT_EQ(area_.focusWidget(), nullptr);
@@ -152,8 +155,8 @@ TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUse) {
     const QString cue = QStringLiteral("请输入标签");
     EXPECT_EQ(tag()->placeholderText(), cue);
     area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
     tag()->setFocus();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return tag()->hasFocus(); }));
     EXPECT_EQ(tag()->placeholderText(), "");
     tag()->clearFocus();
     EXPECT_EQ(tag()->placeholderText(), cue);
