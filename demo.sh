@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# Burns a sample package into simulated devices and compares every byte: ./demo.sh [--headless]
+# Opens the program's window over simulated devices, has a script burn them, and proves the result:
+# ./demo.sh [--headless]. Headless, or with no display, the same window lives unseen.
 # Installs and builds what is missing first. What the run leaves behind lies in build/demo/.
 set -euo pipefail
 cd "$(dirname "$0")"
 
+options=(--watched)
+[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] || options=()
 for argument in "$@"; do
     [ "$argument" = --headless ] || { echo "usage: ./demo.sh [--headless]" >&2; exit 2; }
+    options=()
 done
 
 scripts/install-packages.sh build
@@ -17,10 +21,11 @@ rm -rf "$floor"
 mkdir -p "$floor"
 cd "$floor"
 
-live=()
-[ ! -t 1 ] || live=(--live)
+if [ "${#options[@]}" -eq 0 ]; then
+    mkdir -m 700 runtime
+    export QT_QPA_PLATFORM=offscreen XDG_RUNTIME_DIR=$floor/runtime
+fi
 status=0
 # The program's own messages go to files; its report goes through the pipe to the screen.
-"$program" /dev/fd/3 "${live[@]}" 3>&1 >stdout.txt 2>trace.txt | cat || status=$?
-echo "run log, trace and package: build/demo/"
+"$program" /dev/fd/3 "${options[@]}" 3>&1 >stdout.txt 2>trace.txt | tee report.txt || status=$?
 exit "$status"

@@ -281,11 +281,10 @@ BurnAvatar* CBurnPage::findAvatar(const std::wstring& deviceId) {
 
 void CBurnPage::onPlug(SesHandle session) {
     TRACE("onPlug, device_id=%s, bus_no=%d\n", session->device_id.c_str(), session->bus_no);
-    plugged_ = true;
     centre_ = Centre::kTiles;
     refresher_.request();
     const std::wstring deviceId = text::widen(session->device_id);
-    BurnAvatar* const slot = findAvatar(deviceId);
+    BurnAvatar* const slot = claimSlot(deviceId);
     if (slot == nullptr) {
         showLater("avatar is empty");
         return;
@@ -299,7 +298,16 @@ void CBurnPage::onPlug(SesHandle session) {
     display->setActive(true);
     display->setName(deviceId);
     display->setStatus(L"设备已插入！");
-    display->setTag(tagMap_.findTag(makePlugId(deviceId)).tag);
+}
+
+// Finds the slot of a device that has just arrived and puts the port's label on its tile.
+BurnAvatar* CBurnPage::claimSlot(const std::wstring& deviceId) {
+    const std::lock_guard guard(labelLock_);
+    plugged_ = true;
+    BurnAvatar* const slot = findAvatar(deviceId);
+    if (slot != nullptr && slot->getDisplay() != nullptr)
+        slot->getDisplay()->setTag(tagMap_.findTag(makePlugId(deviceId)).tag);
+    return slot;
 }
 
 void CBurnPage::onBurnerReady(SesHandle session) {
@@ -345,11 +353,15 @@ void CBurnPage::onError(SesHandle session, std::uint32_t code, const std::string
 }
 
 void CBurnPage::saveTags() {
-    if (plugged_)
-        tagMap_.clearTags();
-    for (std::size_t i = 0; i < kSlots; ++i) {
-        const std::wstring plugId = portOf(slots_[i]);
-        tagMap_.storeTag(plugId, {static_cast<std::int32_t>(i), plugId, displays_[i]->getTag()});
+    {
+        const std::lock_guard guard(labelLock_);
+        if (plugged_)
+            tagMap_.clearTags();
+        for (std::size_t i = 0; i < kSlots; ++i) {
+            const std::wstring plugId = portOf(slots_[i]);
+            tagMap_.storeTag(plugId,
+                             {static_cast<std::int32_t>(i), plugId, displays_[i]->getTag()});
+        }
     }
     if (!tagMap_.save())
         LOG_E("the labels of the ports cannot be saved to tag_map");

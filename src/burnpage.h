@@ -70,6 +70,7 @@ class CBurnPage final : public Page, public UsbListener {
     void refresh();
 
     std::wstring portOf(const BurnAvatar& slot);
+    BurnAvatar* claimSlot(const std::wstring& deviceId);
     BurnAvatar* findAvatar(const std::wstring& deviceId);
     void deviceRemoved(const std::wstring& deviceId);
     // For any thread: a box for the operator, whom nobody waits for.
@@ -93,7 +94,10 @@ class CBurnPage final : public Page, public UsbListener {
     std::array<BurnAvatar, kSlots> slots_;
     std::mutex pageLock_;  // guards the slots' ids and the removal of their devices
     UsbTagMap tagMap_;
-    std::atomic<bool> plugged_{false};  // a device has been seen in this run
+    // Guards plugged_, and keeps saveTags from missing a label that is on its way from the map to
+    // the tile of a device that arrives. Taken before pageLock_.
+    std::mutex labelLock_;
+    bool plugged_ = false;  // a device has been seen in this run
     std::atomic<Centre> centre_{Centre::kNothing};
     std::atomic<const char*> notice_{nullptr};
     bool noticeOpen_ = false;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QRegularExpression>
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -32,7 +33,7 @@ const QString kStopped = "烧录已停止！";
 
 // Slow enough to be caught in the act.
 simulator::UsbDeviceOptions slowly() {
-    return {.chunkTime = 10ms};
+    return {.chunkTime = 50ms};
 }
 
 std::size_t occurrences(const std::string& text, const std::string& part) {
@@ -104,7 +105,7 @@ TEST_F(BurnPageTest, TilesStandInTwoColumnsOfEight) {
 TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     prepare();
     importNumbers(row(1, true) + row(2) + row(3));
-    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), "0x6ff000"));
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_FALSE(hands->isEnabled("选择固件"));
     EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
@@ -129,7 +130,8 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_TRUE(tile(1).active);
     EXPECT_EQ(tile(1).percent, 100);
     expectCount(1);
-    EXPECT_TRUE(isBurned(*device, "SN-2"));
+    EXPECT_TRUE(isBurned(*device, ""));
+    EXPECT_TRUE(device->flash().holds(0x6FF000, bytesOf("SN-2")));
     EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 
     bus.unplug(port(1));
@@ -142,20 +144,48 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_EQ(tile(1).status, kRemoved);
     EXPECT_EQ(tile(1).percent, 0);
     EXPECT_FALSE(tile(1).active);
-    plug(1);
+    const auto unnumbered = plug(1);
     ASSERT_TRUE(reads(1, kUsedUp));
-    EXPECT_EQ(tile(1).percent, 0);
     EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-1");
+    // By the time that the next one has come as far, the first would be in its burn.
+    plug(3);
+    ASSERT_TRUE(reads(3, kUsedUp));
+    EXPECT_EQ(tile(1).status, kUsedUp);
+    EXPECT_EQ(tile(1).percent, 0);
+    EXPECT_TRUE(unnumbered->flash().writtenRanges().empty());
     expectCount(2);
 }
 
-TEST_F(BurnPageTest, BurnsWithoutNumbers) {
+TEST_F(BurnPageTest, BurnsWithoutNumbersAndWithTheProgramsOwnBurner) {
+    simulator::PackageBuilder()
+        .add("flashboot.bin", flashboot)
+        .add("master.bin", master)
+        .write("package.vrk");
+    writeContent("images/burner.img", std::string(5000, 'b'));
     prepareAndStart();
     const auto device = plug(1);
     ASSERT_TRUE(reads(1, kBurned));
     expectCount(1);
     EXPECT_TRUE(isBurned(*device, ""));
     EXPECT_EQ(device->flash().writtenRanges().size(), 2U);
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
+}
+
+TEST_F(BurnPageTest, ComesBackWithTheNumberFileOfAnEarlierRun) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    importNumbers(row(1));
+    for (const bool deleted : {false, true}) {
+        window.reset();
+        forgetSettings();
+        if (deleted)
+            std::filesystem::remove("numbers.csv");
+        openWindow();
+        ASSERT_TRUE(hands->press("USB烧录"));
+        EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("numbers.csv"));
+        EXPECT_TRUE(hands->edit("SN路径")->isEnabled());
+        EXPECT_EQ(hands->edit("SN烧录地址")->isEnabled(), !deleted);
+    }
 }
 
 TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
@@ -196,6 +226,9 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     ASSERT_TRUE(WindowOperator::waitFor([&] { return refusing->count(FaultPoint::Description); }));
     ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
     EXPECT_TRUE(tile(5).active);
+    // The device that gave it back before has no claim on it any more.
+    bus.unplug(port(2));
+    ASSERT_TRUE(reads(2, kRemoved));
     plug(6);
     ASSERT_TRUE(reads(6, kBurned + "SN=SN-2"));
     bus.unplug(port(5));
@@ -302,13 +335,15 @@ TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
 TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     prepare();
     importNumbers(row(1));
-    std::filesystem::permissions("numbers.csv", std::filesystem::perms::all);
     std::filesystem::permissions(directory.path(), std::filesystem::perms(0555));
-    const OrdinaryUser user;
-    ASSERT_TRUE(hands->press("开始烧录"));
-    plug(1);
-    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
-    ASSERT_TRUE(hands->press("保存标签"));
+    {
+        const OrdinaryUser user;
+        ASSERT_TRUE(hands->press("开始烧录"));
+        plug(1);
+        ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+        ASSERT_TRUE(hands->press("保存标签"));
+    }
+    std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
@@ -410,6 +445,28 @@ TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
     EXPECT_EQ(saved.findTag(L"\\0-3").index, 1);
 }
 
+TEST_F(BurnPageTest, KeepsLabelsThatAreSavedWhileTheirDevicesArrive) {
+    UsbTagMap before;
+    before.storeTag(L"\\0-1", {0, L"\\0-1", L"left"});
+    ASSERT_TRUE(before.save());
+    CBurnPage page;
+    page.OnInitDialog();
+    std::atomic<bool> saved{false};
+    std::thread arrivals([&] {
+        BURN_SESSION session;
+        session.device_id = "USB\\VID_1234&PID_5678\\0-1";
+        while (!saved)
+            page.onPlug(&session);
+    });
+    for (int i = 0; i < 100; ++i)
+        page.saveTags();
+    saved = true;
+    arrivals.join();
+    UsbTagMap after;
+    ASSERT_TRUE(after.load());
+    EXPECT_EQ(after.findTag(L"\\0-1").tag, L"left");
+}
+
 TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
     prepare();
     importNumbers(row(1) + row(2) + row(3));
@@ -443,15 +500,22 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
         plug(i);
     for (int i = 1; i <= 16; ++i)
         ASSERT_TRUE(reads(i, kBurned));
-    bus.unplug(port(16));
-    ASSERT_TRUE(reads(16, kRemoved));
-    // While the box is open, the port of the removed one gets a new device.
+    for (const int i : {15, 16}) {
+        bus.unplug(port(i));
+        ASSERT_TRUE(reads(i, kRemoved));
+    }
+    // While the box is open, another such device comes, which is told when the box has been closed,
+    // and the port of a removed one gets a new device.
     bool burnedMeanwhile = false;
     prompts.whileOpen = [&] {
         prompts.whileOpen = [] {};
-        bus.unplug(port(17));
+        plug(18);
+        EXPECT_TRUE(WindowOperator::waitFor(
+            [] { return BurnAdmin::peekInstance()->getSessionCount() == 16; }));
+        bus.unplug(port(18));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
+        EXPECT_EQ(prompts.takeBoxes().size(), 1U);
     };
     plug(17);
     ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));

@@ -1,33 +1,61 @@
-// The demo: burns real packages into simulated devices and proves the result.
+// The demo: the program's own window over simulated devices, worked by a script, with proof of the
+// result.
 //
-//     demo REPORT [--live]
+//     demo REPORT [--watched]
 //
-// Runs in the current directory, writes its report to the file REPORT, with a live view if that is
-// a terminal, and exits 0 only if every flash and every serial number is as it must be.
+// Runs in the current directory, writes its report to the file REPORT, and exits 0 only if every
+// flash and every serial number is as it must be. Watched, it takes its time, and the window is the
+// onlooker's when the script has ended.
+#include <QApplication>
 #include <cstdio>
+#include <filesystem>
 #include <string_view>
 
 #include "simulator/demo/report.h"
 #include "simulator/demo/usbdemo.h"
-#include "utils/filelogprinter.h"
-#include "utils/fileutil.h"
+#include "ui/applicationlook.h"
+
+using simulator::Report;
+using simulator::UsbDemo;
+
+namespace {
+
+void tell(Report& report, UsbDemo::Result result) {
+    switch (result) {
+        case UsbDemo::Result::kPassed:
+            report.line("PASSED: every flash and every serial number is as it must be");
+            break;
+        case UsbDemo::Result::kFailed:
+            report.line("FAILED");
+            break;
+        case UsbDemo::Result::kEndedByOperator:
+            report.line("ended early by the operator: nothing has been proven");
+            break;
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
+    QApplication application(argc, argv);
     if (argc < 2) {
-        std::fputs("usage: demo REPORT [--live]\n", stderr);
+        std::fputs("usage: demo REPORT [--watched]\n", stderr);
         return 2;
     }
-    const bool live = argc > 2 && std::string_view(argv[2]) == "--live";
-    simulator::Report report(argv[1], live);
+    const bool watched = argc > 2 && std::string_view(argv[2]) == "--watched";
+    Report report(argv[1]);
     if (!report.isOpen()) {
         std::fprintf(stderr, "cannot write %s\n", argv[1]);
         return 2;
     }
-    fileutil::createDirectories(L"log\\");
-    FileLogPrinter log("log\\run.log");
-    hj::setLogPrinter(&log);
-    const bool good = simulator::UsbDemo(report).run();
-    hj::clearLogPrinter();
-    report.line(good ? "PASSED: every flash and every serial number is as it must be" : "FAILED");
-    return good ? 0 : 1;
+    setUpApplication(application);
+    UsbDemo demo(report, watched ? UsbDemo::Audience::kOnlooker : UsbDemo::Audience::kNobody);
+    const UsbDemo::Result result = demo.run();
+    tell(report, result);
+    report.line("all files of this run: %s", std::filesystem::current_path().c_str());
+    if (watched && demo.isWindowOpen()) {
+        report.line("the window is yours; the devices stay plugged in until it is closed");
+        demo.leaveToOnlooker();
+    }
+    return result == UsbDemo::Result::kPassed ? 0 : 1;
 }

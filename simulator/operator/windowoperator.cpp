@@ -125,6 +125,15 @@ TileView WindowOperator::tileNamed(const QString& end) const {
     return {};
 }
 
+int WindowOperator::tileNumber(const QString& name) const {
+    const std::vector<TileView> views = tiles();
+    for (std::size_t i = 0; i < views.size(); ++i) {
+        if (views[i].name == name)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
 bool WindowOperator::typeTag(int number, const QString& tag) const {
     return type(ofTile<QLineEdit>(window_, number, 1), tag);
 }

@@ -40,7 +40,9 @@ class WindowOperator {
     std::vector<TileView> tiles() const;
     // The tile whose name ends with the text, such as a port; one without a name if there is none.
     TileView tileNamed(const QString& end) const;
-    // Types a label into the tile of that number, from 0 on.
+    // The number of the tile of just that name, from 0 on; -1 if there is none.
+    int tileNumber(const QString& name) const;
+    // Types a label into the tile of that number.
     bool typeTag(int number, const QString& tag) const;
 
     // Lets the window live until the condition holds. False after `limitMs`.

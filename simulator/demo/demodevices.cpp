@@ -1,0 +1,72 @@
+#include "simulator/demo/demodevices.h"
+
+using namespace std::chrono_literals;
+
+namespace simulator {
+namespace {
+
+constexpr std::size_t kUnpluggedOne = 4;
+constexpr std::size_t kRomFailure = 7;
+constexpr std::size_t kFlashFailure = 10;
+constexpr std::size_t kLateOne = DemoDevices::kTogether;
+
+}  // namespace
+
+DemoDevices::DemoDevices(Report& report, std::chrono::microseconds chunkTime) : report_(report) {
+    UsbDeviceOptions options;
+    options.romStartUp = 50ms;
+    options.handOver = 50ms;
+    options.eraseTime = 40ms;
+    options.chunkTime = chunkTime;
+    options.resultTime = 150ms;
+    for (std::size_t i = 0; i <= kLateOne; ++i)
+        devices_.push_back({.port = "0000:00:14.0-2." + std::to_string(i + 1),
+                            .deviceId = {},
+                            .device = std::make_shared<VirtualUsbDevice>(options)});
+
+    failingInRom().fate = DemoDevice::Fate::kFailsInRom;
+    failingInRom().device->addFault(
+        {.where = FaultPoint::MemData, .what = Fault::romStatus(0xF1), .skip = 5});
+    failingInFlash().fate = DemoDevice::Fate::kFailsInFlash;
+    failingInFlash().device->addFault({.where = FaultPoint::Chunk,
+                                       .what = Fault::error("flash program failed"),
+                                       .skip = kGoodChunks});
+    late().fate = DemoDevice::Fate::kComesLate;
+}
+
+DemoDevice& DemoDevices::toUnplug() {
+    return devices_[kUnpluggedOne];
+}
+
+DemoDevice& DemoDevices::failingInRom() {
+    return devices_[kRomFailure];
+}
+
+DemoDevice& DemoDevices::failingInFlash() {
+    return devices_[kFlashFailure];
+}
+
+DemoDevice& DemoDevices::late() {
+    return devices_[kLateOne];
+}
+
+void DemoDevices::plug(DemoDevice& device) {
+    device.deviceId = bus_.plug(device.port, device.device);
+    device.plugged = true;
+    report_.line("plugged in   %s", device.port.c_str());
+}
+
+void DemoDevices::unplug(DemoDevice& device) {
+    bus_.unplug(device.port);
+    device.plugged = false;
+    report_.line("unplugged    %s", device.port.c_str());
+}
+
+void DemoDevices::plugAnew() {
+    for (const DemoDevice& device : devices_) {
+        if (device.plugged)
+            bus_.plug(device.port, device.device);
+    }
+}
+
+}  // namespace simulator

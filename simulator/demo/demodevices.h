@@ -1,0 +1,62 @@
+// The seventeen devices of the demo: where they are plugged in, and what is to become of each.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "simulator/demo/report.h"
+#include "simulator/operator/windowoperator.h"
+#include "simulator/virtualusbbus.h"
+#include "simulator/virtualusbdevice.h"
+
+namespace simulator {
+
+struct DemoDevice {
+    // kComesLate: finds all sixteen places taken, and is burned at the port of another one later.
+    enum class Fate { kBurned, kFailsInRom, kFailsInFlash, kComesLate };
+
+    std::string port;
+    std::string deviceId;
+    Fate fate = Fate::kBurned;
+    std::shared_ptr<VirtualUsbDevice> device;
+    bool plugged = false;
+    TileView outcome = {};  // what its tile showed in the end
+
+    bool isToBeBurned() const { return fate == Fate::kBurned || fate == Fate::kComesLate; }
+};
+
+// Must be made before the window and outlive it.
+class DemoDevices {
+  public:
+    static constexpr std::size_t kTogether = 16;
+    // That the failing flash takes before it fails.
+    static constexpr std::uint32_t kGoodChunks = 200;
+
+    // `chunkTime`: how long a device takes to program 4 KiB, which sets the pace of its burn.
+    DemoDevices(Report& report, std::chrono::microseconds chunkTime);
+
+    std::vector<DemoDevice>& all() { return devices_; }
+    DemoDevice& toUnplug();  // in mid-burn
+    DemoDevice& failingInRom();
+    DemoDevice& failingInFlash();
+    DemoDevice& late();
+
+    void plug(DemoDevice& device);
+    void unplug(DemoDevice& device);
+    // Takes every device that is plugged in out and puts it in again: they are all in their ROM
+    // loaders then. Not reported.
+    void plugAnew();
+
+    // What the host did wrong on the bus.
+    std::vector<std::string> busErrors() const { return bus_.errors(); }
+
+  private:
+    Report& report_;
+    VirtualUsbBus bus_;
+    std::vector<DemoDevice> devices_;
+};
+
+}  // namespace simulator
