@@ -133,14 +133,18 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
         EXPECT_EQ(tag()->isEnabled(), active);
         EXPECT_EQ(bar()->isEnabled(), active);
         EXPECT_EQ(status()->isEnabled(), active);
+        EXPECT_EQ(status()->grab().toImage().pixelColor(0, 0), QColor(Qt::white));
     }
 }
 
 TEST_F(DeviceDisplayTest, NobodyTypesIntoTheNextTile) {
     create();
     QLineEdit next(&area_);
+    next.show();
+    area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
     tag()->setFocus();
-    ASSERT_EQ(area_.focusWidget(), tag());
+    ASSERT_TRUE(tag()->hasFocus());
     display_.setActive(false);
     settle();
     EXPECT_EQ(area_.focusWidget(), nullptr);
@@ -151,8 +155,8 @@ TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUse) {
     const QString cue = QStringLiteral("请输入标签");
     EXPECT_EQ(tag()->placeholderText(), cue);
     area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
     tag()->setFocus();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return tag()->hasFocus(); }));
     EXPECT_EQ(tag()->placeholderText(), "");
     tag()->clearFocus();
     EXPECT_EQ(tag()->placeholderText(), cue);
@@ -168,6 +172,10 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     EXPECT_EQ(display_.getTag(), L"set-7");
     QAccessible::queryAccessibleInterface(tag())->setText(QAccessible::Value, "by tool");
     EXPECT_EQ(display_.getTag(), L"by tool");
+    display_.setTag(L"just before");
+    QTest::keyClicks(tag(), "!");
+    settle();
+    EXPECT_EQ(tag()->text().toStdWString(), display_.getTag());
 
     const std::wstring longTag(1000, L'标');
     display_.setTag(longTag);
@@ -175,6 +183,9 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     EXPECT_EQ(tag()->text().toStdWString(), longTag);
     QTest::keyClicks(tag(), "x");
     EXPECT_EQ(display_.getTag(), longTag + L"x");
+    display_.setTag(std::wstring(40'000, L'x'));
+    settle();
+    EXPECT_EQ(display_.getTag().size(), 40'000U) << "no more than the box can hold";
 }
 
 TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
