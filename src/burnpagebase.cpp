@@ -8,6 +8,7 @@
 #include "storage/globalstorage.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
+#include "ui/tooltip.h"
 
 namespace {
 
@@ -91,7 +92,7 @@ void BurnPageBase::showStoredSettings() {
     const QString snPath = QString::fromStdWString(storage.getSnFilePath());
     if (!snPath.isEmpty()) {
         snPathBox_->setText(snPath);
-        snPathBox_->setToolTip(snPath);
+        setPlainToolTip(*snPathBox_, snPath);
         snPathBox_->setEnabled(true);
     }
     showSnAddress(*snAddressBox_);
@@ -115,7 +116,7 @@ void BurnPageBase::chooseFirmware() {
     if (!path)
         return;
     firmwareBox_->setText(*path);
-    firmwareBox_->setToolTip(*path);
+    setPlainToolTip(*firmwareBox_, *path);
     firmwareBox_->setEnabled(true);
     firmware_.setFirmwarePath(path->toStdWString());
     bool valid = false;
@@ -187,11 +188,12 @@ void BurnPageBase::refreshBurnCount() {
 
 void BurnPageBase::refresh() {
     const Centre centre = centre_;
-    hint_->setVisible(centre == Centre::kHint);
-    tileArea_->setVisible(centre == Centre::kTiles);
     burnCountBox_->setText(QString::number(GlobalStorage::getInstance().getFlashCount()));
     for (const auto& tile : tiles_)
         tile->refresh();
+    // After the tiles, which let go of the focus: else it would go to the tabs.
+    hint_->setVisible(centre == Centre::kHint);
+    tileArea_->setVisible(centre == Centre::kTiles);
     showNotice();
 }
 

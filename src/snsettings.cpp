@@ -5,6 +5,7 @@
 #include "storage/globalstorage.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
+#include "ui/tooltip.h"
 #include "utils/fileutil.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
@@ -42,7 +43,7 @@ bool importSnFile(QWidget* parent, QLineEdit& pathBox) {
     if (!chosen)
         return false;
     pathBox.setText(*chosen);
-    pathBox.setToolTip(*chosen);
+    setPlainToolTip(pathBox, *chosen);
     pathBox.setEnabled(true);
     const std::wstring path = chosen->toStdWString();
     if (!fileutil::fileExists(path))

@@ -132,7 +132,7 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     expectCount(1);
     EXPECT_TRUE(isBurned(*device, ""));
     EXPECT_TRUE(device->flash().holds(0x6FF000, bytesOf("SN-2")));
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 
     bus.unplug(port(1));
     EXPECT_TRUE(hintReads(kConnect));
@@ -244,7 +244,7 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     plug(7);
     ASSERT_TRUE(reads(7, kBurned + "SN=SN-3"));
     expectCount(3);
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
 }
 
 TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
@@ -253,7 +253,7 @@ TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
     for (const char* const wrong : {"", "0", "zz", "0x"}) {
         ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), wrong));
         ASSERT_TRUE(hands->press("开始烧录"));
-        EXPECT_EQ(prompts.takeBoxes(),
+        EXPECT_EQ(prompts_.takeBoxes(),
                   std::vector<Box>({notice("地址格式错误，请输入16进制地址！")}));
         EXPECT_TRUE(hands->isEnabled("开始烧录"));
         EXPECT_TRUE(hands->isEnabled("选择固件"));
@@ -278,14 +278,14 @@ TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
 TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
     const Box invalid{"无效的固件!", "提示", BoxType::kPlain};
     ASSERT_TRUE(hands->press("USB烧录"));
-    prompts.choose(std::nullopt);
+    prompts_.choose(std::nullopt);
     ASSERT_TRUE(hands->press("选择固件"));
     EXPECT_EQ(hands->edit("固件路径")->text(), "请选择固件");
 
     const std::string whole = contentOf("package.vrk");
     writeContent("torn.vrk", whole.substr(0, whole.size() / 2));
     chooseFirmware(pathOf("torn.vrk"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({invalid}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({invalid}));
     EXPECT_EQ(hands->edit("固件路径")->text(), pathOf("torn.vrk"));
     EXPECT_TRUE(hands->edit("固件路径")->isEnabled());
     EXPECT_FALSE(hands->isEnabled("开始烧录"));
@@ -297,10 +297,10 @@ TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
             writeContent(path, contentOf("package.vrk"));
         chooseFirmware(pathOf(path));
         const bool valid = path != "none.zip";
-        EXPECT_EQ(prompts.takeBoxes(), valid ? std::vector<Box>() : std::vector<Box>({invalid}));
+        EXPECT_EQ(prompts_.takeBoxes(), valid ? std::vector<Box>() : std::vector<Box>({invalid}));
         EXPECT_EQ(hands->isEnabled("开始烧录"), valid);
     }
-    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
+    EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
 }
 
 TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
@@ -309,33 +309,34 @@ TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
     ASSERT_TRUE(hands->press("USB烧录"));
     importNumbers(row(1));
     const std::wstring good = pathOf("numbers.csv").toStdWString();
+    writeContent("no-list.csv", "x\r\n");
     writeContent("read-only.csv", row(5));
     std::filesystem::permissions("read-only.csv", std::filesystem::perms::others_read);
     const OrdinaryUser user;
 
-    prompts.choose(pathOf("vanished.csv"));
+    prompts_.choose(pathOf("vanished.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("vanished.csv"));
     // Neither the vanished one nor the one that cannot be marked takes the place of the good one.
-    prompts.choose(pathOf("read-only.csv"));
+    prompts_.choose(pathOf("read-only.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
     EXPECT_TRUE(GlobalStorage::getInstance().getSnFile().isLoaded());
-    prompts.choose(pathOf("no-list.csv"));
+    prompts_.choose(pathOf("no-list.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
     EXPECT_EQ(GlobalStorage::getInstance().getSnFilePath(), good);
-    prompts.choose(std::nullopt);
+    prompts_.choose(std::nullopt);
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
-    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
+    EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
 }
 
 TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     prepare();
     importNumbers(row(1));
-    std::filesystem::permissions(directory.path(), std::filesystem::perms(0555));
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms(0555));
     {
         const OrdinaryUser user;
         ASSERT_TRUE(hands->press("开始烧录"));
@@ -343,7 +344,7 @@ TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
         ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
         ASSERT_TRUE(hands->press("保存标签"));
     }
-    std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms::owner_all);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
@@ -357,16 +358,16 @@ TEST_F(BurnPageTest, StaysWithABurnUnlessItIsToStop) {
 
     ASSERT_TRUE(hands->press("导入SN"));
     ASSERT_TRUE(hands->press("导入SN号"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
-    prompts.answer(false);
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
+    prompts_.answer(false);
     ASSERT_TRUE(hands->press("主页"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({question}));
     EXPECT_TRUE(hands->isEnabled("停止烧录"));
     EXPECT_TRUE(tile(1).status.startsWith("正在写入"));
 
-    prompts.answer(true);
+    prompts_.answer(true);
     ASSERT_TRUE(hands->press("主页"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({question}));
     EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
     EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
     // Idle, the page may be left without a question.
@@ -385,20 +386,20 @@ TEST_F(BurnPageTest, AsksBeforeTheWindowCloses) {
     ASSERT_TRUE(readsLike(1, "正在写入"));
     ASSERT_TRUE(hands->typeTag(0, "left bench"));
 
-    prompts.answer(false);
+    prompts_.answer(false);
     EXPECT_FALSE(window->close());
     EXPECT_TRUE(window->isVisible());
     EXPECT_TRUE(hands->isEnabled("停止烧录"));
     EXPECT_FALSE(std::filesystem::exists("tag_map"));
 
-    prompts.answer(true);
+    prompts_.answer(true);
     EXPECT_TRUE(window->close());
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, question));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, question));
     EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
     UsbTagMap saved;
     saved.load();
     EXPECT_EQ(saved.findTag(L"\\0-1").tag, L"left bench");
-    EXPECT_EQ(directory.read("numbers.csv"), row(1));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1));
 }
 
 TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
@@ -491,7 +492,7 @@ TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
     ASSERT_TRUE(readsLike(2, "error=0x4c7, des=Retry WritePipe has reaches max (10)!"));
     EXPECT_NE(tile(1).status, burnedWith);
     expectCount(2);
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 }
 
 TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
@@ -507,19 +508,19 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     // While the box is open, another such device comes, which is told when the box has been closed,
     // and the port of a removed one gets a new device.
     bool burnedMeanwhile = false;
-    prompts.whileOpen = [&] {
-        prompts.whileOpen = [] {};
+    prompts_.whileOpen = [&] {
+        prompts_.whileOpen = [] {};
         plug(18);
         EXPECT_TRUE(WindowOperator::waitFor(
             [] { return BurnAdmin::peekInstance()->getSessionCount() == 16; }));
         bus.unplug(port(18));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
-        EXPECT_EQ(prompts.takeBoxes().size(), 1U);
+        EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
     };
     plug(17);
     ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
     EXPECT_EQ(tile(17).name, "");
     expectCount(17);
 }
@@ -528,7 +529,7 @@ TEST_F(BurnPageTest, OpensOnlyWithAWorkingDriver) {
     bus.fail(UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(hands->press("USB烧录"));
-        EXPECT_EQ(prompts.takeBoxes(),
+        EXPECT_EQ(prompts_.takeBoxes(),
                   std::vector<Box>({notice("检测到libusb驱动未安装，请先安装驱动")}));
         EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
     }
@@ -576,7 +577,7 @@ TEST_F(BurnPageTest, SixteenDevicesComeAndGoWhileTheOperatorStartsAndStops) {
     // What the tiles tell is in the devices, every number once, and each is marked: as many in all
     // as burns have been counted.
     std::set<QString> given;
-    const std::string marks = directory.read("numbers.csv");
+    const std::string marks = directory_.read("numbers.csv");
     for (int i = 1; i <= 16; ++i) {
         const QString sn = tile(i).status.mid(kBurned.size() + 3);
         EXPECT_TRUE(given.insert(sn).second);

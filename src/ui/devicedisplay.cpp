@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "ui/tooltip.h"
+
 namespace {
 
 // In pixels.
@@ -41,11 +43,6 @@ class TagBox final : public QLineEdit {
 
 QRect fromEdges(int left, int top, int right, int bottom) {
     return {left, top, right - left, bottom - top};
-}
-
-// As rich text that shows the plain text: tool tips guess which of the two they get.
-QString toolTipOf(const QString& text) {
-    return text.isEmpty() ? text : QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped());
 }
 
 }  // namespace
@@ -175,7 +172,7 @@ void DeviceDisplay::refresh() {
     if (changes.status) {
         const QString status = QString::fromStdWString(*changes.status);
         statusLine_->setText(status);
-        statusLine_->setToolTip(toolTipOf(status));
+        setPlainToolTip(*statusLine_, status);
     }
     if (changes.progress)
         bar_->setValue(*changes.progress);
