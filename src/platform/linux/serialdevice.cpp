@@ -194,10 +194,6 @@ void askForLowLatency(int port) {
 
 }  // namespace
 
-std::string serialDevicePath(std::string_view portName) {
-    return "/dev/" + std::string(portName);
-}
-
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption) {
     // O_NONBLOCK: an open that waits for a carrier would wait for good.
