@@ -2,16 +2,30 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <initializer_list>
+#include <stop_token>
 #include <string>
+#include <thread>
 
 #include "scriptedpeer.h"
+#include "support/pseudoterminal.h"
+#include "utils/interruption.h"
 
+using namespace std::chrono_literals;
 using namespace std::string_literals;
 
 namespace {
 
 const std::uint8_t* bytesOf(const std::string& text) {
     return reinterpret_cast<const std::uint8_t*>(text.data());
+}
+
+std::string joined(std::initializer_list<std::string> parts) {
+    std::string all;
+    for (const std::string& part : parts)
+        all += part;
+    return all;
 }
 
 class UartPacketTest : public testing::Test {
@@ -76,15 +90,16 @@ TEST_F(UartPacketTest, AnAnswerAcknowledgesOnlyIfAllOfItDoes) {
         std::string answer;
         int result;
     };
+    const std::string frame = joined({"\xC0", good, status, "\xC0"});
     for (const Case& item : std::initializer_list<Case>{
-             {"\xC0" + good + status + "\xC0", kUartOk},
-             {"noise\x01\xDB\xC0" + good + status + "more\xC0", kUartOk},
-             {"\xC0" + good + status + "\xC0\xC0" + good + "\x01\x01\xC0", kUartOk},
-             {"\xC0" + good + "\x01\0\xC0"s, kUartRefused},
-             {"\xC0" + good + "\0\x01\xC0"s, kUartRefused},
-             {"\xC0\0\x08"s + good.substr(2) + status + "\xC0", kUartRefused},
-             {"\xC0\x01\x07"s + good.substr(2) + status + "\xC0", kUartRefused},
-             {"\xC0" + good + "\xDBx\xC0", kUartNoAnswer},
+             {frame, kUartOk},
+             {joined({"noise\x01\xDB\xC0", good, status, "more\xC0"}), kUartOk},
+             {joined({frame, "\xC0", good, "\x01\x01\xC0"}), kUartOk},
+             {joined({"\xC0", good, "\x01\0\xC0"s}), kUartRefused},
+             {joined({"\xC0", good, "\0\x01\xC0"s}), kUartRefused},
+             {joined({"\xC0\0\x08"s, good.substr(2), status, "\xC0"}), kUartRefused},
+             {joined({"\xC0\x01\x07"s, good.substr(2), status, "\xC0"}), kUartRefused},
+             {joined({"\xC0", good, "\xDBx\xC0"}), kUartNoAnswer},
              {"\x01\x08", kUartNoAnswer},
              {"", kUartNoAnswer}}) {
         peer_.answer(UART_SYNC, item.answer);
@@ -140,6 +155,36 @@ TEST_F(UartPacketTest, TheDigestIsTakenEvenFromARefusal) {
     peer_.answer(UART_MD5, answer);
     EXPECT_EQ(send_md5(context_.get(), 0, 0), kUartRefused);
     EXPECT_EQ(std::string(context_->md5.begin(), context_->md5.end()), "0123456789abcdef");
+}
+
+TEST(UartContext, TheProgramsEndCutsAnExchangeShortAndAnOperatorsStopDoesNot) {
+    PseudoTerminal terminal;
+    std::stop_source programEnds;
+    const interruption::Scope scope(programEnds.get_token());
+    const auto context = uart_context_create();
+    uart_context_open_port(context.get(), terminal.portName());
+    const auto timedSync = [&] {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);
+        return std::chrono::steady_clock::now() - start;
+    };
+    // Both come when the request is on the wire.
+    std::thread operators([&] {
+        terminal.receive(46);
+        context->stop = true;
+    });
+    EXPECT_GE(timedSync(), 1000ms);
+    operators.join();
+
+    EXPECT_EQ(serial_set_timeouts(context->port, 115200, 60000), 1);
+    std::thread end([&] {
+        terminal.receive(46);
+        programEnds.request_stop();
+    });
+    EXPECT_LT(timedSync(), 30000ms);
+    end.join();
+    EXPECT_LT(timedSync(), 30000ms);
+    EXPECT_TRUE(terminal.isQuiet());
 }
 
 TEST(UartContext, APortThatIsNotThereShowsInTheFirstExchange) {

@@ -46,13 +46,14 @@ TEST(SlipCodec, EscapesWhatHasAMeaningWhereverItStands) {
     for (std::size_t length = 1; length <= 40; ++length) {
         for (std::size_t at = 0; at < length; ++at) {
             // Neighbours of the two bytes, which a hurried search could take for them.
-            std::string plain(length, at % 2 == 0 ? '\xC1' : '\xDA');
-            const std::string before = plain.substr(0, at);
-            const std::string after = plain.substr(at + 1);
-            plain[at] = '\xC0';
-            EXPECT_EQ(encode(codec, plain), "\xC0" + before + "\xDB\xDC" + after + "\xC0");
-            plain[at] = '\xDB';
-            EXPECT_EQ(encode(codec, plain), "\xC0" + before + "\xDB\xDD" + after + "\xC0");
+            const std::string others(length, at % 2 == 0 ? '\xC1' : '\xDA');
+            for (const auto& [byte, escaped] :
+                 {std::pair("\xC0", "\xDB\xDC"), {"\xDB", "\xDB\xDD"}}) {
+                std::string plain = others;
+                std::string frame = others;
+                EXPECT_EQ(encode(codec, plain.replace(at, 1, byte)),
+                          frame.replace(at, 1, escaped).insert(0, 1, '\xC0').append("\xC0"));
+            }
         }
     }
 }
