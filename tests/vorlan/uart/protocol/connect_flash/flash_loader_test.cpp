@@ -202,7 +202,8 @@ TEST_F(FlashLoaderTest, SixFailuresOfAStepAreBornAndSevenEndTheDownload) {
     }
 }
 
-TEST_F(FlashLoaderTest, EachBlockHasABudgetOfItsOwn) {
+TEST_F(FlashLoaderTest, TheBeginAndEachBlockHaveABudgetOfTheirOwn) {
+    peer_.refuse(UART_FLASH_BEGIN, 6);
     const std::string good = peer_.acknowledgement(UART_FLASH_DATA);
     peer_.keepSilent(UART_FLASH_DATA, 6);
     peer_.answer(UART_FLASH_DATA, good);

@@ -126,6 +126,11 @@ TEST_F(RamLoaderTest, SixRefusalsOfAStepAreBornAndSevenAreNot) {
         EXPECT_EQ(told(step.refused), 7) << trace_;
         EXPECT_EQ(context_->ramRetries, 0);
     }
+    // Each step and each block begins afresh.
+    for (const Step& step : kSteps)
+        peer_.refuse(step.command, 6);
+    EXPECT_EQ(download(), kUartOk);
+
     peer_.answer(UART_RAM_DATA, peer_.acknowledgement(UART_RAM_DATA));
     peer_.refuse(UART_RAM_DATA, 7);
     EXPECT_EQ(download(), -1);
