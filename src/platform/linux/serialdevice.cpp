@@ -186,7 +186,7 @@ bool claim(int port) {
 // know the question.
 void askForLowLatency(int port) {
     serial_struct info{};
-    if (::ioctl(port, TIOCGSERIAL, &info) != 0)
+    if (::ioctl(port, TIOCGSERIAL, &info) != 0 || (info.flags & ASYNC_LOW_LATENCY) != 0)
         return;
     info.flags |= ASYNC_LOW_LATENCY;
     ::ioctl(port, TIOCSSERIAL, &info);
