@@ -1,11 +1,9 @@
 // The list of serial ports, over pseudo terminals in the place of the machine's ports.
 #include "serialportlist.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -15,6 +13,8 @@
 
 #include "platform/serialdevice.h"
 #include "simulator/virtualserialports.h"
+#include "support/pseudoterminal.h"
+#include "utils/text.h"
 #include "vorlan/uart/protocol/header_configure.h"
 
 namespace {
@@ -23,52 +23,17 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A port on a pseudo terminal: what the host says comes out here.
-class PtyPort {
-  public:
-    explicit PtyPort(const std::string& name)
-        : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)),
-          directory_(fs::path(testing::TempDir()) /
-                     ("serialportlist-" + std::to_string(::getpid()))) {
-        char slave[64] = "";
-        EXPECT_EQ(::grantpt(master_), 0);
-        EXPECT_EQ(::unlockpt(master_), 0);
-        EXPECT_EQ(::ptsname_r(master_, slave, sizeof slave), 0);
-        fs::create_directories(directory_);
-        path_ = directory_ / name;
-        fs::remove(path_);
-        fs::create_symlink(slave, path_);
-    }
-    ~PtyPort() {
-        ::close(master_);
-        fs::remove_all(directory_);
-    }
-    PtyPort(const PtyPort&) = delete;
-    PtyPort& operator=(const PtyPort&) = delete;
-
-    const fs::path& path() const { return path_; }
-    char heard() const {
-        char byte = 0;
-        return ::read(master_, &byte, 1) == 1 ? byte : '\0';
-    }
-
-  private:
-    int master_;
-    fs::path directory_;
-    fs::path path_;
-};
-
 std::vector<SSerInfo> listed(bool ignoreBusy) {
     std::vector<SSerInfo> ports(3);  // of an earlier list
     listSerialPorts(ports, ignoreBusy);
     return ports;
 }
 
-std::vector<std::wstring> namesOf(const std::vector<SSerInfo>& ports) {
-    std::vector<std::wstring> names;
+std::vector<std::string> pathsOf(const std::vector<SSerInfo>& ports) {
+    std::vector<std::string> paths;
     for (const SSerInfo& port : ports)
-        names.push_back(port.friendlyName);
-    return names;
+        paths.push_back(text::narrow(port.devicePath));
+    return paths;
 }
 
 TEST(SerialPortList, DescribesEachPort) {
@@ -109,23 +74,24 @@ TEST(SerialPortList, DescribesEachPort) {
 
 TEST(SerialPortList, LeavesBusyPortsOutOnlyIfAskedTo) {
     simulator::VirtualSerialPorts ports;
-    const PtyPort first("first");
-    const PtyPort second("second");
-    const PtyPort third("third");
-    for (const PtyPort* port : {&first, &second, &third})
-        ports.arrive(port->path(), "M");
-    ports.arrive(first.path().parent_path() / "absent", "M");
-
+    const PseudoTerminal first;
+    const PseudoTerminal second;
+    const PseudoTerminal third;
+    const std::vector<std::string> all{first.portPath(), second.portPath(), third.portPath(),
+                                       "/dev/absent"};
+    for (const std::string& path : all)
+        ports.arrive(path);
     {
-        const auto user = platform::openSerialDevice(first.path(), {});
-        const auto other = platform::openSerialDevice(second.path(), {});
+        const auto user = platform::openSerialDevice(first.portPath(), {});
+        const auto other = platform::openSerialDevice(second.portPath(), {});
         ASSERT_TRUE(user != nullptr && other != nullptr);
-        EXPECT_THAT(namesOf(listed(false)),
-                    ElementsAre(L"M (first)", L"M (second)", L"M (third)", L"M (absent)"));
-        EXPECT_THAT(namesOf(listed(true)), ElementsAre(L"M (third)"));
+        EXPECT_EQ(pathsOf(listed(false)), all);
+        EXPECT_THAT(pathsOf(listed(true)), ElementsAre(third.portPath()));
     }
-    // Nothing of the tests stays open.
-    EXPECT_THAT(namesOf(listed(true)), ElementsAre(L"M (first)", L"M (second)", L"M (third)"));
+    // The trials leave no port open or claimed.
+    EXPECT_THAT(pathsOf(listed(true)),
+                ElementsAre(first.portPath(), second.portPath(), third.portPath()));
+    EXPECT_FALSE(third.isClaimed());
 }
 
 TEST(SerialPortList, TellsWhyItFailed) {
@@ -142,16 +108,17 @@ TEST(SerialPortList, TellsWhyItFailed) {
 
 TEST(SerialPortList, NamesLeadToThePortsThatTheEngineOpens) {
     simulator::VirtualSerialPorts ports;
-    const PtyPort port("ttyV0");
-    ports.arrive(port.path());
+    PseudoTerminal terminal;
+    const fs::path link = fs::path(testing::TempDir()) / ("ttyV" + std::to_string(::getpid()));
+    fs::create_symlink(terminal.portPath(), link);
+    ports.arrive(link);
     const auto context = uart_context_create();
-    uart_context_open_port(context.get(), L"ttyV0");
+    uart_context_open_port(context.get(), link.filename().wstring());
+    fs::remove(link);
     ASSERT_NE(context->port, nullptr);
     const std::uint8_t byte = 'x';
     ASSERT_EQ(serial_write(context->port, &byte, 1), 1);
-    EXPECT_EQ(port.heard(), 'x');
-    uart_context_open_port(context.get(), L"ttyV1");
-    EXPECT_EQ(context->port, nullptr);
+    EXPECT_EQ(terminal.receive(1), "x");
 }
 
 TEST(SerialPortList, VirtualPortsReportWhileWatched) {

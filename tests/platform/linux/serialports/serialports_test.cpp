@@ -53,35 +53,46 @@ class MockMachine {
         }
     }
 
-    // A terminal, with its node.
+    // A terminal; nothing opens its node.
     void addTerminal(const std::string& parent, const std::string& name,
                      const std::string& lines = "") {
-        add(parent + "/tty/" + name, "tty",
-            "N: " + name + "\nE: DEVNAME=/dev/" + name + "\n" + lines);
+        add(parent + "/tty/" + name, "tty", "E: DEVNAME=/dev/" + name + "\n" + lines);
     }
 
-    // A USB adapter at a port of the controller, with a terminal; gives the terminal's path.
-    std::string addAdapter(const std::string& port, const std::string& name,
-                           const std::string& adapterLines = "",
-                           const std::string& terminalLines = "") {
-        const std::string adapter = kController + std::string("/usb1/") + port;
-        const std::string interface = adapter + "/" + port + ":1.0";
-        const std::string serial = interface + "/" + name;
+    // A USB adapter at a port of the controller, with a terminal.
+    void addAdapter(const std::string& port, const std::string& name,
+                    const std::string& adapterLines = "", const std::string& terminalLines = "") {
+        const std::string adapter = adapterPath(port);
+        const std::string serial = serialPath(port, name);
         add(adapter, "usb",
             "E: DEVTYPE=usb_device\nL: driver=../../../../../bus/usb/drivers/usb\n" + adapterLines);
-        add(interface, "usb", "E: DEVTYPE=usb_interface\nL: driver=../../drivers/ch341\n");
+        add(adapter + "/" + port + ":1.0", "usb",
+            "E: DEVTYPE=usb_interface\nL: driver=../../drivers/ch341\n");
         add(serial, "usb-serial", "L: driver=../../../bus/usb-serial/drivers/ch341-uart\n");
         addTerminal(serial, name, terminalLines);
-        return serial + "/tty/" + name;
     }
 
     void tell(const std::string& path, const char* action) {
         umockdev_testbed_uevent(testbed_, ("/sys" + path).c_str(), action);
     }
 
-    void remove(const std::string& path) {
-        tell(path, "remove");
-        umockdev_testbed_remove_device(testbed_, ("/sys" + path).c_str());
+    void removeTerminal(const std::string& parent, const std::string& name) {
+        tell(parent + "/tty/" + name, "remove");
+        umockdev_testbed_remove_device(testbed_, ("/sys" + parent + "/tty/" + name).c_str());
+    }
+
+    void removeAdapter(const std::string& port, const std::string& name) {
+        removeTerminal(serialPath(port, name), name);
+        for (const std::string& path :
+             {serialPath(port, name), adapterPath(port) + "/" + port + ":1.0", adapterPath(port)})
+            umockdev_testbed_remove_device(testbed_, ("/sys" + path).c_str());
+    }
+
+    static std::string adapterPath(const std::string& port) {
+        return kController + std::string("/usb1/") + port;
+    }
+    static std::string serialPath(const std::string& port, const std::string& name) {
+        return adapterPath(port) + "/" + port + ":1.0/" + name;
     }
 
   private:
@@ -156,27 +167,29 @@ TEST(SerialPorts, ComeAndGoInOrderAndOnlyIfReal) {
     constexpr auto kArrived = PortEvent::Kind::kArrived;
     constexpr auto kRemoved = PortEvent::Kind::kRemoved;
     MockMachine machine;
-    const std::string present = machine.addAdapter("1-1", "ttyUSB0");
+    machine.addAdapter("1-1", "ttyUSB0");
     const std::unique_ptr<platform::PortEvents> events = platform::serialPorts().watch();
     ASSERT_NE(events, nullptr);
     EXPECT_FALSE(events->next().has_value());
 
     // The one that is there is announced again and is no arrival.
-    machine.tell(present, "add");
-    machine.tell(present, "change");
-    const std::string second = machine.addAdapter("1-2", "ttyUSB1");
-    machine.remove(present);
+    machine.tell(MockMachine::serialPath("1-1", "ttyUSB0") + "/tty/ttyUSB0", "add");
+    machine.tell(MockMachine::serialPath("1-1", "ttyUSB0") + "/tty/ttyUSB0", "change");
+    machine.addAdapter("1-2", "ttyUSB1");
+    machine.removeAdapter("1-1", "ttyUSB0");
     EXPECT_THAT(awaited(*events),
                 ElementsAre(PortEvent{kArrived, "ttyUSB1"}, PortEvent{kRemoved, "ttyUSB0"}));
 
     addOtherTerminals(machine);
-    machine.remove("/devices/virtual/tty/tty1");
-    machine.remove("/devices/platform/serial8250/tty/ttyS1");
-    machine.remove(second);
+    EXPECT_THAT(awaited(*events), IsEmpty());
+    machine.removeTerminal("/devices/virtual", "tty1");
+    machine.removeTerminal("/devices/platform/serial8250", "ttyS1");
+    machine.removeAdapter("1-2", "ttyUSB1");
     EXPECT_THAT(awaited(*events), ElementsAre(PortEvent{kRemoved, "ttyUSB1"}));
 
     // A port that returns under its name is a new one; gone before anybody looks, it was one too.
-    machine.remove(machine.addAdapter("1-3", "ttyUSB0"));
+    machine.addAdapter("1-3", "ttyUSB0");
+    machine.removeAdapter("1-3", "ttyUSB0");
     EXPECT_THAT(awaited(*events),
                 ElementsAre(PortEvent{kArrived, "ttyUSB0"}, PortEvent{kRemoved, "ttyUSB0"}));
 }
