@@ -8,7 +8,6 @@
 #include <memory>
 #include <stop_token>
 #include <string>
-#include <string_view>
 
 namespace platform {
 
@@ -53,9 +52,6 @@ class SerialDevice {
     // on a failure. `size` is above 0.
     virtual int write(const std::uint8_t* bytes, int size) = 0;
 };
-
-// The path that opens the port of that short name.
-std::string serialDevicePath(std::string_view portName);
 
 // Opens the port for this owner alone; null with the reason in errno if that fails, as for a port
 // that is in use. Once `interruption` is requested, every transfer under way ends and each later

@@ -186,17 +186,13 @@ bool claim(int port) {
 // know the question.
 void askForLowLatency(int port) {
     serial_struct info{};
-    if (::ioctl(port, TIOCGSERIAL, &info) != 0)
+    if (::ioctl(port, TIOCGSERIAL, &info) != 0 || (info.flags & ASYNC_LOW_LATENCY) != 0)
         return;
     info.flags |= ASYNC_LOW_LATENCY;
     ::ioctl(port, TIOCSSERIAL, &info);
 }
 
 }  // namespace
-
-std::string serialDevicePath(std::string_view portName) {
-    return "/dev/" + std::string(portName);
-}
 
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption) {

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstring>
 
+#include "platform/serialports.h"
 #include "utils/littleendian.h"
 #include "utils/text.h"
 #include "vorlan/uart/protocol/uarttrace.h"
@@ -81,7 +82,7 @@ void uart_context_destroy(std::unique_ptr<UartContext> context) {
 
 void uart_context_open_port(UartContext* context, std::wstring_view portName) {
     context->baudrate = kRomBaudrate;
-    context->port = serial_open(platform::serialDevicePath(text::narrow(portName)),
+    context->port = serial_open(platform::serialPorts().pathOf(text::narrow(portName)),
                                 context->baudrate, context->stopBits, context->parity);
 }
 
