@@ -10,6 +10,11 @@ namespace {
 // back as by a port's full buffer.
 constexpr std::chrono::milliseconds kReadAhead{50};
 
+// What the machine made the device late with an answer, up to this, is not charged to the line: the
+// request that follows counts as begun earlier by that much. So a busy machine does not slow the
+// line down, while every single exchange still looks like one.
+constexpr std::chrono::milliseconds kMostForgiven{5};
+
 constexpr std::size_t kReadSize = 16 * 1024;
 
 // A host ends its read at a gap of this length.
@@ -151,6 +156,7 @@ void VirtualSerialDevice::powerOn() {
     last_.clear();
     markLeft_ = false;
     earlierCommand_ = kUartSync;
+    lateness_ = {};
     lastArrival_ = {};
     said_ = true;
     inStep_ = true;
@@ -192,10 +198,11 @@ void VirtualSerialDevice::receive(Clock::time_point now) {
         settingsNoted_ = true;
         errors_.add("the port is not set to pass 8 data bits as they are, with one stop bit");
     }
+    const Clock::time_point from = now - std::exchange(lateness_, {});
     if (now >= quietUntil_ && hostRate == rate_) {
-        hear(bytes, hostRate, now);
+        hear(bytes, hostRate, from);
     } else {
-        inPace_.carry(size, hostRate, now);
+        inPace_.carry(size, hostRate, from);
         if (now >= quietUntil_)
             hearAtWrongRate(now);
         reader_.reset();
@@ -206,21 +213,21 @@ void VirtualSerialDevice::receive(Clock::time_point now) {
     }
 }
 
-void VirtualSerialDevice::hear(Bytes bytes, std::uint32_t hostRate, Clock::time_point now) {
+void VirtualSerialDevice::hear(Bytes bytes, std::uint32_t hostRate, Clock::time_point from) {
     std::size_t passed = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         const SlipReader::Event event = reader_.take(bytes[i]);
         if (event == SlipReader::Event::None)
             continue;
         if (event == SlipReader::Event::Frame) {
-            const Clock::time_point at = inPace_.carry(i + 1 - passed, hostRate, now);
+            const Clock::time_point at = inPace_.carry(i + 1 - passed, hostRate, from);
             passed = i + 1;
             arrived({std::move(reader_.frame()), hostRate, at});
         } else {
             note(event);
         }
     }
-    inPace_.carry(bytes.size() - passed, hostRate, now);
+    inPace_.carry(bytes.size() - passed, hostRate, from);
 }
 
 void VirtualSerialDevice::hearAtWrongRate(Clock::time_point now) {
@@ -484,6 +491,7 @@ void VirtualSerialDevice::send(const Outgoing& piece, Clock::time_point now) {
     bool readable = line_->inUse();
     if (readable && !bytes.empty()) {
         said_ = true;
+        lateness_ = std::min<Clock::duration>(now - piece.at, kMostForgiven);
         if (line_->rate() != rate_) {
             garble(bytes);
             readable = false;

@@ -112,7 +112,7 @@ class VirtualSerialDevice {
     void advance(Clock::time_point now);
     void hostOpens();
     void receive(Clock::time_point now);
-    void hear(Bytes bytes, std::uint32_t hostRate, Clock::time_point now);
+    void hear(Bytes bytes, std::uint32_t hostRate, Clock::time_point from);
     void hearAtWrongRate(Clock::time_point now);
     void note(SlipReader::Event event);
     void arrived(Incoming frame);
@@ -162,6 +162,7 @@ class VirtualSerialDevice {
     std::deque<Incoming> incoming_;
     std::deque<Outgoing> outgoing_;
     Clock::time_point busyUntil_;
+    Clock::duration lateness_{};  // of the last bytes sent
 
     // The last request, if the host can repeat it, and what became of it.
     std::vector<std::uint8_t> last_;

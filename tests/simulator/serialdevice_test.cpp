@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <future>
+#include <memory>
+#include <thread>
 
 #include "serialhost.h"
 #include "support/temporarydirectory.h"
@@ -57,19 +59,21 @@ class SerialDevice : public testing::Test {
     }
 
     TemporaryDirectory directory;
+    std::atomic<int> departures = 0;
     std::unique_ptr<VirtualSerialDevice> device;
     std::unique_ptr<SerialHost> host;
 };
 
 TEST_F(SerialDevice, TakesAWholeRun) {
-    start({.proxyStartUp = milliseconds(20)});
+    start({.romStartUp = milliseconds(200), .proxyStartUp = milliseconds(200)});
     const ByteVector proxy = pattern(5000);
     const ByteVector image = pattern(10000);
     const ByteVector number = {'a', 'b', 'c'};
+    EXPECT_EQ(host->ask(syncRequest(), 250), "silent");  // the ROM loader starts late
     downloadProxy(proxy);
     EXPECT_EQ(device->downloadedProxy(), proxy);
 
-    EXPECT_EQ(host->ask(syncRequest(), 0), "silent");  // it has only begun to start
+    EXPECT_EQ(host->ask(syncRequest(), 0), "silent");  // and so does the proxy
     while (device->stage() != SerialStage::Proxy)
         std::this_thread::yield();
     ASSERT_EQ(host->ask(syncRequest()), "ok");
@@ -185,21 +189,16 @@ std::vector<Breach> breaches() {
         {"bad escape", [](SerialHost& host) { host.write("\xC0\x01\xDB\x02"); }},
         {"too long", [](SerialHost& host) { host.write("\xC0" + std::string(4121, 'x')); }},
         {"before the last one was answered",
-         [three](SerialHost& host) {
-             host.send(begin(kUartFlashBegin, 3, 0));
-             host.ask(block(kUartFlashData, 0, three));
+         [=](SerialHost& host) {
+             ByteVector two = slipFrame(begin(kUartFlashBegin, 3, 0));
+             const ByteVector second = slipFrame(block(kUartFlashData, 0, three));
+             two.insert(two.end(), second.begin(), second.end());
+             host.write(two);
          }},
         {"one stop bit",
          [](SerialHost& host) {
              host.set(kFirstRate, CSTOPB);
              host.ask(begin(kUartFlashBegin, 3, 0));
-         }},
-        {"inside a frame",
-         [](SerialHost& host) {
-             host.write("\xC0\x01");
-             host.readRaw(20);
-             host.set(kFast, 0);
-             host.write("\x02");
          }},
     };
 }
@@ -207,7 +206,7 @@ std::vector<Breach> breaches() {
 TEST_F(SerialDevice, RecordsEachBreach) {
     for (const Breach& breach : breaches()) {
         SCOPED_TRACE(breach.text);
-        start({.start = breach.start, .eraseTime = milliseconds(5)});
+        start({.start = breach.start});
         breach.act(*host);
         const auto limit = Clock::now() + std::chrono::seconds(5);
         while (device->errors().empty() && Clock::now() < limit)
@@ -271,7 +270,7 @@ TEST_F(SerialDevice, ShapesItsAnswers) {
         {SerialFault::longFrame(64), longFrame(64)},
         {SerialFault::emptyFrame(), "\xC0\xC0"},
         {SerialFault::badEscape(), "\xC0\x01\xDB\x01\x02\xC0"},
-        {SerialFault::cutAnswer(5, milliseconds(60)), frame.substr(0, 5)},
+        {SerialFault::cutAnswer(5, milliseconds(200)), frame.substr(0, 5)},
         {SerialFault::swallow(), ""},
         {SerialFault::stall(), ""},
     };
@@ -302,7 +301,8 @@ TEST_F(SerialDevice, UnderstandsNothingAtAnotherRate) {
     EXPECT_EQ(device->count(SerialFaultPoint::WrongRate), 2U);
 
     // An answer that comes when the host has gone to another rate is noise to the host.
-    device->addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::lateAnswer(milliseconds(50))});
+    device->addFault(
+        {SerialFaultPoint::ChangeBaudrate, SerialFault::lateAnswer(milliseconds(200))});
     host->send(words(kUartChangeBaudrate, {kFast, 1024000}));
     while (device->count(SerialFaultPoint::ChangeBaudrate) == 0)
         std::this_thread::yield();
@@ -312,6 +312,16 @@ TEST_F(SerialDevice, UnderstandsNothingAtAnotherRate) {
     EXPECT_NE(answer.front(), 0xC0);
     EXPECT_EQ(host->ask(begin(kUartFlashBegin, 3, 0)), "ok");
     EXPECT_THAT(device->errors(), IsEmpty());
+
+    const std::uint64_t before = device->traffic();
+    host->write("\xC0\x01");
+    while (device->traffic() != before + 2)
+        std::this_thread::yield();
+    host->set(kFirstRate, 0);
+    host->write("\x02");
+    while (device->count(SerialFaultPoint::WrongRate) == 2)
+        std::this_thread::yield();
+    EXPECT_THAT(device->errors(), ElementsAre("the rate was changed inside a frame"));
 }
 
 TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
@@ -319,15 +329,13 @@ TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
     host->set(kFast, 0);
     constexpr std::uint32_t kBlocks = 20;
     const ByteVector image(kBlocks * kFlashBlockSize, 0x11);
-    ASSERT_EQ(host->ask(begin(kUartFlashBegin, kBlocks * kFlashBlockSize, 0)), "ok");
     const auto startedAt = Clock::now();
-    const std::uint64_t before = device->traffic();
+    ASSERT_EQ(host->ask(begin(kUartFlashBegin, kBlocks * kFlashBlockSize, 0)), "ok");
     sendBlocks(kUartFlashData, image, kFlashBlockSize);
     const std::chrono::duration<double> took = Clock::now() - startedAt;
-    const double floor =
-        static_cast<double>(device->traffic() - before) * 10 / kFast + kBlocks * 0.002;
+    const double floor = static_cast<double>(device->traffic()) * 10 / kFast + kBlocks * 0.002;
     EXPECT_GE(took.count(), floor);
-    EXPECT_LE(took.count(), floor * 1.5);
+    EXPECT_LE(took.count(), floor * 2);
 
     // A host that writes on and on is held back.
     const std::uint64_t sent = device->traffic();
@@ -335,24 +343,25 @@ TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
     host->write(std::string(300'000, 'x'));
     while (device->traffic() < sent + 300'000)
         std::this_thread::sleep_for(milliseconds(1));
-    EXPECT_GE(Clock::now() - wroteAt, milliseconds(900));
+    EXPECT_GE(Clock::now() - wroteAt, milliseconds(900));  // less what may be under way
     EXPECT_THAT(device->errors(), ElementsAre("bytes outside a frame"));
 }
 
 TEST_F(SerialDevice, LeavesAtAnyByteAndComesBack) {
-    std::promise<void> left;
-    startInSync({.onUnplug = [&] { left.set_value(); }});
+    startInSync({.onUnplug = [this] { ++departures; }});
     const std::uint64_t beginBytes = begin(kUartFlashBegin, 3, 0).size() + 2 + 14;
     device->unplugAtByte(beginBytes + 20);
     EXPECT_EQ(host->ask(begin(kUartFlashBegin, 3, 0)), "ok");
     EXPECT_EQ(host->ask(block(kUartFlashData, 0, {1, 2, 3})), "hung up");
-    ASSERT_EQ(left.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    const auto limit = Clock::now() + std::chrono::seconds(5);
+    while (departures == 0 && Clock::now() < limit)
+        std::this_thread::yield();
+    EXPECT_EQ(departures, 1);
     EXPECT_EQ(device->traffic(), beginBytes + 20);
     EXPECT_FALSE(device->isPluggedIn());
     EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(device->portPath())));
     EXPECT_THAT(device->flash().writtenRanges(), IsEmpty());
 
-    left = {};
     device->unplugAtByte(UINT64_MAX);
     device->plugIn();
     host = std::make_unique<SerialHost>(device->portPath());
