@@ -54,7 +54,8 @@ class SerialDevice {
     virtual int write(const std::uint8_t* bytes, int size) = 0;
 };
 
-// The path that opens the port of that short name.
+// The path that opens the port of that short name. A name that is a whole path already stands for
+// itself.
 std::string serialDevicePath(std::string_view portName);
 
 // Opens the port for this owner alone; null with the reason in errno if that fails, as for a port

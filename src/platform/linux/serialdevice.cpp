@@ -195,7 +195,7 @@ void askForLowLatency(int port) {
 }  // namespace
 
 std::string serialDevicePath(std::string_view portName) {
-    return "/dev/" + std::string(portName);
+    return portName.starts_with('/') ? std::string(portName) : "/dev/" + std::string(portName);
 }
 
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
