@@ -11,6 +11,7 @@
 #include "scriptedpeer.h"
 #include "support/pseudoterminal.h"
 #include "utils/interruption.h"
+#include "utils/text.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
@@ -162,7 +163,7 @@ TEST(UartContext, TheProgramsEndCutsAnExchangeShortAndAnOperatorsStopDoesNot) {
     std::stop_source programEnds;
     const interruption::Scope scope(programEnds.get_token());
     const auto context = uart_context_create();
-    uart_context_open_port(context.get(), terminal.portName());
+    uart_context_open_port(context.get(), text::widen(terminal.portPath()));
     const auto timedSync = [&] {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);

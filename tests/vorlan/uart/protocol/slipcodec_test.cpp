@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 using Result = SlipCodec::Result;
-using namespace std::string_literals;
 
 namespace {
 
@@ -37,6 +37,14 @@ std::pair<Result, std::string> decode(SlipCodec& codec, const std::string& raw) 
 }
 
 using Frame = std::pair<Result, std::string>;
+
+// Bytes of the wire, with signs for those that have a meaning.
+std::string wire(std::string text) {
+    for (const auto& [sign, byte] :
+         {std::pair('|', '\xC0'), {'^', '\xDB'}, {'<', '\xDC'}, {'>', '\xDD'}})
+        std::replace(text.begin(), text.end(), sign, byte);
+    return text;
+}
 
 }  // namespace
 
@@ -72,62 +80,40 @@ TEST(SlipCodec, DecodesWhatALineDelivers) {
     struct Case {
         const char* what;
         std::string raw;
-        Frame expected;
+        Result result;
+        std::string frame;
     };
     const std::string longest(63, 'x');
     const std::vector<Case> cases{
-        {"nothing", "", {Result::kIncomplete, ""}},
-        {"a frame",
-         "\xC0"
-         "abc\xC0",
-         {Result::kComplete, "abc"}},
-        {"noise first",
-         "\x01\xDBn\xC0"
-         "abc\xC0",
-         {Result::kComplete, "abc"}},
-        {"noise behind",
-         "\xC0"
-         "abc\xC0"
-         "noise",
-         {Result::kComplete, "abc"}},
-        {"two frames",
-         "\xC0"
-         "abc\xC0\xC0"
-         "def\xC0",
-         {Result::kComplete, "abc"}},
-        {"escapes", "\xC0\xDB\xDC\xDB\xDD\xC0", {Result::kComplete, "\xC0\xDB"}},
-        {"an empty frame", "\xC0\xC0", {Result::kComplete, ""}},
-        {"bad escape",
-         "\xC0"
-         "a\xDB"
-         "b\xC0",
-         {Result::kBadEscape, ""}},
-        {"end inside an escape",
-         "\xC0"
-         "a\xDB\xC0",
-         {Result::kComplete, "a"}},
-        {"63 bytes", "\xC0" + longest + "\xC0", {Result::kComplete, longest}},
-        {"64 bytes", "\xC0" + longest + "x\xC0", {Result::kTooLong, ""}},
-        {"64 bytes by an escape", "\xC0" + longest + "\xDB\xDC\xC0", {Result::kTooLong, ""}},
-        {"no end",
-         "\xC0"
-         "abc",
-         {Result::kIncomplete, ""}},
+        {"nothing", "", Result::kIncomplete, ""},
+        {"a frame", "|abc|", Result::kComplete, "abc"},
+        {"noise first", "x^n|abc|", Result::kComplete, "abc"},
+        {"noise behind", "|abc|noise", Result::kComplete, "abc"},
+        {"two frames", "|abc||def|", Result::kComplete, "abc"},
+        {"escapes", "|^<^>|", Result::kComplete, "|^"},
+        {"an empty frame", "||", Result::kComplete, ""},
+        {"bad escape", "|a^b|", Result::kBadEscape, ""},
+        {"end inside an escape", "|a^|", Result::kComplete, "a"},
+        {"63 bytes", "|" + longest + "|", Result::kComplete, longest},
+        {"64 bytes", "|x" + longest + "|", Result::kTooLong, ""},
+        {"64 bytes by an escape", "|" + longest + "^<|", Result::kTooLong, ""},
+        {"no end", "|abc", Result::kIncomplete, ""},
     };
     for (const Case& item : cases) {
+        const std::string raw = wire(item.raw);
+        const Frame expected(item.result, wire(item.frame));
         SlipCodec codec;
-        EXPECT_EQ(decode(codec, item.raw), item.expected) << item.what;
-        if (item.expected.first == Result::kIncomplete)
-            continue;
-        // Whatever the end was, the next frame starts from nothing.
-        EXPECT_EQ(decode(codec, "\xC0next\xC0"), Frame(Result::kComplete, "next")) << item.what;
-
+        EXPECT_EQ(decode(codec, raw), expected) << item.what;
         // The same by single bytes.
         SlipCodec slow;
         Frame frame(Result::kIncomplete, "");
-        for (std::size_t i = 0; i < item.raw.size() && frame.first == Result::kIncomplete; ++i)
-            frame = decode(slow, item.raw.substr(i, 1));
-        EXPECT_EQ(frame, item.expected) << item.what;
+        for (std::size_t i = 0; i < raw.size() && frame.first == Result::kIncomplete; ++i)
+            frame = decode(slow, raw.substr(i, 1));
+        EXPECT_EQ(frame, expected) << item.what;
+        // Whatever the end was, the next frame starts from nothing.
+        if (item.result != Result::kIncomplete) {
+            EXPECT_EQ(decode(codec, wire("|next|")), Frame(Result::kComplete, "next")) << item.what;
+        }
     }
 }
 
@@ -135,18 +121,15 @@ TEST(SlipCodec, AFrameMayBeCompletedByALaterCall) {
     SlipCodec codec;
     const std::uint8_t* input = nullptr;
     std::size_t length = 0;
-    EXPECT_EQ(decode(codec,
-                     "\xC0"
-                     "ab"s)
-                  .first,
-              Result::kIncomplete);
+    EXPECT_EQ(decode(codec, wire("|ab")).first, Result::kIncomplete);
     EXPECT_EQ(codec.slip_decode(nullptr, -1, input, length), Result::kIncomplete);
-    EXPECT_EQ(decode(codec, "c\xDB").first, Result::kIncomplete);
+    EXPECT_EQ(decode(codec, wire("c^")).first, Result::kIncomplete);
     // What was meant as the next frame's start ends this one.
-    EXPECT_EQ(decode(codec, "\xC0next\xC0"), Frame(Result::kComplete, "abc"));
-    EXPECT_EQ(decode(codec, "next\xC0").first, Result::kIncomplete);
-    EXPECT_EQ(decode(codec, "\xC0"), Frame(Result::kComplete, ""));
+    EXPECT_EQ(decode(codec, wire("|next|")), Frame(Result::kComplete, "abc"));
+    EXPECT_EQ(decode(codec, wire("next|")).first, Result::kIncomplete);
+    EXPECT_EQ(decode(codec, wire("|")), Frame(Result::kComplete, ""));
     // An empty frame leaves the buffer as it was.
+    EXPECT_EQ(decode(codec, wire("|abc|")).second, "abc");
     EXPECT_EQ(codec.slip_decode(bytesOf("\xC0\xC0"), 2, input, length), Result::kComplete);
     EXPECT_EQ(length, 0U);
     EXPECT_EQ(std::string(input, input + 3), "abc");
