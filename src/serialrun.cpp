@@ -93,7 +93,6 @@ void SerialRun::stop() {
     }
     if (reserved)
         giveBack();
-    slot_.stopEvent->set();
 }
 
 // Brings the device to the point where its flash proxy takes images at the full rate. A stop in

@@ -40,8 +40,8 @@ class SerialRun {
     // and pause short.
     void serve();
 
-    // Asks the run to end, which takes as long as the exchange under way. A number whose download
-    // has not begun is given back at once. Any thread; waits for nothing.
+    // Asks the run to end, which takes as long as the exchange or the pause under way. A number
+    // whose download has not begun is given back at once. Any thread; waits for nothing.
     void stop();
 
     // Neither asked to stop nor at its end. Any thread.
