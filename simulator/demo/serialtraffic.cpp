@@ -38,10 +38,11 @@ bool SerialTraffic::secondHalfComes() {
             return false;
         devices_.plug(devices_.all()[i]);
     }
-    return watch_.waitFor("sixteen ports", [](const Tiles& tiles) {
-        return tiles.size() == SerialDevices::kCount &&
-               std::all_of(tiles.begin(), tiles.end(),
-                           [](const TileView& tile) { return tile.active; });
+    return watch_.waitFor("sixteen ports", [this](const Tiles& tiles) {
+        return std::all_of(devices_.all().begin(), devices_.all().end(),
+                           [&](const SerialDevice& device) {
+                               return TileWatch::find(tiles, device.device->portName()).active;
+                           });
     });
 }
 
