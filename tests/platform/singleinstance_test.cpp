@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "support/childprocess.h"
+#include "support/helpers.h"
 #include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
 

@@ -11,6 +11,7 @@
 
 #include "storage/globalstorage.h"
 #include "support/childprocess.h"
+#include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/temporarydirectory.h"
@@ -60,39 +61,28 @@ TEST_F(GlobalStorageTest, RestartKeepsTheChoicesAndForgetsTheCount) {
     EXPECT_EQ(restarted.getFlashCount(), 0U);
 }
 
-TEST_F(GlobalStorageTest, LoadsTheSmallestFile) {
+TEST_F(GlobalStorageTest, LoadsWhatEarlierProgramsWrote) {
     storage_.setSnFilePath(L"/before");
-    storage_.setSnBurnAddr(1);
     setFile("\xFF\xFE\xFF\x00\x04\xF0\x7F\x00"s);
     EXPECT_TRUE(storage_.load());
     EXPECT_EQ(storage_.getSnFilePath(), L"");
     EXPECT_EQ(storage_.getSnBurnAddr(), 0x7FF004U);
-}
-
-TEST_F(GlobalStorageTest, ReadsUnmarkedStringsAndIgnoresWhatLiesBehindTheAddress) {
     setFile("\x02/s\x01\x00\x00\x00trailing"s);
     EXPECT_TRUE(storage_.load());
     EXPECT_EQ(storage_.getSnFilePath(), L"/s");
     EXPECT_EQ(storage_.getSnBurnAddr(), 1U);
-    EXPECT_TRUE(fs::exists("global_storage"));
 }
 
 TEST_F(GlobalStorageTest, DeletesADamagedFileAndKeepsWhatItRead) {
-    setFile("\xFF\xFE\xFF"s);
-    EXPECT_FALSE(storage_.load());
-    EXPECT_FALSE(fs::exists("global_storage"));
-    EXPECT_EQ(storage_.getSnFilePath(), L"");
-    EXPECT_EQ(storage_.getSnBurnAddr(), 0x7FF004U);
-
-    setFile("\xFF\xFE\xFF\x01p\0\x01\x02\x03"s);
-    EXPECT_FALSE(storage_.load());
-    EXPECT_FALSE(fs::exists("global_storage"));
-    EXPECT_EQ(storage_.getSnFilePath(), L"p");
-    EXPECT_EQ(storage_.getSnBurnAddr(), 0x7FF004U);
-
-    setFile("");
-    EXPECT_FALSE(storage_.load());
-    EXPECT_FALSE(fs::exists("global_storage"));
+    const std::pair<std::string, std::wstring> files[] = {
+        {"", L""}, {"\xFF\xFE\xFF"s, L""}, {"\xFF\xFE\xFF\x01p\0\x01\x02\x03"s, L"p"}};
+    for (const auto& [bytes, path] : files) {
+        setFile(bytes);
+        EXPECT_FALSE(storage_.load());
+        EXPECT_FALSE(fs::exists("global_storage"));
+        EXPECT_EQ(storage_.getSnFilePath(), path);
+        EXPECT_EQ(storage_.getSnBurnAddr(), 0x7FF004U);
+    }
 }
 
 TEST_F(GlobalStorageTest, FailedSaveKeepsTheValues) {
@@ -118,9 +108,4 @@ TEST_F(GlobalStorageTest, CountsTheBurnsOfAllWorkers) {
         worker.join();
     EXPECT_EQ(storage_.getFlashCount(), kWorkers * kBurns);
     EXPECT_EQ(std::count(seen.begin() + 1, seen.end(), 1U), kWorkers * kBurns);
-}
-
-TEST(GlobalStorage, IsOneForTheProcess) {
-    EXPECT_EQ(&GlobalStorage::getInstance(), &GlobalStorage::getInstance());
-    EXPECT_EQ(&GlobalStorage::getInstance().getSnFile(), &GlobalStorage::getInstance().getSnFile());
 }

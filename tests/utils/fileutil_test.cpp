@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/helpers.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 
@@ -80,29 +81,18 @@ TEST_F(FileUtilTest, CreatesDirectoriesWithTheirParents) {
 
 TEST_F(FileUtilTest, RemovesADirectoryWithAllItHolds) {
     fs::create_directories("temp_image/sub/deeper");
-    fs::create_directory("temp_image/closed");
-    directory_.write("temp_image/a.bin", "a");
     directory_.write("temp_image/.hidden", "h");
     directory_.write("temp_image/sub/read-only.bin", "r");
-    directory_.write("temp_image/closed/b.bin", "b");
     fs::permissions("temp_image/sub/read-only.bin", fs::perms::owner_read);
-    fs::permissions("temp_image/sub", fs::perms::owner_read | fs::perms::owner_exec);
-    fs::permissions("temp_image/closed", fs::perms::none);
+    fs::permissions("temp_image/sub", fs::perms::none);
     directory_.write("temp_image_2", "stays");
     fileutil::removePath(L".\\temp_image\\");
     EXPECT_FALSE(fs::exists("temp_image"));
-    EXPECT_TRUE(fs::exists("temp_image_2"));
-}
-
-TEST_F(FileUtilTest, RemovesOneFileAndIgnoresWhatIsNotThere) {
-    directory_.write("file", "");
-    directory_.write("other", "");
-    fs::permissions("file", fs::perms::owner_read);
-    fileutil::removePath(L"file");
     fileutil::removePath(L"missing\\file");
     fileutil::removePath(L"");
-    EXPECT_FALSE(fs::exists("file"));
-    EXPECT_TRUE(fs::exists("other"));
+    EXPECT_TRUE(fs::exists("temp_image_2"));
+    fileutil::removePath(L"temp_image_2");
+    EXPECT_FALSE(fs::exists("temp_image_2"));
 }
 
 TEST_F(FileUtilTest, RemovesLinksAndNotWhatTheyPointTo) {
@@ -154,7 +144,7 @@ TEST_F(FileUtilTest, OpenFilesDoNotPassOnToOtherPrograms) {
     EXPECT_EQ(fileutil::openFile("file", "wbx"), nullptr);
 }
 
-TEST_F(FileUtilTest, ReadsTextWithLineFeedsUpToTheFirstNul) {
+TEST_F(FileUtilTest, ReadsTextWithLineFeedsUpToTheFirstNulAndBytesAsTheyAre) {
     directory_.write("text", "a\r\nb\nc\rd\r\r\n\r\n\r");
     EXPECT_EQ(fileutil::readFile(L".\\text"), "a\nb\nc\rd\r\n\n\r");
     directory_.write("nul", "a\r\n\0b\r\n"s);
@@ -162,18 +152,10 @@ TEST_F(FileUtilTest, ReadsTextWithLineFeedsUpToTheFirstNul) {
     directory_.write("empty", "");
     EXPECT_EQ(fileutil::readFile(L"empty"), "");
     EXPECT_EQ(fileutil::readFile(L"missing"), "");
-    const std::string large(100'000, 'x');
-    directory_.write("large", large);
-    EXPECT_EQ(fileutil::readFile(L"large"), large);
-}
 
-TEST_F(FileUtilTest, ReadsBytesAsTheyAreOrNotAtAll) {
-    const std::string bytes = "a\r\n\0\xFF"s;
-    directory_.write("bytes", bytes);
-    fs::create_directory("folder");
-    EXPECT_EQ(fileutil::readBytes(L"bytes"), bytes);
+    EXPECT_EQ(fileutil::readBytes(L"nul"), "a\r\n\0b\r\n"s);
     EXPECT_EQ(fileutil::readBytes(L"missing"), std::nullopt);
-    EXPECT_EQ(fileutil::readBytes(L"folder"), std::nullopt);
+    EXPECT_EQ(fileutil::readBytes(L"."), std::nullopt);
 }
 
 TEST_F(FileUtilTest, FindsFilesOneLevelDeep) {
@@ -205,9 +187,7 @@ TEST_F(FileUtilTest, TraceSaysWhyAFileCannotBeRead) {
     directory_.write("file", "");
     fs::create_directory("folder");
     const auto traceOf = [](const wchar_t* path, bool readable) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(fileutil::isFileReadable(path), readable);
-        return testing::internal::GetCapturedStderr();
+        return outputOf([&] { EXPECT_EQ(fileutil::isFileReadable(path), readable); }).traced;
     };
     EXPECT_EQ(traceOf(L"file", true), "");
     EXPECT_TRUE(traceOf(L"missing", false).ends_with("error=No such file or directory\n"));
