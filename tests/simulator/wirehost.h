@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -148,8 +147,8 @@ class WireHost {
         send(kDataOut, bytes);
         return response(kDataIn);
     }
-    std::string response(std::uint8_t endpoint, std::uint32_t timeoutMs = 1000) {
-        last = receive(endpoint, 16, timeoutMs);
+    std::string response(std::uint8_t endpoint) {
+        last = receive(endpoint, 16);
         if (last.count != 16)
             return "";
         return std::to_string(last.bytes[3] >> 1) + "/" + std::to_string(last.bytes[4]);
@@ -177,14 +176,12 @@ class UsbTest : public testing::Test {
   protected:
     // Plugs a device and opens it.
     void start(UsbDeviceOptions options = {}) {
+        host.reset();
         device = std::make_shared<VirtualUsbDevice>(options);
         deviceId = bus.plug(kPort, device);
         host = std::make_unique<WireHost>(deviceId, options.startsInBurner);
     }
-    void startBurner(UsbDeviceOptions options = {}) {
-        options.startsInBurner = true;
-        start(options);
-    }
+    void startBurner() { start({.startsInBurner = true}); }
     void reopen(bool claims) {
         host.reset();
         host = std::make_unique<WireHost>(deviceId, claims);
