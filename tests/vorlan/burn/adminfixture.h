@@ -14,62 +14,16 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "agentfixture.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
+#include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/usblistener.h"
-
-// Waits for what nobody reports; false after 30 seconds.
-template <typename Condition>
-bool awaitTrue(Condition condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
-
-inline std::size_t occurrences(const std::string& text, const std::string& part) {
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
-}
-
-// Keeps what is printed and traced instead of showing it.
-class CapturedOutput {
-  public:
-    CapturedOutput() {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-    }
-    ~CapturedOutput() { end(); }
-    CapturedOutput(const CapturedOutput&) = delete;
-    CapturedOutput& operator=(const CapturedOutput&) = delete;
-
-    void end() {
-        if (ended_)
-            return;
-        ended_ = true;
-        printed = testing::internal::GetCapturedStdout();
-        traced = testing::internal::GetCapturedStderr();
-    }
-
-    // Both are there after the end.
-    std::string printed;
-    std::string traced;
-
-  private:
-    bool ended_ = false;
-};
 
 // Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for
 // them.
@@ -171,9 +125,12 @@ class AdminFixture : public testing::Test {
 
     static std::string port(std::size_t number) { return "0-" + std::to_string(number); }
 
-    std::shared_ptr<simulator::VirtualUsbDevice> plug(const std::string& at,
-                                                      simulator::UsbDeviceOptions options = {}) {
+    std::shared_ptr<simulator::VirtualUsbDevice> plug(
+        const std::string& at, simulator::UsbDeviceOptions options = {},
+        const std::vector<simulator::FaultRule>& faults = {}) {
         auto device = std::make_shared<simulator::VirtualUsbDevice>(options);
+        for (const simulator::FaultRule& fault : faults)
+            device->addFault(fault);
         devices.push_back(device);
         bus.plug(at, device);
         return device;

@@ -1,10 +1,11 @@
 // Listens in on what the USB engine asks of libusbK: which transfers it starts and when, how long
-// it is ready to wait for them, and which pipes it empties.
+// it is ready to wait for them, and which pipes it empties. It can change what hot-plug tells.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <utility>
@@ -18,7 +19,7 @@ class UsbTap {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // What a transfer is for: the code of a command, or this and the endpoint.
+    // What a transfer is for: the code of a command to the burner image, or this and the endpoint.
     static constexpr int kEndpoint = 0x100;
     static constexpr int kChunk = kEndpoint + EP_ADDR_DATA_RESP_OUT;
     static constexpr int kChunkAnswer = kEndpoint + EP_ADDR_DATA_RESP_IN;
@@ -30,6 +31,8 @@ class UsbTap {
             below_ = libusbkTable();
         }
         table_ = below_;
+        table_.HotK_Init = hotPlugInit;
+        table_.UsbK_Free = free;
         table_.UsbK_ReadPipe = readPipe;
         table_.UsbK_WritePipe = writePipe;
         table_.OvlK_WaitOrCancel = waitOrCancel;
@@ -53,14 +56,27 @@ class UsbTap {
         for (auto it = starts_.begin(); it != starts_.end(); ++it) {
             if (it->first != from)
                 continue;
-            const auto next = std::find_if(std::next(it), starts_.end(),
-                                           [&](const auto& start) { return start.first == to; });
+            const auto next = std::find_if(std::next(it), starts_.end(), is(to));
             if (next != starts_.end())
                 result = std::min(result, next->second - it->second);
         }
         return result;
     }
 
+    // When the first and the last one started.
+    Clock::time_point first(int what) const {
+        return std::find_if(starts_.begin(), starts_.end(), is(what))->second;
+    }
+    Clock::time_point last(int what) const {
+        return std::find_if(starts_.rbegin(), starts_.rend(), is(what))->second;
+    }
+
+    // Runs behind each start of a read.
+    std::function<void()> afterRead = [] {};
+    // Runs on each device that arrives or leaves.
+    std::function<void(libusbk::DeviceEntry&)> changeEntry = [](libusbk::DeviceEntry&) {};
+
+    Clock::time_point freed;  // when the last handle was
     // Endpoints and limits in ms of all waits, in their order and each pair once.
     std::vector<std::pair<int, unsigned>> waits;
     std::set<std::pair<int, unsigned>> limits;
@@ -71,7 +87,10 @@ class UsbTap {
                          std::uint32_t length, std::uint32_t* transferred,
                          libusbk::OverlappedSlot* slot) {
         tap->begin(endpoint, kEndpoint + endpoint, slot);
-        return tap->below_.UsbK_ReadPipe(handle, endpoint, buffer, length, transferred, slot);
+        const bool done =
+            tap->below_.UsbK_ReadPipe(handle, endpoint, buffer, length, transferred, slot);
+        tap->afterRead();
+        return done;
     }
 
     static bool writePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
@@ -94,6 +113,31 @@ class UsbTap {
         return tap->below_.UsbK_FlushPipe(handle, endpoint);
     }
 
+    static bool free(libusbk::UsbHandle* handle) {
+        tap->freed = Clock::now();
+        return tap->below_.UsbK_Free(handle);
+    }
+
+    static bool hotPlugInit(libusbk::Monitor** monitor,
+                            const libusbk::MonitorParameters* parameters) {
+        libusbk::MonitorParameters changed = *parameters;
+        tap->callback_ = std::exchange(changed.callback, hotPlug);
+        return tap->below_.HotK_Init(monitor, &changed);
+    }
+
+    static void hotPlug(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
+                        std::int32_t kind) {
+        libusbk::DeviceEntry changed = *entry;
+        tap->changeEntry(changed);
+        tap->callback_(monitor, &changed, kind);
+    }
+
+    using Start = std::pair<int, Clock::time_point>;
+
+    static std::function<bool(const Start&)> is(int what) {
+        return [what](const Start& start) { return start.first == what; };
+    }
+
     void begin(int endpoint, int what, libusbk::OverlappedSlot* slot) {
         endpoints_[slot] = endpoint;
         starts_.emplace_back(what, Clock::now());
@@ -103,6 +147,7 @@ class UsbTap {
 
     LibusbkTable below_{};
     LibusbkTable table_{};
+    libusbk::HotPlugCallback callback_{};
     std::map<const libusbk::OverlappedSlot*, int> endpoints_;
-    std::vector<std::pair<int, Clock::time_point>> starts_;
+    std::vector<Start> starts_;
 };

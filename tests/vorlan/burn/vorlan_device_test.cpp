@@ -11,7 +11,6 @@ using namespace std::chrono_literals;
 using simulator::Fault;
 using simulator::FaultPoint;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Pair;
 
 // With transfers that end only when they are waited for (true), and inside the call where they can.
@@ -66,22 +65,11 @@ TEST_P(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
     device->addFault({.where = FaultPoint::Sync, .what = Fault::cutAnswer(8, 150ms)});
     sendSync();
     tap.waits.clear();
-    testing::internal::CaptureStdout();
     EXPECT_EQ(readAnswer(), kRecordSize);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Read endpoint(ep_addr = 0x85) cancelled. bytes_read = 8, ErrorCode=0x000004c7\n");
     EXPECT_EQ(error, libusbk::kNoError);
     EXPECT_THAT(tap.waits,
                 ElementsAre(Pair(EP_ADDR_CMD_RESP_IN, 100U), Pair(EP_ADDR_CMD_RESP_IN, 100U)));
-    EXPECT_THAT(tap.flushes, IsEmpty());
-}
-
-TEST_P(VorlanDeviceTest, AShortAnswerIsNoError) {
-    open();
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::shortAnswer(15)});
-    sendSync();
-    EXPECT_EQ(readAnswer(), 15U);
-    EXPECT_EQ(error, libusbk::kNoError);
+    EXPECT_TRUE(tap.flushes.empty());
 }
 
 TEST_P(VorlanDeviceTest, AFailedTransferTellsItsCode) {
