@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 #include "support/temporarydirectory.h"
 
 namespace {
@@ -13,12 +16,6 @@ class BurnCfgTest : public testing::Test {
     bool load(const std::string& content) {
         writeContent("burn.cfg", content);
         return cfg_.load(L".\\burn.cfg");
-    }
-
-    // A list of one item with that address text.
-    std::uint32_t addressOf(const std::string& text) {
-        EXPECT_TRUE(load(R"({"burn_items":[{"name":"x","addr":")" + text + R"("}]})"));
-        return cfg_.getItems().at(0).addr;
     }
 
     TemporaryDirectory directory_;
@@ -49,20 +46,23 @@ TEST_F(BurnCfgTest, KeepsTheOrderOfTheFileAndAnswersForTheFirstOfAName) {
 }
 
 TEST_F(BurnCfgTest, ReadsAddressesAsHexadecimalOnThirtyTwoBits) {
-    EXPECT_EQ(addressOf("200000"), 0x200000U);
-    EXPECT_EQ(addressOf("0X7fF000"), 0x7FF000U);
-    EXPECT_EQ(addressOf("  +10 rest"), 0x10U);
-    EXPECT_EQ(addressOf("12g4"), 0x12U);
-    EXPECT_EQ(addressOf(""), 0U);
-    EXPECT_EQ(addressOf("0x"), 0U);
-    EXPECT_EQ(addressOf("zero"), 0U);
-    EXPECT_EQ(addressOf("-10"), 0xFFFFFFF0U);
-    EXPECT_EQ(addressOf("-1"), BurnCfg::kNoAddress);
-    EXPECT_EQ(addressOf("7FFFFFFF"), 0x7FFFFFFFU);
-    EXPECT_EQ(addressOf("80000000"), 0x7FFFFFFFU);
-    EXPECT_EQ(addressOf("FFFFFFFFFFFFFFFFFFFF"), 0x7FFFFFFFU);
-    EXPECT_EQ(addressOf("-80000000"), 0x80000000U);
-    EXPECT_EQ(addressOf("-FFFFFFFFFFFFFFFFFFFF"), 0x80000000U);
+    const std::pair<const char*, std::uint32_t> addresses[] = {
+        {"200000", 0x200000},
+        {"0X7fF000", 0x7FF000},
+        {"  +10 rest", 0x10},
+        {"12g4", 0x12},
+        {"", 0},
+        {"zero", 0},
+        {"-10", 0xFFFFFFF0},
+        {"-1", BurnCfg::kNoAddress},
+        {"80000000", 0x7FFFFFFF},
+        {"FFFFFFFFFFFFFFFFFFFF", 0x7FFFFFFF},
+        {"-FFFFFFFFFFFFFFFFFFFF", 0x80000000},
+    };
+    for (const auto& [text, address] : addresses) {
+        ASSERT_TRUE(load(std::string(R"({"burn_items":[{"name":"x","addr":")") + text + "\"}]}"));
+        EXPECT_EQ(cfg_.getItems().at(0).addr, address) << text;
+    }
 }
 
 TEST_F(BurnCfgTest, SkipsWhatIsIncompleteAndTakesKeysInAnyCase) {
