@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "support/temporarydirectory.h"
 
@@ -91,21 +88,4 @@ TEST_F(GlobalStorageTest, FailedSaveKeepsTheValues) {
     EXPECT_FALSE(storage_.save());
     EXPECT_EQ(storage_.getSnBurnAddr(), 7U);
     EXPECT_EQ(std::distance(fs::directory_iterator(directory_.path()), {}), 1) << "left-overs";
-}
-
-TEST_F(GlobalStorageTest, CountsTheBurnsOfAllWorkers) {
-    constexpr int kWorkers = 16;
-    constexpr std::uint32_t kBurns = 500;
-    std::vector<std::uint32_t> seen(kWorkers * kBurns + 1, 0);
-    std::vector<std::thread> workers;
-    workers.reserve(kWorkers);
-    for (int i = 0; i < kWorkers; ++i)
-        workers.emplace_back([&] {
-            for (std::uint32_t burn = 0; burn < kBurns; ++burn)
-                ++seen[storage_.increaseFlashCount()];
-        });
-    for (std::thread& worker : workers)
-        worker.join();
-    EXPECT_EQ(storage_.getFlashCount(), kWorkers * kBurns);
-    EXPECT_EQ(std::count(seen.begin() + 1, seen.end(), 1U), kWorkers * kBurns);
 }

@@ -210,6 +210,7 @@ TEST_F(SerialNumFileTest, SecondUserIsRefusedUntilTheFirstLetsGo) {
     SerialNumFile second;
     ASSERT_TRUE(second.load(path("other.csv")));
     EXPECT_FALSE(second.load(path()));
+    EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("in use by another program")));
     EXPECT_EQ(second.takeNext()->sn, "X");
     file_.closeFile();
     EXPECT_TRUE(second.load(path()));

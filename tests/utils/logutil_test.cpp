@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "platform/process.h"
+#include "support/helpers.h"
 #include "support/recordinglog.h"
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -121,19 +121,12 @@ TEST(Log, EachOperationHasItsLevelAndDRanksAboveI) {
     hj::setLogLevel(0);
 }
 
-TEST(Log, MacrosBringTagAndSourceLine) {
+TEST(Log, WithoutAPrinterLinesGoToTheTraceWithTagAndSourceLine) {
     constexpr const char* LOG_TAG = "ThisModule";
-    RecordingLog log;
-    LOG_W("text");
-    const std::string here = std::to_string(__LINE__ - 1);
-    EXPECT_THAT(log.take(hj::kWarning), ElementsAre(HasSubstr("W/ThisModule(line " + here + ")")));
-}
-
-TEST(Log, WithoutAPrinterLinesGoToTheTrace) {
     hj::clearLogPrinter();
-    testing::internal::CaptureStderr();
-    hj::logE("tag", 5, "in the trace");
-    const std::string trace = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(trace, MatchesRegex("logutil.cpp\\([0-9]+\\): atlTraceGeneral - \\[.*\\] "
-                                    "E/tag\\(line 5\\) +:in the trace\n"));
+    const std::string here = std::to_string(__LINE__ + 1);
+    const Output output = outputOf([] { LOG_W("in the trace"); });
+    EXPECT_THAT(output.traced, MatchesRegex("logutil.cpp\\([0-9]+\\): atlTraceGeneral - \\[.*\\] "
+                                            "W/ThisModule\\(line " +
+                                            here + "\\) +:in the trace\n"));
 }

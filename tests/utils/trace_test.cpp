@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "support/helpers.h"
 
@@ -35,20 +33,4 @@ TEST(Trace, DropsMessagesThatDoNotFit) {
     EXPECT_EQ(traceOf([&] { traceMessage("f", 1, L"%ls", wideMost.c_str()); }),
               prefix + std::string(1023, 'w'));
     EXPECT_EQ(traceOf([&] { traceMessage("f", 1, L"%ls+", wideMost.c_str()); }), "");
-}
-
-TEST(Trace, KeepsLinesOfManyThreadsWhole) {
-    const std::string trace = traceOf([] {
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < 8; ++thread)
-            threads.emplace_back([] {
-                for (int i = 0; i < 200; ++i)
-                    traceMessage("f", 1, "%s\n", "a message of some length");
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-    });
-    const std::string line = "f(1): atlTraceGeneral - a message of some length\n";
-    EXPECT_EQ(occurrences(trace, line), 8U * 200);
-    EXPECT_EQ(trace.size(), line.size() * 8 * 200);
 }

@@ -63,14 +63,8 @@ class FirmwareManagerTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(FirmwareManagerTest, GivesNothingBeforeTheFirstUnpack) {
-    EXPECT_TRUE(manager_.getFirmwarePath().empty());
-    EXPECT_FALSE(manager_.isUnpacked());
-    EXPECT_TRUE(manager_.getBurnItems().empty());
-    EXPECT_TRUE(manager_.getBurnerPath().empty());
-}
-
 TEST_F(FirmwareManagerTest, BurnsTheSmallestPackageAtTheDefaultAddresses) {
+    EXPECT_FALSE(manager_.isUnpacked());
     ASSERT_TRUE(unpack(smallest()));
     EXPECT_TRUE(manager_.isUnpacked());
     EXPECT_THAT(manager_.getBurnItems(), kDefaults);
@@ -102,8 +96,8 @@ TEST_F(FirmwareManagerTest, OrdersFixedImagesAndPutsTheOthersOfTheCfgBehind) {
     EXPECT_EQ(contentOf("temp_image/unlisted.bin"), "u");
 }
 
-TEST_F(FirmwareManagerTest, PrefersMasterToVorlanAndTakesTheReservedAddressAsNone) {
-    ASSERT_TRUE(unpack(smallest().add("vorlan.bin", "v")));
+TEST_F(FirmwareManagerTest, PrefersMasterToVorlanAndTakesABrokenCfgAndTheReservedAddressAsNone) {
+    ASSERT_TRUE(unpack(smallest().add("vorlan.bin", "v").add("burn.cfg", "{\"burn_items\":[")));
     EXPECT_THAT(manager_.getBurnItems(), kDefaults);
     ASSERT_TRUE(unpack(withCfg(R"({"name":"vorlan.bin","addr":"500"},)"
                                R"({"name":"master.bin","addr":"-1"})")
@@ -173,12 +167,6 @@ TEST_F(FirmwareManagerTest, CountsTheSafeNameOfAnEntry) {
     EXPECT_THAT(manager_.getBurnItems(), kDefaults);
     EXPECT_EQ(contentOf("temp_image/flashboot.bin"), "boot");
     EXPECT_EQ(fileutil::readBytes(manager_.getBurnerPath()), "burner");
-}
-
-TEST_F(FirmwareManagerTest, TreatsABrokenCfgAsNone) {
-    ASSERT_TRUE(unpack(withCfg(R"({"name":"master.bin","addr":"500"})")));
-    ASSERT_TRUE(unpack(smallest().add("burn.cfg", "{\"burn_items\":[")));
-    EXPECT_THAT(manager_.getBurnItems(), kDefaults);
 }
 
 TEST_F(FirmwareManagerTest, KeepsTimesAndTheReadOnlyAttributeAlone) {
