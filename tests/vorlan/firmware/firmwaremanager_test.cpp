@@ -97,14 +97,14 @@ TEST_F(FirmwareManagerTest, OrdersFixedImagesAndPutsTheOthersOfTheCfgBehind) {
 }
 
 TEST_F(FirmwareManagerTest, PrefersMasterToVorlanAndTakesABrokenCfgAndTheReservedAddressAsNone) {
-    ASSERT_TRUE(unpack(smallest().add("vorlan.bin", "v").add("burn.cfg", "{\"burn_items\":[")));
-    EXPECT_THAT(manager_.getBurnItems(), kDefaults);
     ASSERT_TRUE(unpack(withCfg(R"({"name":"vorlan.bin","addr":"500"},)"
                                R"({"name":"master.bin","addr":"-1"})")
                            .add("vorlan.bin", "v")));
     EXPECT_THAT(manager_.getBurnItems(),
                 ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000),
                             ItemAt(L"vorlan.bin", 0x500), ItemAt(L"master.bin", 0xFFFFFFFF)));
+    ASSERT_TRUE(unpack(smallest().add("vorlan.bin", "v").add("burn.cfg", "{\"burn_items\":[")));
+    EXPECT_THAT(manager_.getBurnItems(), kDefaults);
 }
 
 TEST_F(FirmwareManagerTest, RefusesInvalidPackagesAndKeepsWhatItHad) {

@@ -111,7 +111,7 @@ TEST_F(UsbDevice, RecordsEachFaultInAMessageToTheRomLoader) {
         host->send(breach.endpoint, breach.message);
         EXPECT_THAT(device->errors(), ElementsAre(HasSubstr(breach.told)));
         if (breach.endpoint == kDataOut) {
-            EXPECT_NE(host->receive(kCommandIn, 10).bytes.at(8), 0) << breach.told;
+            EXPECT_NE(host->receive(kCommandIn, 10).at(8), 0) << breach.told;
         }
     }
 }
@@ -162,7 +162,7 @@ TEST_F(UsbDevice, RecordsWhatComesOutOfTurn) {
     EXPECT_THAT(device->errors(), ElementsAre(HasSubstr("before the last one was answered")));
     host->receive(kCommandIn, 10);
     host->receive(kCommandIn, 10);
-    EXPECT_EQ(host->receive(kCommandIn, 10).bytes.at(8), 0xF0);
+    EXPECT_EQ(host->receive(kCommandIn, 10).at(8), 0xF0);
     host->send(kDataOut, memData(pattern(2048), 0));
     EXPECT_THAT(device->errors(), ElementsAre(testing::_, HasSubstr("after a fatal status")));
 
@@ -192,6 +192,24 @@ TEST_F(UsbDevice, RecordsACrcThatIsNotThatOfTheData) {
     EXPECT_EQ(host->command(record(kGetResult, 0)), "1/1");
     EXPECT_EQ(host->description(), "crc64 mismatch");
     EXPECT_THAT(device->errors(), ElementsAre(HasSubstr("the CRC-64 is not that of the data")));
+}
+
+TEST_F(UsbDevice, FaultsStrikeWhereAndAsOftenAsTheirRuleSays) {
+    startBurner();
+    device->addFault({FaultPoint::Sync, Fault::response(kRetry), 1, 2});
+    device->addFault({FaultPoint::Sync, Fault::response(9), 0, 1});
+    device->addFault({FaultPoint::GetResult, Fault::response(kReady), 0, FaultRule::kAlways});
+    std::vector<std::string> answers(5);
+    for (std::string& answer : answers)
+        answer = host->command(record(kSync, 0));
+    // The second rule takes the first message, since the first one lets it pass.
+    EXPECT_THAT(answers, ElementsAre("9/4", "4/4", "4/4", "0/4", "0/4"));
+    EXPECT_EQ(device->count(FaultPoint::Sync), 5U);
+
+    host->command(record(kEraseOnly, 8, 0, 1));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(host->command(record(kGetResult, 0)), "2/3");
+    EXPECT_THAT(device->errors(), IsEmpty());
 }
 
 // The bus's own rules, which a real library would not survive the breach of.
