@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -55,20 +53,17 @@ class RecordingUsbListener final : public UsbListener {
         add(text + message, session);
     }
 
-    // Waits for the event to have come so often.
-    bool waitFor(const std::string& event, std::size_t times = 1) {
-        return wait(times, [&](const std::string& candidate) { return candidate == event; });
+    // Waits for the event, told with its port or without, to have come so often.
+    bool waitFor(const std::string& event, std::size_t times = 1) const {
+        return eventually([&] { return count(event) >= times; });
     }
 
-    // Waits for so many events that begin like this.
-    bool waitForCount(const std::string& beginning, std::size_t times) {
-        return wait(times,
-                    [&](const std::string& candidate) { return candidate.starts_with(beginning); });
-    }
-
-    std::size_t count(const std::string& beginning) const {
+    std::size_t count(const std::string& event) const {
         const std::lock_guard guard(lock_);
-        return matching([&](const std::string& event) { return event.starts_with(beginning); });
+        return static_cast<std::size_t>(
+            std::count_if(events_.begin(), events_.end(), [&](const std::string& candidate) {
+                return (candidate + " ").starts_with(event + " ");
+            }));
     }
 
     std::vector<std::string> events() const {
@@ -88,28 +83,14 @@ class RecordingUsbListener final : public UsbListener {
     }
 
   private:
-    using Match = std::function<bool(const std::string&)>;
-
-    std::size_t matching(const Match& match) const {
-        return static_cast<std::size_t>(std::count_if(events_.begin(), events_.end(), match));
-    }
-
-    bool wait(std::size_t times, const Match& match) {
-        std::unique_lock lock(lock_);
-        return changed_.wait_for(lock, std::chrono::seconds(60),
-                                 [&] { return matching(match) >= times; });
-    }
-
     void add(const std::string& event, SesHandle session) {
         const std::string at = session->device_id.substr(session->device_id.rfind('\\') + 1);
         const std::lock_guard guard(lock_);
         sessions_[at] = session;
         events_.push_back(event + " " + at);
-        changed_.notify_all();
     }
 
     mutable std::mutex lock_;
-    std::condition_variable changed_;
     std::vector<std::string> events_;
     std::map<std::string, SesHandle> sessions_;
 };

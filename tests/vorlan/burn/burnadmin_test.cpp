@@ -83,7 +83,7 @@ TEST_P(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
     start();
     for (std::size_t i = 1; i <= 16; ++i)
         plug(port(i));
-    ASSERT_TRUE(listener.waitForCount("plug", 16));
+    ASSERT_TRUE(listener.waitFor("plug", 16));
     const auto late = plug("0-17");
     bus.unplug("0-3");
     ASSERT_TRUE(listener.waitFor("remove 0-3"));
@@ -158,7 +158,7 @@ TEST_P(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain)
     // The devices are still plugged in, and arrive again.
     listener.clear();
     start();
-    EXPECT_TRUE(listener.waitForCount("plug", 16));
+    EXPECT_TRUE(listener.waitFor("plug", 16));
 }
 
 TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
@@ -183,7 +183,7 @@ TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
                     EXPECT_EQ(error, "ROM loader: a command record in the ROM stage");
             });
         }
-        EXPECT_TRUE(listener.waitForCount("remove", 40));
+        EXPECT_TRUE(listener.waitFor("remove", 40));
         BurnAdmin::destroyInstance();
         hands.clear();
         EXPECT_EQ(bus.openHandles(), 0U);
@@ -229,7 +229,7 @@ TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
     listener.plugged = [](SesHandle) { std::this_thread::sleep_for(50ms); };
     start();
     plug("0-1");
-    ASSERT_TRUE(listener.waitForCount("error", 1));
+    ASSERT_TRUE(listener.waitFor("error", 1));
     ASSERT_TRUE(listener.waitFor("plug 0-1"));
     EXPECT_THAT(listener.events(),
                 ElementsAre("plug 0-1", "error 57 Empty file! path=" + burnerPath + " 0-1"));
@@ -295,6 +295,7 @@ TEST_F(BurnAdminLinesTest, OfARoadWithTwoFailedAttempts) {
         good,
         "Exit FwDownload for " + id + "...\n",
         hotPlugLines("REMOVAL")};
+    EXPECT_TRUE(lines[0].starts_with("OS_NAME=Linux ")) << lines[0];
     // Each message begins with its source file and line, and brings its own line end.
     const std::regex sourceLine("[a-z_]+\\.cpp\\([0-9]+\\): atlTraceGeneral - ");
     std::string expected;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "agentfixture.h"
@@ -207,31 +208,30 @@ TEST_F(BurnAgentTest, GeneralExchange) {
         return agent.vorlan_send_usb_command(open, sync.data(), kRecordSize, retries, 1, respcode);
     };
 
-    std::uint8_t respcode = 0xAA;
-    EXPECT_TRUE(send(1, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::response(4), .times = 2});
-    EXPECT_FALSE(send(2, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_ERROR);
-    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 2 times!"));
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(6), .times = 3});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 3 times!"));
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(0)});
-    EXPECT_TRUE(send(1, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
-
-    const std::uint32_t sent = device->count(FaultPoint::Sync);
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::refuseWrite()});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_EQ(device->count(FaultPoint::Sync), sent + 1) << "a failed send is not repeated";
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::error("no")});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_TRUE(log.contains("BurnAgent::vorlan_send_usb_command: no\n"));
-    EXPECT_EQ(respcode, RESP_CODE_ERROR);
+    const struct {
+        std::optional<FaultRule> fault;
+        unsigned retries;
+        bool done;
+        std::uint32_t messages;
+        const char* logged;
+    } cases[] = {
+        {{}, 1, true, 1, ""},
+        {{{FaultPoint::Sync, Fault::response(4), 0, 2}}, 2, false, 2, "SYNC(4) for 2 times!"},
+        {{{FaultPoint::Sync, Fault::wrongCmdorg(6), 0, 3}}, 3, false, 3, "SYNC(4) for 3 times!"},
+        {{{FaultPoint::Sync, Fault::wrongCmdorg(0)}}, 1, true, 1, ""},
+        {{{FaultPoint::Sync, Fault::refuseWrite()}}, 3, false, 1, ""},
+        {{{FaultPoint::Sync, Fault::error("no")}}, 3, false, 1, "vorlan_send_usb_command: no\n"},
+    };
+    for (const auto& c : cases) {
+        const std::uint32_t before = device->count(FaultPoint::Sync);
+        if (c.fault)
+            device->addFault(*c.fault);
+        std::uint8_t respcode = 0xAA;
+        EXPECT_EQ(send(c.retries, &respcode), c.done);
+        EXPECT_EQ(respcode, c.done ? RESP_CODE_SUCCESS : RESP_CODE_ERROR);
+        EXPECT_EQ(device->count(FaultPoint::Sync) - before, c.messages);
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+    }
     vorlan_device_close(open);
 
     EXPECT_EQ(BurnAgent::get_version(), "unknown");
@@ -294,29 +294,12 @@ TEST_F(BurnAgentTest, ABurnThatTheDeviceHasConfirmedIsReportedThoughInterrupted)
     plug();
     std::stop_source stop;
     const interruption::Scope scope(stop.get_token());
-
-    // Interrupts the burn when its last percent is reported: the device has confirmed all by then.
-    class StopAtTheEnd final : public BurnListener {
-      public:
-        explicit StopAtTheEnd(std::stop_source& source) : source_(source) {}
-        void onBurnStart(BurnAgent*) override {}
-        void onBurnProgress(BurnAgent*, const std::string&, unsigned percent) override {
-            if (percent == 100)
-                source_.request_stop();
-        }
-        void onItemProgress(BurnAgent*, const BurnItem*, unsigned) override {}
-        void onBurnDone(BurnAgent*) override { done = true; }
-        void onBurnError(BurnAgent*, int, const std::string&) override {}
-        bool done = false;
-
-      private:
-        std::stop_source& source_;
-    } stopper(stop);
-
-    BurnAgent agent(deviceId);
-    agent.set_sn("SN-1", kSnAddress);
-    agent.run({}, &stopper, CMD_CODE_FLASH_WRITE);
-    EXPECT_TRUE(stopper.done);
-    EXPECT_TRUE(agent.is_done());
+    // When its last percent is reported the device has confirmed all.
+    listener.progressed = [&](unsigned percent) {
+        if (percent == 100)
+            stop.request_stop();
+    };
+    EXPECT_TRUE(run({}, "SN-1"));
+    EXPECT_EQ(listener.reports.back(), "done");
     EXPECT_TRUE(flashHolds(kSnAddress, "SN-1"));
 }

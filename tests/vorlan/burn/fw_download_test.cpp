@@ -82,7 +82,7 @@ TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
             ASSERT_TRUE(listener.waitFor("ready 0-1"));
             EXPECT_EQ(listener.count("error"), 0U);
         } else {
-            ASSERT_TRUE(listener.waitForCount("error", 1));
+            ASSERT_TRUE(listener.waitFor("error", 1));
             EXPECT_EQ(listener.count("ready"), 0U);
             EXPECT_EQ(listener.events().back(), reported + " 0-1");
         }

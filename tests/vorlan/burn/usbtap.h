@@ -1,5 +1,5 @@
 // Listens in on what the USB engine asks of libusbK: which transfers it starts and when, how long
-// it is ready to wait for them, and which pipes it empties. It can change what hot-plug tells.
+// it is ready to wait for them, and which pipes it empties.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -31,7 +30,6 @@ class UsbTap {
             below_ = libusbkTable();
         }
         table_ = below_;
-        table_.HotK_Init = hotPlugInit;
         table_.UsbK_Free = free;
         table_.UsbK_ReadPipe = readPipe;
         table_.UsbK_WritePipe = writePipe;
@@ -46,7 +44,6 @@ class UsbTap {
     void clear() {
         starts_.clear();
         waits.clear();
-        limits.clear();
         flushes.clear();
     }
 
@@ -73,14 +70,10 @@ class UsbTap {
 
     // Runs behind each start of a read.
     std::function<void()> afterRead = [] {};
-    // Runs on each device that arrives or leaves.
-    std::function<void(libusbk::DeviceEntry&)> changeEntry = [](libusbk::DeviceEntry&) {};
 
-    Clock::time_point freed;  // when the last handle was
-    // Endpoints and limits in ms of all waits, in their order and each pair once.
-    std::vector<std::pair<int, unsigned>> waits;
-    std::set<std::pair<int, unsigned>> limits;
-    std::vector<int> flushes;  // endpoints
+    Clock::time_point freed;                      // when the last handle was
+    std::vector<std::pair<int, unsigned>> waits;  // endpoints and limits in ms
+    std::vector<int> flushes;                     // endpoints
 
   private:
     static bool readPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8_t* buffer,
@@ -104,7 +97,6 @@ class UsbTap {
     static bool waitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
                              std::uint32_t* transferred) {
         tap->waits.emplace_back(tap->endpoints_[slot], timeoutMs);
-        tap->limits.insert(tap->waits.back());
         return tap->below_.OvlK_WaitOrCancel(slot, timeoutMs, transferred);
     }
 
@@ -116,20 +108,6 @@ class UsbTap {
     static bool free(libusbk::UsbHandle* handle) {
         tap->freed = Clock::now();
         return tap->below_.UsbK_Free(handle);
-    }
-
-    static bool hotPlugInit(libusbk::Monitor** monitor,
-                            const libusbk::MonitorParameters* parameters) {
-        libusbk::MonitorParameters changed = *parameters;
-        tap->callback_ = std::exchange(changed.callback, hotPlug);
-        return tap->below_.HotK_Init(monitor, &changed);
-    }
-
-    static void hotPlug(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
-                        std::int32_t kind) {
-        libusbk::DeviceEntry changed = *entry;
-        tap->changeEntry(changed);
-        tap->callback_(monitor, &changed, kind);
     }
 
     using Start = std::pair<int, Clock::time_point>;
@@ -147,7 +125,6 @@ class UsbTap {
 
     LibusbkTable below_{};
     LibusbkTable table_{};
-    libusbk::HotPlugCallback callback_{};
     std::map<const libusbk::OverlappedSlot*, int> endpoints_;
     std::vector<Start> starts_;
 };
