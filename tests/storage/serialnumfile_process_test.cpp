@@ -90,12 +90,13 @@ TEST(SerialNumFileProcess, FileThatMayNotBeWrittenIsRefused) {
     EXPECT_THAT(log.take(hj::kError), ElementsAre(HasSubstr("Permission denied")));
 }
 
-TEST(SerialNumFileProcess, FifoIsRefusedWithoutWaiting) {
+TEST(SerialNumFileProcess, WhatIsNoRegularFileIsRefusedWithoutWaiting) {
     const TemporaryDirectory directory;
     const std::string path = (directory.path() / "fifo.csv").string();
     ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
     SerialNumFile file;
     EXPECT_FALSE(file.load(text::widen(path)));
+    EXPECT_FALSE(file.load(L"/dev/null"));
 }
 
 TEST(SerialNumFileProcess, WriteErrorIsTold) {
