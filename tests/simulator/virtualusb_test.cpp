@@ -212,6 +212,23 @@ TEST_F(UsbDevice, FaultsStrikeWhereAndAsOftenAsTheirRuleSays) {
     EXPECT_THAT(device->errors(), IsEmpty());
 }
 
+TEST_F(UsbDevice, FaultsOfATransferShowThereAndNothingIsProgrammed) {
+    startBurner();
+    host->command(record(kFlashWrite, 0, 0x40, 10));
+    const std::pair<Fault, std::optional<std::uint32_t>> faults[] = {
+        {Fault::shortWrite(4), 4},
+        {Fault::swallow(), 10},
+        {Fault::refuseWrite(3), std::nullopt},
+        {Fault::unplug(4), std::nullopt}};
+    for (const auto& [fault, moved] : faults) {
+        device->addFault({FaultPoint::Chunk, fault});
+        EXPECT_EQ(host->send(kDataOut, pattern(10)), moved);
+    }
+    EXPECT_FALSE(bus.isPlugged(kPort));
+    EXPECT_THAT(device->flash().writtenRanges(), IsEmpty());
+    EXPECT_THAT(device->errors(), IsEmpty());
+}
+
 // The bus's own rules, which a real library would not survive the breach of.
 class UsbBus : public UsbTest {
   protected:

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -103,12 +104,15 @@ class WireHost {
     WireHost(const WireHost&) = delete;
     WireHost& operator=(const WireHost&) = delete;
 
-    void send(std::uint8_t endpoint, const ByteVector& bytes) {
+    // How many bytes moved, nothing if the transfer failed.
+    std::optional<std::uint32_t> send(std::uint8_t endpoint, const ByteVector& bytes) {
         std::uint32_t count = 0;
         usb.OvlK_ReUse(outSlot);
-        if (!usb.UsbK_WritePipe(handle, endpoint, bytes.data(),
-                                static_cast<std::uint32_t>(bytes.size()), &count, outSlot))
+        const bool good =
+            usb.UsbK_WritePipe(handle, endpoint, bytes.data(),
+                               static_cast<std::uint32_t>(bytes.size()), &count, outSlot) ||
             usb.OvlK_WaitOrCancel(outSlot, 1000, &count);
+        return good ? std::optional(count) : std::nullopt;
     }
 
     // As many bytes as came.
