@@ -1,4 +1,4 @@
-// Scripted faults of a virtual USB device: a rule says at which message, how often and what.
+// The faults that a virtual USB device can be told to show, and at which messages.
 #pragma once
 
 #include <chrono>
@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 #include <utility>
+
+#include "simulator/faultscript.h"
 
 namespace simulator {
 
@@ -130,15 +132,6 @@ class Fault {
     Fault(Kind faultKind, std::uint32_t faultValue) : kind(faultKind), value(faultValue) {}
 };
 
-// Rules are asked in the order of their making; the first that strikes takes the message, and the
-// later ones do not count it.
-struct FaultRule {
-    static constexpr std::uint32_t kAlways = UINT32_MAX;
-
-    FaultPoint where;
-    Fault what;
-    std::uint32_t skip = 0;   // messages of this kind that pass first
-    std::uint32_t times = 1;  // messages that it strikes then
-};
+using FaultRule = ScriptedFault<FaultPoint, Fault>;
 
 }  // namespace simulator

@@ -4,11 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
+
+#include "simulator/bytes.h"
 
 namespace simulator {
-
-using Bytes = std::span<const std::uint8_t>;
 
 // Endpoints.
 constexpr std::uint8_t kCommandOut = 0x06;
@@ -45,17 +44,5 @@ enum RomCommand : std::uint8_t {
     kMemEnd = 6,
     kMemData = 7,
 };
-
-inline std::uint32_t readU16(Bytes bytes, std::size_t offset) {
-    return bytes[offset] | std::uint32_t{bytes[offset + 1]} << 8;
-}
-
-inline std::uint32_t readU32(Bytes bytes, std::size_t offset) {
-    return readU16(bytes, offset) | readU16(bytes, offset + 2) << 16;
-}
-
-inline std::uint64_t readU64(Bytes bytes, std::size_t offset) {
-    return readU32(bytes, offset) | std::uint64_t{readU32(bytes, offset + 4)} << 32;
-}
 
 }  // namespace simulator

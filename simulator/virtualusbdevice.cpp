@@ -1,6 +1,7 @@
 #include "simulator/virtualusbdevice.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace simulator {
@@ -215,7 +216,7 @@ void VirtualUsbDevice::hostResets(std::uint8_t endpoint) {
 
 void VirtualUsbDevice::addFault(FaultRule rule) {
     const std::lock_guard guard(lock_);
-    faults_.push_back(std::move(rule));
+    faults_.add(std::move(rule));
 }
 
 void VirtualUsbDevice::unplugAtByte(std::uint64_t count) {
@@ -236,7 +237,7 @@ std::vector<std::uint8_t> VirtualUsbDevice::downloadedBurner() const {
 
 std::uint32_t VirtualUsbDevice::count(FaultPoint point) const {
     const std::lock_guard guard(lock_);
-    return counts_[static_cast<std::size_t>(point)];
+    return faults_.count(point);
 }
 
 std::uint64_t VirtualUsbDevice::traffic() const {
@@ -301,21 +302,7 @@ std::optional<FaultPoint> VirtualUsbDevice::pointOf(std::uint8_t endpoint, Bytes
 
 const Fault& VirtualUsbDevice::strike(std::optional<FaultPoint> point) {
     static const Fault none;
-    if (!point)
-        return none;
-    ++counts_[static_cast<std::size_t>(*point)];
-    for (FaultRule& rule : faults_) {
-        if (rule.where != *point || rule.times == 0)
-            continue;
-        if (rule.skip > 0) {
-            --rule.skip;
-            continue;
-        }
-        if (rule.times != FaultRule::kAlways)
-            --rule.times;
-        return rule.what;
-    }
-    return none;
+    return point ? faults_.strike(*point) : none;
 }
 
 void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const Fault& fault,

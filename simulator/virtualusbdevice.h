@@ -2,7 +2,6 @@
 // bytes out; VirtualUsbBus carries them. Strict: what the host does wrong is recorded.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -140,8 +139,7 @@ class VirtualUsbDevice {
     Exchange data_;      // on kDataIn: chunks
     std::set<std::uint8_t> halted_;
     std::vector<std::uint8_t> resets_;
-    std::vector<FaultRule> faults_;
-    std::array<std::uint32_t, kFaultPoints> counts_{};
+    FaultScript<FaultPoint, Fault, kFaultPoints> faults_;
     std::uint64_t traffic_ = 0;
     std::uint64_t trafficLimit_ = UINT64_MAX;
     std::vector<UsbTransfer> transfers_;

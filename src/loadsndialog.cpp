@@ -6,6 +6,7 @@
 #include "snsettings.h"
 #include "storage/globalstorage.h"
 #include "ui/dialogtemplate.h"
+#include "ui/tooltip.h"
 
 LoadSnDialog::LoadSnDialog(QWidget* parent) : QDialog(parent) {
     setWindowTitle(QStringLiteral("导入SN号"));
@@ -19,8 +20,9 @@ LoadSnDialog::LoadSnDialog(QWidget* parent) : QDialog(parent) {
     controls.label({21, 49, 53, 8}, QStringLiteral("SN烧录地址："), address);
 
     path->setText(QString::fromStdWString(GlobalStorage::getInstance().getSnFilePath()));
-    path->setToolTip(path->text());
+    setPlainToolTip(*path, path->text());
     showSnAddress(*address);
+    import->setFocus();
     connect(import, &QPushButton::clicked, this, [this, path] { importSnFile(this, *path); });
     connect(set, &QPushButton::clicked, this, [this, address] { storeSnAddress(this, *address); });
 }

@@ -1,11 +1,167 @@
 #include "serialburnpage.h"
 
-#include "ui/dialogtemplate.h"
+#include <algorithm>
+#include <vector>
 
-CSerialBurnPage::CSerialBurnPage() : Page(QStringLiteral("串口烧录")) {}
+#include "serialportlist.h"
+#include "ui/prompts.h"
+#include "ui/stringtable.h"
+#include "utils/text.h"
+#include "utils/trace.h"
 
-void CSerialBurnPage::OnInitDialog() {
-    const DialogTemplate controls(this, kFontPoints, {kWidth, kHeight});
-    controls.label({202, 159, 145, 11}, QStringLiteral("功能开发中！"))
-        ->setAlignment(Qt::AlignCenter);
+namespace {
+
+// What stands between the last brackets of a friendly name, as in "MODEL (ttyUSB0)"; empty if that
+// is no name.
+std::wstring nameInBrackets(const std::wstring& friendlyName) {
+    const std::size_t open = friendlyName.rfind(L'(');
+    const std::size_t close = friendlyName.rfind(L')');
+    if (open == std::wstring::npos || close == std::wstring::npos || close < open + 3)
+        return {};
+    return friendlyName.substr(open + 1, close - open - 1);
+}
+
+}  // namespace
+
+CSerialBurnPage::CSerialBurnPage()
+    : BurnPageBase({.caption = QStringLiteral("串口烧录"),
+                    .snPathLabel = {284, 17, 39, 8},
+                    .snPathBox = {319, 14, 157, 14},
+                    .importButton = {489, 14, 50, 14},
+                    .snAddressLabel = {9, 38, 55, 8},
+                    .burnCountBox = {489, 36, 48, 14},
+                    .tileArea = {7, 59, 536, 265},
+                    .hint = strings::kConnectDevice.toString(),
+                    .firstTileId = 11000,
+                    .tileName = L"DEV",
+                    .unpackDirectory = L".\\uart_temp_image\\"}) {}
+
+CSerialBurnPage::~CSerialBurnPage() {
+    // All at once, so that the slots wait for the slowest only.
+    for (SerialAvatar& slot : slots_)
+        slot.interrupt();
+}
+
+void CSerialBurnPage::addControls(const DialogTemplate& /*controls*/) {}
+
+void CSerialBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
+    tile.showTagBox(false);
+    slots_[number].setTile(&tile);
+    slots_[number].setFirmwareManager(&firmware());
+    slots_[number].setPage(this);
+}
+
+bool CSerialBurnPage::OnSetActive() {
+    activated_ = true;
+    showStoredSettings();
+    return Page::OnSetActive();
+}
+
+bool CSerialBurnPage::OnKillActive() {
+    const bool wasBurning = isBurning();
+    if (!BurnPageBase::OnKillActive())
+        return false;
+    if (wasBurning)
+        activated_ = false;
+    return true;
+}
+
+void CSerialBurnPage::onStartButton() {
+    toggleBurn();
+    refreshTileArea();
+}
+
+void CSerialBurnPage::startBurn() {
+    if (!storeAddress())
+        return;
+    setBurning(true);
+    lockChoices(true);
+    showHintUnlessTiles();
+    scanPorts();
+}
+
+void CSerialBurnPage::stopBurn() {
+    setBurning(false);
+    lockChoices(false);
+    stopAll();
+    refresh();
+}
+
+void CSerialBurnPage::stopAll() {
+    for (SerialAvatar& slot : slots_)
+        slot.stop();
+}
+
+void CSerialBurnPage::scanPorts() {
+    std::vector<SSerInfo> ports;
+    try {
+        listSerialPorts(ports, false);
+    } catch (const SerialPortListError& error) {
+        TRACE("%s\n", text::narrow(error.text()).c_str());
+        ports.clear();
+    }
+    TRACE("find %d ports\n", static_cast<int>(ports.size()));
+    for (const SSerInfo& port : ports)
+        addPort(port.portName.empty() ? nameInBrackets(port.friendlyName) : port.portName);
+    refreshTileArea();
+}
+
+SerialAvatar* CSerialBurnPage::findAvatar(const std::wstring& port) {
+    const auto first = [this](const auto& fits) -> SerialAvatar* {
+        const auto slot = std::find_if(slots_.begin(), slots_.end(), fits);
+        return slot != slots_.end() ? &*slot : nullptr;
+    };
+    if (SerialAvatar* const slot =
+            first([&](const SerialAvatar& avatar) { return avatar.getPortName() == port; }))
+        return slot;
+    if (SerialAvatar* const slot =
+            first([](const SerialAvatar& avatar) { return avatar.getPortName().empty(); }))
+        return slot;
+    return first([](const SerialAvatar& avatar) { return !avatar.isRunning(); });
+}
+
+void CSerialBurnPage::addPort(const std::wstring& port) {
+    SerialAvatar* const slot = findAvatar(port);
+    if (slot == nullptr) {
+        prompts().showBox(this, QStringLiteral("超出支持的设备数量%1").arg(kSlots),
+                          strings::kNotice.toString(), BoxType::kPlain);
+        return;
+    }
+    if (slot->isRunning())
+        return;
+    slot->setPortName(port);
+    slot->start();
+}
+
+void CSerialBurnPage::removePort(const std::wstring& port) {
+    SerialAvatar* const slot = findAvatar(port);
+    if (slot == nullptr)
+        return;
+    slot->stop();
+    slot->getTile()->setActive(false);
+    slot->getTile()->setStatus(L"设备已移除！");
+    slot->getTile()->setProgress(0);
+}
+
+void CSerialBurnPage::onDeviceChange(const platform::PortEvent& event) {
+    if (!isBurning())
+        return;
+    if (event.kind == platform::PortEvent::Kind::kArrived) {
+        TRACE("device arrived, port=%s\n", event.name.c_str());
+        addPort(text::widen(event.name));
+    } else {
+        TRACE("device removed, port=%s\n", event.name.c_str());
+        removePort(text::widen(event.name));
+    }
+    refreshTileArea();
+}
+
+void CSerialBurnPage::refreshTileArea() {
+    const bool running = std::any_of(slots_.begin(), slots_.end(),
+                                     [](const SerialAvatar& slot) { return slot.isRunning(); });
+    if (running)
+        showTiles();
+    else
+        showHintInsteadOfTiles();
+    refresh();
 }

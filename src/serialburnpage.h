@@ -1,11 +1,48 @@
-// The page for burning over serial ports. It cannot burn yet and says so.
+// The page on which an operator burns devices over serial ports. It finds the ports itself, at each
+// start and by the system's word while burning, and gives every port to one of sixteen slots, which
+// burns the device there. An idle slot is taken over by a new port once all slots have had one.
 #pragma once
 
-#include "ui/page.h"
+#include <array>
+#include <mutex>
+#include <string>
 
-class CSerialBurnPage final : public Page {
+#include "burnpagebase.h"
+#include "platform/portevents.h"
+#include "serialavatar.h"
+
+// All on the user-interface thread, save for refreshBurnCount.
+class CSerialBurnPage final : public BurnPageBase {
   public:
     CSerialBurnPage();
+    // Cuts short what still winds down and waits for it.
+    ~CSerialBurnPage() override;
 
-    void OnInitDialog() override;
+    // Whether the page has been opened; ports that come and go before that are none of its
+    // business.
+    bool isActivated() const { return activated_; }
+
+    // A port has come or gone. Does nothing while not burning.
+    void onDeviceChange(const platform::PortEvent& event);
+
+    bool OnSetActive() override;
+    bool OnKillActive() override;
+
+  private:
+    void startBurn() override;
+    // Asks all slots to end and waits for none.
+    void stopBurn() override;
+    void onStartButton() override;
+    void addControls(const DialogTemplate& controls) override;
+    void addTile(std::size_t number, DeviceDisplay& tile) override;
+
+    void scanPorts();
+    void addPort(const std::wstring& port);
+    void removePort(const std::wstring& port);
+    SerialAvatar* findAvatar(const std::wstring& port);
+    void refreshTileArea();
+    void stopAll();
+
+    bool activated_ = false;
+    std::array<SerialAvatar, kSlots> slots_;
 };

@@ -5,6 +5,7 @@
 #include "storage/globalstorage.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
+#include "ui/tooltip.h"
 #include "utils/fileutil.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
@@ -33,17 +34,22 @@ void saveSettings() {
 }  // namespace
 
 bool importSnFile(QWidget* parent, QLineEdit& pathBox) {
+    SerialNumFile& snFile = GlobalStorage::getInstance().getSnFile();
+    if (snFile.isInUse()) {  // a serial burn that was stopped still writes its number
+        tell(parent, strings::kNoImportWhileBurning.toString());
+        return false;
+    }
     const std::optional<QString> chosen = prompts().chooseFile(parent, kFilter);
     if (!chosen)
         return false;
     pathBox.setText(*chosen);
-    pathBox.setToolTip(*chosen);
+    setPlainToolTip(pathBox, *chosen);
     pathBox.setEnabled(true);
     const std::wstring path = chosen->toStdWString();
     if (!fileutil::fileExists(path))
         return false;
     GlobalStorage& storage = GlobalStorage::getInstance();
-    if (!storage.getSnFile().load(path)) {
+    if (!snFile.load(path)) {
         tell(parent, kWrongFormat);
         return false;
     }

@@ -8,6 +8,7 @@
 
 #include "aboutdlg.h"
 #include "loadsndialog.h"
+#include "platform/serialports.h"
 #include "storage/globalstorage.h"
 #include "ui/dialogtemplate.h"
 #include "ui/prompts.h"
@@ -15,6 +16,7 @@
 #include "utils/filelogprinter.h"
 #include "utils/fileutil.h"
 #include "utils/logutil.h"
+#include "utils/trace.h"
 
 namespace {
 
@@ -61,6 +63,7 @@ void CVorlanFactoryToolDlg::OnInitDialog() {
     if (!fileutil::fileExists(L"log\\"))
         fileutil::createDirectories(L"log\\");
     log_ = std::make_unique<RunLog>();
+    watchPorts();
 }
 
 void CVorlanFactoryToolDlg::makeMenus() {
@@ -107,12 +110,30 @@ void CVorlanFactoryToolDlg::loadSettings() {
         storage.getSnFile().load(path);
 }
 
+void CVorlanFactoryToolDlg::watchPorts() {
+    portEvents_ = platform::serialPorts().watch();
+    if (portEvents_ == nullptr) {
+        TRACE("RegisterDeviceNotification failed\n");
+        return;
+    }
+    portNotifier_ =
+        std::make_unique<QSocketNotifier>(portEvents_->descriptor(), QSocketNotifier::Read);
+    connect(portNotifier_.get(), &QSocketNotifier::activated, this, [this] { takePortEvents(); });
+}
+
+void CVorlanFactoryToolDlg::takePortEvents() {
+    while (const std::optional<platform::PortEvent> event = portEvents_->next()) {
+        if (serialPage_.isActivated())
+            serialPage_.onDeviceChange(*event);
+    }
+}
+
 void CVorlanFactoryToolDlg::showAbout() {
     openModal(new CAboutDlg(this));
 }
 
 void CVorlanFactoryToolDlg::importSn() {
-    if (burnPage_.isBurning()) {
+    if (burnPage_.isBurning() || serialPage_.isBurning()) {
         prompts().showBox(this, strings::kNoImportWhileBurning.toString(),
                           strings::kNotice.toString(), BoxType::kWarning);
         return;
@@ -121,14 +142,18 @@ void CVorlanFactoryToolDlg::importSn() {
 }
 
 void CVorlanFactoryToolDlg::closeEvent(QCloseEvent* event) {
-    if (burnPage_.isBurning()) {
+    if (burnPage_.isBurning() || serialPage_.isBurning()) {
         if (!prompts().showBox(this, kCloseQuestion, strings::kBurning.toString(),
                                BoxType::kWarningOkCancel)) {
             event->ignore();
             return;
         }
-        burnPage_.saveTags();
-        burnPage_.toggleBurn();
+        if (burnPage_.isBurning()) {
+            burnPage_.saveTags();
+            burnPage_.toggleBurn();
+        } else {
+            serialPage_.toggleBurn();
+        }
     }
     QMainWindow::closeEvent(event);
 }

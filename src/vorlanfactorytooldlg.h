@@ -3,10 +3,12 @@
 #pragma once
 
 #include <QMainWindow>
+#include <QSocketNotifier>
 #include <memory>
 
 #include "burnpage.h"
 #include "mainpage.h"
+#include "platform/portevents.h"
 #include "serialburnpage.h"
 #include "ui/pagesheet.h"
 
@@ -27,6 +29,8 @@ class CVorlanFactoryToolDlg final : public QMainWindow {
     void makeMenus();
     void buildClientArea();
     void loadSettings();
+    void watchPorts();
+    void takePortEvents();
     void showAbout();
     void importSn();
 
@@ -35,4 +39,6 @@ class CVorlanFactoryToolDlg final : public QMainWindow {
     CMainPage mainPage_;
     CBurnPage burnPage_;
     CSerialBurnPage serialPage_;
+    std::unique_ptr<platform::PortEvents> portEvents_;
+    std::unique_ptr<QSocketNotifier> portNotifier_;
 };

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <QRegularExpression>
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -32,7 +33,7 @@ const QString kStopped = "烧录已停止！";
 
 // Slow enough to be caught in the act.
 simulator::UsbDeviceOptions slowly() {
-    return {.chunkTime = 10ms};
+    return {.chunkTime = 50ms};
 }
 
 std::size_t occurrences(const std::string& text, const std::string& part) {
@@ -87,10 +88,24 @@ TEST_F(BurnPageTest, BeginsWithNothingToStart) {
     EXPECT_TRUE(hands->tiles().empty());
 }
 
+TEST_F(BurnPageTest, TilesStandInTwoColumnsOfEight) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    // The first control of a tile stands 4 and 2 pixels inside it.
+    const auto corner = [&](int tile) {
+        return window->findChild<QLineEdit*>(QString::number(10'000 + 4 * tile))->pos();
+    };
+    const QSize area = window->findChild<QLineEdit*>("10000")->parentWidget()->size();
+    const int height = (area.height() - 24) / 8;
+    EXPECT_EQ(corner(0), QPoint(4, 2));
+    EXPECT_EQ(corner(1), QPoint(area.width() / 2 + 4, 2));
+    EXPECT_EQ(corner(2), QPoint(4, height + 2));
+    EXPECT_EQ(corner(15), QPoint(area.width() / 2 + 4, 7 * height + 2));
+}
+
 TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     prepare();
     importNumbers(row(1, true) + row(2) + row(3));
-    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), "0x6ff000"));
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_FALSE(hands->isEnabled("选择固件"));
     EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
@@ -115,8 +130,9 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_TRUE(tile(1).active);
     EXPECT_EQ(tile(1).percent, 100);
     expectCount(1);
-    EXPECT_TRUE(isBurned(*device, "SN-2"));
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    EXPECT_TRUE(isBurned(*device, ""));
+    EXPECT_TRUE(device->flash().holds(0x6FF000, bytesOf("SN-2")));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 
     bus.unplug(port(1));
     EXPECT_TRUE(hintReads(kConnect));
@@ -128,20 +144,48 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     EXPECT_EQ(tile(1).status, kRemoved);
     EXPECT_EQ(tile(1).percent, 0);
     EXPECT_FALSE(tile(1).active);
-    plug(1);
+    const auto unnumbered = plug(1);
     ASSERT_TRUE(reads(1, kUsedUp));
-    EXPECT_EQ(tile(1).percent, 0);
     EXPECT_EQ(hands->tiles()[0].name, "USB\\VID_1234&PID_5678\\0-1");
+    // By the time that the next one has come as far, the first would be in its burn.
+    plug(3);
+    ASSERT_TRUE(reads(3, kUsedUp));
+    EXPECT_EQ(tile(1).status, kUsedUp);
+    EXPECT_EQ(tile(1).percent, 0);
+    EXPECT_TRUE(unnumbered->flash().writtenRanges().empty());
     expectCount(2);
 }
 
-TEST_F(BurnPageTest, BurnsWithoutNumbers) {
+TEST_F(BurnPageTest, BurnsWithoutNumbersAndWithTheProgramsOwnBurner) {
+    simulator::PackageBuilder()
+        .add("flashboot.bin", flashboot)
+        .add("master.bin", master)
+        .write("package.vrk");
+    writeContent("images/burner.img", std::string(5000, 'b'));
     prepareAndStart();
     const auto device = plug(1);
     ASSERT_TRUE(reads(1, kBurned));
     expectCount(1);
     EXPECT_TRUE(isBurned(*device, ""));
     EXPECT_EQ(device->flash().writtenRanges().size(), 2U);
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
+}
+
+TEST_F(BurnPageTest, ComesBackWithTheNumberFileOfAnEarlierRun) {
+    ASSERT_TRUE(hands->press("USB烧录"));
+    importNumbers(row(1));
+    for (const bool deleted : {false, true}) {
+        window.reset();
+        forgetSettings();
+        if (deleted)
+            std::filesystem::remove("numbers.csv");
+        openWindow();
+        ASSERT_TRUE(hands->press("USB烧录"));
+        EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("numbers.csv"));
+        EXPECT_TRUE(hands->edit("SN路径")->isEnabled());
+        EXPECT_EQ(hands->edit("SN烧录地址")->isEnabled(), !deleted);
+    }
 }
 
 TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
@@ -182,6 +226,9 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     ASSERT_TRUE(WindowOperator::waitFor([&] { return refusing->count(FaultPoint::Description); }));
     ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
     EXPECT_TRUE(tile(5).active);
+    // The device that gave it back before has no claim on it any more.
+    bus.unplug(port(2));
+    ASSERT_TRUE(reads(2, kRemoved));
     plug(6);
     ASSERT_TRUE(reads(6, kBurned + "SN=SN-2"));
     bus.unplug(port(5));
@@ -197,7 +244,7 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     plug(7);
     ASSERT_TRUE(reads(7, kBurned + "SN=SN-3"));
     expectCount(3);
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
 }
 
 TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
@@ -206,7 +253,7 @@ TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
     for (const char* const wrong : {"", "0", "zz", "0x"}) {
         ASSERT_TRUE(hands->type(hands->edit("SN烧录地址"), wrong));
         ASSERT_TRUE(hands->press("开始烧录"));
-        EXPECT_EQ(prompts.takeBoxes(),
+        EXPECT_EQ(prompts_.takeBoxes(),
                   std::vector<Box>({notice("地址格式错误，请输入16进制地址！")}));
         EXPECT_TRUE(hands->isEnabled("开始烧录"));
         EXPECT_TRUE(hands->isEnabled("选择固件"));
@@ -231,14 +278,14 @@ TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
 TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
     const Box invalid{"无效的固件!", "提示", BoxType::kPlain};
     ASSERT_TRUE(hands->press("USB烧录"));
-    prompts.choose(std::nullopt);
+    prompts_.choose(std::nullopt);
     ASSERT_TRUE(hands->press("选择固件"));
     EXPECT_EQ(hands->edit("固件路径")->text(), "请选择固件");
 
     const std::string whole = contentOf("package.vrk");
     writeContent("torn.vrk", whole.substr(0, whole.size() / 2));
     chooseFirmware(pathOf("torn.vrk"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({invalid}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({invalid}));
     EXPECT_EQ(hands->edit("固件路径")->text(), pathOf("torn.vrk"));
     EXPECT_TRUE(hands->edit("固件路径")->isEnabled());
     EXPECT_FALSE(hands->isEnabled("开始烧录"));
@@ -250,10 +297,10 @@ TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
             writeContent(path, contentOf("package.vrk"));
         chooseFirmware(pathOf(path));
         const bool valid = path != "none.zip";
-        EXPECT_EQ(prompts.takeBoxes(), valid ? std::vector<Box>() : std::vector<Box>({invalid}));
+        EXPECT_EQ(prompts_.takeBoxes(), valid ? std::vector<Box>() : std::vector<Box>({invalid}));
         EXPECT_EQ(hands->isEnabled("开始烧录"), valid);
     }
-    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
+    EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
 }
 
 TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
@@ -262,39 +309,42 @@ TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
     ASSERT_TRUE(hands->press("USB烧录"));
     importNumbers(row(1));
     const std::wstring good = pathOf("numbers.csv").toStdWString();
+    writeContent("no-list.csv", "x\r\n");
     writeContent("read-only.csv", row(5));
     std::filesystem::permissions("read-only.csv", std::filesystem::perms::others_read);
     const OrdinaryUser user;
 
-    prompts.choose(pathOf("vanished.csv"));
+    prompts_.choose(pathOf("vanished.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("vanished.csv"));
     // Neither the vanished one nor the one that cannot be marked takes the place of the good one.
-    prompts.choose(pathOf("read-only.csv"));
+    prompts_.choose(pathOf("read-only.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
     EXPECT_TRUE(GlobalStorage::getInstance().getSnFile().isLoaded());
-    prompts.choose(pathOf("no-list.csv"));
+    prompts_.choose(pathOf("no-list.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({wrong}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
     EXPECT_EQ(GlobalStorage::getInstance().getSnFilePath(), good);
-    prompts.choose(std::nullopt);
+    prompts_.choose(std::nullopt);
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
-    EXPECT_EQ(prompts.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
+    EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
 }
 
 TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     prepare();
     importNumbers(row(1));
-    std::filesystem::permissions("numbers.csv", std::filesystem::perms::all);
-    std::filesystem::permissions(directory.path(), std::filesystem::perms(0555));
-    const OrdinaryUser user;
-    ASSERT_TRUE(hands->press("开始烧录"));
-    plug(1);
-    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
-    ASSERT_TRUE(hands->press("保存标签"));
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms(0555));
+    {
+        const OrdinaryUser user;
+        ASSERT_TRUE(hands->press("开始烧录"));
+        plug(1);
+        ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+        ASSERT_TRUE(hands->press("保存标签"));
+    }
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms::owner_all);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
@@ -308,16 +358,16 @@ TEST_F(BurnPageTest, StaysWithABurnUnlessItIsToStop) {
 
     ASSERT_TRUE(hands->press("导入SN"));
     ASSERT_TRUE(hands->press("导入SN号"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
-    prompts.answer(false);
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
+    prompts_.answer(false);
     ASSERT_TRUE(hands->press("主页"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({question}));
     EXPECT_TRUE(hands->isEnabled("停止烧录"));
     EXPECT_TRUE(tile(1).status.startsWith("正在写入"));
 
-    prompts.answer(true);
+    prompts_.answer(true);
     ASSERT_TRUE(hands->press("主页"));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({question}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({question}));
     EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
     EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
     // Idle, the page may be left without a question.
@@ -336,20 +386,20 @@ TEST_F(BurnPageTest, AsksBeforeTheWindowCloses) {
     ASSERT_TRUE(readsLike(1, "正在写入"));
     ASSERT_TRUE(hands->typeTag(0, "left bench"));
 
-    prompts.answer(false);
+    prompts_.answer(false);
     EXPECT_FALSE(window->close());
     EXPECT_TRUE(window->isVisible());
     EXPECT_TRUE(hands->isEnabled("停止烧录"));
     EXPECT_FALSE(std::filesystem::exists("tag_map"));
 
-    prompts.answer(true);
+    prompts_.answer(true);
     EXPECT_TRUE(window->close());
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>(2, question));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, question));
     EXPECT_EQ(BurnAdmin::peekInstance(), nullptr);
     UsbTagMap saved;
     saved.load();
     EXPECT_EQ(saved.findTag(L"\\0-1").tag, L"left bench");
-    EXPECT_EQ(directory.read("numbers.csv"), row(1));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1));
 }
 
 TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
@@ -396,6 +446,28 @@ TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
     EXPECT_EQ(saved.findTag(L"\\0-3").index, 1);
 }
 
+TEST_F(BurnPageTest, KeepsLabelsThatAreSavedWhileTheirDevicesArrive) {
+    UsbTagMap before;
+    before.storeTag(L"\\0-1", {0, L"\\0-1", L"left"});
+    ASSERT_TRUE(before.save());
+    CBurnPage page;
+    page.OnInitDialog();
+    std::atomic<bool> saved{false};
+    std::thread arrivals([&] {
+        BURN_SESSION session;
+        session.device_id = "USB\\VID_1234&PID_5678\\0-1";
+        while (!saved)
+            page.onPlug(&session);
+    });
+    for (int i = 0; i < 100; ++i)
+        page.saveTags();
+    saved = true;
+    arrivals.join();
+    UsbTagMap after;
+    ASSERT_TRUE(after.load());
+    EXPECT_EQ(after.findTag(L"\\0-1").tag, L"left");
+}
+
 TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
     prepare();
     importNumbers(row(1) + row(2) + row(3));
@@ -420,7 +492,7 @@ TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
     ASSERT_TRUE(readsLike(2, "error=0x4c7, des=Retry WritePipe has reaches max (10)!"));
     EXPECT_NE(tile(1).status, burnedWith);
     expectCount(2);
-    EXPECT_EQ(directory.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 }
 
 TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
@@ -429,19 +501,26 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
         plug(i);
     for (int i = 1; i <= 16; ++i)
         ASSERT_TRUE(reads(i, kBurned));
-    bus.unplug(port(16));
-    ASSERT_TRUE(reads(16, kRemoved));
-    // While the box is open, the port of the removed one gets a new device.
+    for (const int i : {15, 16}) {
+        bus.unplug(port(i));
+        ASSERT_TRUE(reads(i, kRemoved));
+    }
+    // While the box is open, another such device comes, which is told when the box has been closed,
+    // and the port of a removed one gets a new device.
     bool burnedMeanwhile = false;
-    prompts.whileOpen = [&] {
-        prompts.whileOpen = [] {};
-        bus.unplug(port(17));
+    prompts_.whileOpen = [&] {
+        prompts_.whileOpen = [] {};
+        plug(18);
+        EXPECT_TRUE(WindowOperator::waitFor(
+            [] { return BurnAdmin::peekInstance()->getSessionCount() == 16; }));
+        bus.unplug(port(18));
         plug(16);
         burnedMeanwhile = WindowOperator::waitFor([&] { return tile(16).status == kBurned; });
+        EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
     };
     plug(17);
     ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));
-    EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
     EXPECT_EQ(tile(17).name, "");
     expectCount(17);
 }
@@ -450,7 +529,7 @@ TEST_F(BurnPageTest, OpensOnlyWithAWorkingDriver) {
     bus.fail(UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(hands->press("USB烧录"));
-        EXPECT_EQ(prompts.takeBoxes(),
+        EXPECT_EQ(prompts_.takeBoxes(),
                   std::vector<Box>({notice("检测到libusb驱动未安装，请先安装驱动")}));
         EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
     }
@@ -498,7 +577,7 @@ TEST_F(BurnPageTest, SixteenDevicesComeAndGoWhileTheOperatorStartsAndStops) {
     // What the tiles tell is in the devices, every number once, and each is marked: as many in all
     // as burns have been counted.
     std::set<QString> given;
-    const std::string marks = directory.read("numbers.csv");
+    const std::string marks = directory_.read("numbers.csv");
     for (int i = 1; i <= 16; ++i) {
         const QString sn = tile(i).status.mid(kBurned.size() + 3);
         EXPECT_TRUE(given.insert(sn).second);

@@ -11,7 +11,10 @@
 
 class FirstStartFixture : public testing::Test {
   protected:
-    FirstStartFixture() {
+    FirstStartFixture() { forgetSettings(); }
+
+    // What the process keeps from earlier.
+    void forgetSettings() {
         const GlobalStorage fresh;
         storage_.setSnFilePath(fresh.getSnFilePath());
         storage_.setSnBurnAddr(fresh.getSnBurnAddr());

@@ -4,23 +4,20 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "firststartfixture.h"
 #include "simulator/operator/windowoperator.h"
 #include "simulator/packagebuilder.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
-#include "storage/globalstorage.h"
-#include "support/scriptedprompts.h"
-#include "support/temporarydirectory.h"
 #include "vorlanfactorytooldlg.h"
 
-class WindowFixture : public testing::Test {
+class WindowFixture : public FirstStartFixture {
   protected:
     static constexpr std::uint32_t kSnAddress = 0x7FF004;
 
@@ -32,27 +29,14 @@ class WindowFixture : public testing::Test {
             .write("package.vrk");
     }
 
-    void SetUp() override {
-        forgetSettings();
-        openWindow();
-    }
+    void SetUp() override { openWindow(); }
 
     void TearDown() override {
         window.reset();
-        EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>());
         EXPECT_EQ(bus.openHandles(), 0U);
         EXPECT_EQ(bus.errors(), std::vector<std::string>());
         for (const auto& device : devices)
             EXPECT_EQ(device->errors(), std::vector<std::string>());
-    }
-
-    // Settings and numbers of an earlier test in this process; a file that is no list unloads one.
-    static void forgetSettings() {
-        GlobalStorage& storage = GlobalStorage::getInstance();
-        writeContent("no-list.csv", "x\r\n");
-        storage.getSnFile().load(L"no-list.csv");
-        storage.setSnFilePath(L"");
-        storage.setSnBurnAddr(kSnAddress);
     }
 
     void openWindow() {
@@ -66,22 +50,20 @@ class WindowFixture : public testing::Test {
     }
 
     void chooseFirmware(const QString& path) {
-        prompts.choose(path);
+        prompts_.choose(path);
         ASSERT_TRUE(hands->press("选择固件"));
     }
 
     void importNumbers(const std::string& rows) {
         writeContent("numbers.csv", rows);
-        prompts.choose(pathOf("numbers.csv"));
+        prompts_.choose(pathOf("numbers.csv"));
         ASSERT_TRUE(hands->press("导入SN"));
-        EXPECT_EQ(prompts.takeBoxes(), std::vector<Box>({notice("导入成功")}));
+        EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({notice("导入成功")}));
     }
 
     static std::string row(int number, bool burned = false) {
         return "SN-" + std::to_string(number) + (burned ? ",1\r\n" : ",0\r\n");
     }
-
-    static Box notice(const char* text) { return {text, "提示", BoxType::kWarning}; }
 
     // Opens the USB page and chooses the package.
     void prepare() {
@@ -139,8 +121,6 @@ class WindowFixture : public testing::Test {
     const std::string flashboot = std::string(3000, 'f');
     const std::string master = std::string(30'000, 'm') + "end";
 
-    EnteredDirectory directory;
-    ScriptedPrompts prompts;
     simulator::VirtualUsbBus bus;
     std::vector<std::shared_ptr<simulator::VirtualUsbDevice>> devices;
     std::unique_ptr<CVorlanFactoryToolDlg> window;

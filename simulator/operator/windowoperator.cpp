@@ -14,7 +14,7 @@
 namespace simulator {
 namespace {
 
-constexpr int kFirstTileId = 10000;
+constexpr int kFirstTileIds[] = {10000, 11000};  // of the USB page and the serial page
 constexpr int kControlsOfATile = 4;
 constexpr int kTiles = 16;
 
@@ -35,9 +35,13 @@ QAbstractButton* buttonOf(const QWidget& window, const QString& text) {
 // The control of a tile, counted from the tile's first one; null while it cannot be seen.
 template <typename Control>
 Control* ofTile(const QWidget& window, int tile, int control) {
-    const QString id = QString::number(kFirstTileId + tile * kControlsOfATile + control);
-    return visible<Control>(window,
-                            [&](const Control& candidate) { return candidate.objectName() == id; });
+    for (const int first : kFirstTileIds) {
+        const QString id = QString::number(first + tile * kControlsOfATile + control);
+        if (Control* const found = visible<Control>(
+                window, [&](const Control& candidate) { return candidate.objectName() == id; }))
+            return found;
+    }
+    return nullptr;
 }
 
 void click(QWidget* widget, QPoint at) {
@@ -110,9 +114,9 @@ std::vector<TileView> WindowOperator::tiles() const {
         const auto* const tag = ofTile<QLineEdit>(window_, i, 1);
         const auto* const bar = ofTile<QProgressBar>(window_, i, 2);
         const auto* const status = ofTile<QLabel>(window_, i, 3);
-        if (name != nullptr && tag != nullptr && bar != nullptr && status != nullptr)
-            views.push_back({name->text(), tag->text(), status->text(), bar->value(),
-                             tag->isEnabled() && bar->isEnabled() && status->isEnabled()});
+        if (name != nullptr && bar != nullptr && status != nullptr)
+            views.push_back({name->text(), tag != nullptr ? tag->text() : QString(), status->text(),
+                             bar->value(), bar->isEnabled() && status->isEnabled()});
     }
     return views;
 }

@@ -13,7 +13,7 @@ namespace simulator {
 // What one tile shows.
 struct TileView {
     QString name;
-    QString tag;
+    QString tag;  // empty on the serial page, whose tiles have none
     QString status;
     int percent = 0;
     bool active = false;

@@ -171,6 +171,11 @@ void SerialNumFile::releaseRecord(SnRecord* record) {
         released_.insert(record);
 }
 
+bool SerialNumFile::isInUse() const {
+    const std::lock_guard guard(lock_);
+    return isAnyTaken();
+}
+
 void SerialNumFile::clearRecords() {
     const std::lock_guard guard(lock_);
     discardRecords();
@@ -227,13 +232,16 @@ std::string SerialNumFile::readRecords() {
 }
 
 void SerialNumFile::discardRecords() {
-    const bool held = std::any_of(records_.begin(), records_.end(),
-                                  [](const SnRecord& record) { return record.taken != 0; });
-    if (held)
+    if (isAnyTaken())
         abandoned_.push_back(std::move(records_));
     records_ = std::vector<SnRecord>();
     released_.clear();
     firstUntried_ = 0;
+}
+
+bool SerialNumFile::isAnyTaken() const {
+    return std::any_of(records_.begin(), records_.end(),
+                       [](const SnRecord& record) { return record.taken != 0; });
 }
 
 void SerialNumFile::keepOut(const std::string& number) {

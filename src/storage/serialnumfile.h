@@ -54,6 +54,9 @@ class SerialNumFile {
     // Gives the number back: it is free again unless it was burned.
     void releaseRecord(SnRecord* record);
 
+    // Whether a worker holds a record: a load would keep its number from being marked.
+    bool isInUse() const;
+
     // Forgets all records.
     void clearRecords();
 
@@ -66,12 +69,13 @@ class SerialNumFile {
     std::string reload(const std::string& path);
     std::string readRecords();
     void discardRecords();
+    bool isAnyTaken() const;
     void keepOut(const std::string& number);
     bool owns(const SnRecord* record) const;
     std::string writeMark(const SnRecord& record, const std::string& freeRow);
     bool isRowOnDisk(const SnRecord& record, const std::string& row) const;
 
-    std::mutex lock_;
+    mutable std::mutex lock_;
     std::atomic<int> loaded_{0};
     platform::File file_;
     std::string path_;               // of the file, native

@@ -20,6 +20,16 @@ QIcon programIcon() {
     return icon;
 }
 
+// The style's light colours, but with greyed texts that can be read: a tile that is greyed out
+// still tells why its burn failed.
+QPalette lightColours() {
+    QPalette palette = QApplication::style()->standardPalette();
+    for (const QPalette::ColorRole text :
+         {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        palette.setColor(QPalette::Disabled, text, QColor(0x6e, 0x6e, 0x6e));
+    return palette;
+}
+
 }  // namespace
 
 void setUpApplication(QApplication& application) {
@@ -28,7 +38,7 @@ void setUpApplication(QApplication& application) {
     QGuiApplication::setDesktopFileName(QStringLiteral("vorlanfactorytool"));
     QApplication::setWindowIcon(programIcon());
     QApplication::setStyle(QStringLiteral("Fusion"));
-    QApplication::setPalette(QApplication::style()->standardPalette());
+    QApplication::setPalette(lightColours());
 
     auto* const translator = new QTranslator(&application);
     if (translator->load(QStringLiteral("qtbase_zh_CN"),

@@ -1,8 +1,11 @@
 #include "ui/devicedisplay.h"
 
 #include <QFont>
+#include <QSignalBlocker>
 #include <cstdio>
 #include <utility>
+
+#include "ui/tooltip.h"
 
 namespace {
 
@@ -12,6 +15,7 @@ constexpr int kTopMargin = 2;
 constexpr int kRightMargin = 4;
 constexpr int kBottomMargin = 2;
 constexpr int kRowGap = 2;
+constexpr int kTextRise = 2;  // of a label, half of which the centring takes
 
 // The style's own frame is so thick that a row's text would be cut off.
 const QString kThinFrame = QStringLiteral(
@@ -19,13 +23,26 @@ const QString kThinFrame = QStringLiteral(
     "QLineEdit:focus { border-color: palette(highlight); }"
     "QLineEdit:disabled { background: palette(window); }");
 
+// The edit of a label, with a cue that is gone while the box has the focus.
+class TagBox final : public QLineEdit {
+  public:
+    explicit TagBox(QWidget* parent) : QLineEdit(parent) { setPlaceholderText(cue()); }
+
+  private:
+    static QString cue() { return QStringLiteral("请输入标签"); }
+
+    void focusInEvent(QFocusEvent* event) override {
+        setPlaceholderText({});
+        QLineEdit::focusInEvent(event);
+    }
+    void focusOutEvent(QFocusEvent* event) override {
+        setPlaceholderText(cue());
+        QLineEdit::focusOutEvent(event);
+    }
+};
+
 QRect fromEdges(int left, int top, int right, int bottom) {
     return {left, top, right - left, bottom - top};
-}
-
-// As rich text that shows the plain text: tool tips guess which of the two they get.
-QString toolTipOf(const QString& text) {
-    return text.isEmpty() ? text : QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped());
 }
 
 }  // namespace
@@ -47,11 +64,14 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
     titleBox_->setAccessibleName(QStringLiteral("设备"));
     // Nothing to do there for an operator who goes from label to label by key.
     titleBox_->setFocusPolicy(Qt::ClickFocus);
-    tagBox_ = new QLineEdit(parent_);
+    tagBox_ = new TagBox(parent_);
     tagBox_->setGeometry(fromEdges(split, top, right, top + rowHeight));
     tagBox_->setAccessibleName(QStringLiteral("标签"));
     tagBox_->setStyleSheet(kThinFrame);
-    QObject::connect(tagBox_, &QLineEdit::textEdited, [this](const QString& tag) { typed(tag); });
+    // A line is higher than the box: what is above the letters may go, what hangs below must stay.
+    tagBox_->setTextMargins(0, -kTextRise, 0, 0);
+    // Unlike textEdited, it also tells what assistive tools and input devices put in.
+    QObject::connect(tagBox_, &QLineEdit::textChanged, [this](const QString& tag) { typed(tag); });
 
     top += rowHeight + kRowGap;
     bar_ = new QProgressBar(parent_);
@@ -73,7 +93,6 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
     titleBox_->setFont(font);
     tagBox_->setFont(font);
     statusLine_->setFont(font);
-    tagBox_->setPlaceholderText(QStringLiteral("请输入标签"));
     return id;
 }
 
@@ -138,20 +157,30 @@ void DeviceDisplay::refresh() {
         const std::lock_guard guard(lock_);
         changes = std::exchange(changes_, {});
     }
-    if (changes.name)
-        titleBox_->setText(QString::fromStdWString(*changes.name));
-    if (changes.tag)
+    QWidget* const others[] = {tagBox_, bar_, statusLine_};
+    if (changes.name) {
+        const QString name = QString::fromStdWString(*changes.name);
+        titleBox_->setText(name);
+        // Assistive tools tell by it which of the sixteen a control belongs to.
+        for (QWidget* const control : others)
+            control->setAccessibleDescription(name);
+    }
+    if (changes.tag) {
+        const QSignalBlocker nobodyTyped(tagBox_);
         tagBox_->setText(QString::fromStdWString(*changes.tag));
+    }
     if (changes.status) {
         const QString status = QString::fromStdWString(*changes.status);
         statusLine_->setText(status);
-        statusLine_->setToolTip(toolTipOf(status));
+        setPlainToolTip(*statusLine_, status);
     }
     if (changes.progress)
         bar_->setValue(*changes.progress);
     if (changes.active) {
-        for (QWidget* const control : {static_cast<QWidget*>(tagBox_), static_cast<QWidget*>(bar_),
-                                       static_cast<QWidget*>(statusLine_)})
+        // Else the focus goes to the next tile, whose label gets what is being typed here.
+        if (!*changes.active)
+            tagBox_->clearFocus();
+        for (QWidget* const control : others)
             control->setEnabled(*changes.active);
     }
     if (changes.tagBoxVisible)

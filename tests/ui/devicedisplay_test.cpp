@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QAccessible>
 #include <QTest>
 #include <thread>
 #include <vector>
@@ -125,7 +126,6 @@ TEST_F(DeviceDisplayTest, ShowsTheLastOfSeveralCalls) {
 
 TEST_F(DeviceDisplayTest, GreysAllButTheName) {
     create();
-    EXPECT_EQ(tag()->placeholderText(), QStringLiteral("请输入标签"));
     for (const bool active : {false, true}) {
         display_.setActive(active);
         settle();
@@ -133,7 +133,33 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
         EXPECT_EQ(tag()->isEnabled(), active);
         EXPECT_EQ(bar()->isEnabled(), active);
         EXPECT_EQ(status()->isEnabled(), active);
+        EXPECT_EQ(status()->grab().toImage().pixelColor(0, 0), QColor(Qt::white));
     }
+}
+
+TEST_F(DeviceDisplayTest, NobodyTypesIntoTheNextTile) {
+    create();
+    QLineEdit next(&area_);
+    next.show();
+    area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
+    tag()->setFocus();
+    ASSERT_TRUE(tag()->hasFocus());
+    display_.setActive(false);
+    settle();
+    EXPECT_EQ(area_.focusWidget(), nullptr);
+}
+
+TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUse) {
+    create();
+    const QString cue = QStringLiteral("请输入标签");
+    EXPECT_EQ(tag()->placeholderText(), cue);
+    area_.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
+    tag()->setFocus();
+    EXPECT_EQ(tag()->placeholderText(), "");
+    tag()->clearFocus();
+    EXPECT_EQ(tag()->placeholderText(), cue);
 }
 
 TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
@@ -144,6 +170,12 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     settle();
     QTest::keyClicks(tag(), "-7");
     EXPECT_EQ(display_.getTag(), L"set-7");
+    QAccessible::queryAccessibleInterface(tag())->setText(QAccessible::Value, "by tool");
+    EXPECT_EQ(display_.getTag(), L"by tool");
+    display_.setTag(L"just before");
+    QTest::keyClicks(tag(), "!");
+    settle();
+    EXPECT_EQ(tag()->text().toStdWString(), display_.getTag());
 
     const std::wstring longTag(1000, L'标');
     display_.setTag(longTag);
@@ -151,6 +183,9 @@ TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
     EXPECT_EQ(tag()->text().toStdWString(), longTag);
     QTest::keyClicks(tag(), "x");
     EXPECT_EQ(display_.getTag(), longTag + L"x");
+    display_.setTag(std::wstring(40'000, L'x'));
+    settle();
+    EXPECT_EQ(display_.getTag().size(), 40'000U) << "no more than the box can hold";
 }
 
 TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
@@ -160,6 +195,14 @@ TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
     EXPECT_EQ(status()->textFormat(), Qt::PlainText);
     EXPECT_EQ(status()->text(), "<img src=x> <b>SN=&amp;1</b>");
     EXPECT_FALSE(status()->toolTip().contains("<img"));
+
+    // Nor do assistive tools tell markup: they tell the device.
+    display_.setName(L"port 3");
+    settle();
+    for (QWidget* const control : {static_cast<QWidget*>(tag()), static_cast<QWidget*>(bar()),
+                                   static_cast<QWidget*>(status())})
+        EXPECT_EQ(QAccessible::queryAccessibleInterface(control)->text(QAccessible::Description),
+                  "port 3");
 }
 
 TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {

@@ -1,0 +1,127 @@
+// The faults that a virtual serial device can be told to show, and at which requests.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "simulator/faultscript.h"
+
+namespace simulator {
+
+// The requests of the host, by the peer that is asked; and what it says at a wrong rate.
+enum class SerialFaultPoint {
+    RomSync,
+    RamBegin,
+    RamData,
+    RamEnd,
+    ProxySync,
+    ChangeBaudrate,
+    FlashBegin,
+    FlashData,
+    Md5,
+    FlashEnd,
+    WrongRate,  // a burst of bytes that the device cannot read; knows rawAnswer only
+};
+constexpr std::size_t kSerialFaultPoints = 11;
+
+class SerialFault {
+  public:
+    enum class Kind {
+        None,
+        // The request is not carried out.
+        Swallow,
+        Refuse,
+        Stall,
+        Unplug,
+        RawAnswer,
+        // The request is carried out, its answer suffers.
+        Silence,
+        LateAnswer,
+        CutAnswer,
+        Noise,
+        LongFrame,
+        EarlierAnswer,
+        WrongDigest,
+        UnplugInAnswer,
+        // The data suffers, the answer does not.
+        Corrupt,
+    };
+
+    SerialFault() = default;
+
+    // The request reaches nobody.
+    static SerialFault swallow() { return SerialFault(Kind::Swallow); }
+    // It is refused with these two bytes; they should not both be 0.
+    static SerialFault refuse(std::uint8_t data0, std::uint8_t data1) {
+        return {Kind::Refuse, data0 | std::uint32_t{data1} << 8};
+    }
+    // From this request on nothing is heard and nothing said for so long, or until power-on.
+    static SerialFault stall(std::chrono::milliseconds time = std::chrono::milliseconds::max()) {
+        SerialFault fault(Kind::Stall);
+        fault.time = time;
+        return fault;
+    }
+    // The device leaves when it has got the request. VirtualSerialDevice::unplugAtByte() can do so
+    // in the middle of one.
+    static SerialFault unplug() { return SerialFault(Kind::Unplug); }
+    // These bytes come for an answer, as they are.
+    static SerialFault rawAnswer(std::string bytes) {
+        SerialFault fault(Kind::RawAnswer);
+        fault.before = std::move(bytes);
+        return fault;
+    }
+    static SerialFault badEscape() { return rawAnswer("\xC0\x01\xDB\x01\x02\xC0"); }
+    // A host may take this for the answer that it got before.
+    static SerialFault emptyFrame() { return rawAnswer("\xC0\xC0"); }
+
+    // No answer comes.
+    static SerialFault silence() { return SerialFault(Kind::Silence); }
+    // The answer comes so much later.
+    static SerialFault lateAnswer(std::chrono::milliseconds time) {
+        SerialFault fault(Kind::LateAnswer);
+        fault.time = time;
+        return fault;
+    }
+    // So many bytes of the answer's frame come, and the rest after the pause.
+    static SerialFault cutAnswer(std::uint32_t bytes, std::chrono::milliseconds pause) {
+        SerialFault fault(Kind::CutAnswer, bytes);
+        fault.time = pause;
+        return fault;
+    }
+    // These bytes come with the answer's frame, before it and behind it.
+    static SerialFault noise(std::string before, std::string behind = {}) {
+        SerialFault fault(Kind::Noise);
+        fault.before = std::move(before);
+        fault.behind = std::move(behind);
+        return fault;
+    }
+    // The answer is filled up to so many plain bytes.
+    static SerialFault longFrame(std::uint32_t size) { return {Kind::LongFrame, size}; }
+    // Instead of the answer comes a good one to an earlier request of another kind, or to a SYNC.
+    static SerialFault earlierAnswer() { return SerialFault(Kind::EarlierAnswer); }
+    // For MD5: the last bit of the digest is wrong.
+    static SerialFault wrongDigest() { return SerialFault(Kind::WrongDigest); }
+    // The device leaves when so many bytes of the answer's frame have been sent.
+    static SerialFault unplugInAnswer(std::uint32_t bytes) { return {Kind::UnplugInAnswer, bytes}; }
+
+    // For FLASH_DATA: the byte at this offset of the block gets into the flash with one bit wrong.
+    static SerialFault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }
+
+    bool carriesOut() const { return kind == Kind::None || kind >= Kind::Silence; }
+
+    Kind kind = Kind::None;
+    std::uint32_t value = 0;  // number of bytes, or the refusal's two
+    std::chrono::milliseconds time{};
+    std::string before;
+    std::string behind;
+
+  private:
+    explicit SerialFault(Kind faultKind) : kind(faultKind) {}
+    SerialFault(Kind faultKind, std::uint32_t faultValue) : kind(faultKind), value(faultValue) {}
+};
+
+using SerialFaultRule = ScriptedFault<SerialFaultPoint, SerialFault>;
+
+}  // namespace simulator

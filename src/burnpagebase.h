@@ -1,0 +1,112 @@
+// What the two burn pages have in common: the choice of firmware and serial numbers, the start
+// button, the burn count, and sixteen tiles that take turns with a hint in the middle of the page.
+#pragma once
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <array>
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "ui/customstatic.h"
+#include "ui/devicedisplay.h"
+#include "ui/dialogtemplate.h"
+#include "ui/page.h"
+#include "ui/refresher.h"
+#include "vorlan/firmware/firmwaremanager.h"
+
+// All on the user-interface thread, unless said otherwise. No other thread ever waits for that one.
+class BurnPageBase : public Page {
+  public:
+    static constexpr std::size_t kSlots = 16;
+
+    bool isBurning() const { return burning_; }
+
+    // Starts burning, or stops it.
+    void toggleBurn();
+
+    // Shows the count of burned devices. Any thread.
+    void refreshBurnCount();
+
+    void OnInitDialog() override;
+    bool OnKillActive() override;
+
+  protected:
+    // Where the templates of the pages differ. Rectangles are in dialog units.
+    struct Layout {
+        QString caption;
+        QRect snPathLabel;
+        QRect snPathBox;
+        QRect importButton;
+        QRect snAddressLabel;
+        QRect burnCountBox;
+        QRect tileArea;
+        QString hint;  // until the first start
+        int firstTileId;
+        const wchar_t* tileName;  // the tile's number follows
+        const wchar_t* unpackDirectory;
+    };
+
+    explicit BurnPageBase(Layout layout);
+
+    virtual void startBurn() = 0;
+    virtual void stopBurn() = 0;
+    // The start button was pressed.
+    virtual void onStartButton() { toggleBurn(); }
+    // Makes the controls that only one page has, and connects the tiles to their slots.
+    virtual void addControls(const DialogTemplate& controls) = 0;
+    virtual void addTile(std::size_t number, DeviceDisplay& tile) = 0;
+
+    // Stores the flash address that the box holds. False, and the operator knows why, if it is
+    // none.
+    bool storeAddress();
+    // Puts what is stored about serial numbers into the boxes.
+    void showStoredSettings();
+    // Greys out what must not be changed during a run, or frees it.
+    void lockChoices(bool locked);
+    void setBurning(bool burning);
+
+    // Hint and tile area take turns; neither is there before the first of these. Any thread.
+    void showTiles();
+    void showHintInsteadOfTiles();
+    void showHintUnlessTiles();
+    bool areTilesShown() const { return centre_ == Centre::kTiles; }
+
+    // A box for the operator, whom nobody waits for. Any thread.
+    void showLater(const char* notice);
+
+    // Brings all that has changed to the screen at once.
+    void refresh();
+
+    DeviceDisplay* tile(std::size_t number) const { return tiles_[number].get(); }
+    const FirmwareManager& firmware() const { return firmware_; }
+
+  private:
+    enum class Centre { kNothing, kHint, kTiles };
+
+    void makeControls();
+    void layoutTiles();
+    void chooseFirmware();
+    void importSn();
+    void showNotice();
+
+    const Layout layout_;
+    QLineEdit* firmwareBox_ = nullptr;
+    QPushButton* chooseButton_ = nullptr;
+    QPushButton* startButton_ = nullptr;
+    QLineEdit* snPathBox_ = nullptr;
+    QLineEdit* snAddressBox_ = nullptr;
+    QLineEdit* burnCountBox_ = nullptr;
+    QLabel* hint_ = nullptr;
+    CCustomStatic* tileArea_ = nullptr;
+
+    FirmwareManager firmware_;
+    bool burning_ = false;
+    Refresher refresher_;
+    std::array<std::unique_ptr<DeviceDisplay>, kSlots> tiles_;  // made by layoutTiles
+    std::atomic<Centre> centre_{Centre::kNothing};
+    std::atomic<const char*> notice_{nullptr};
+    bool noticeOpen_ = false;
+};

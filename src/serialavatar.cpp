@@ -1,0 +1,59 @@
+#include "serialavatar.h"
+
+#include <system_error>
+
+#include "storage/globalstorage.h"
+#include "utils/interruption.h"
+#include "utils/trace.h"
+
+SerialAvatar::~SerialAvatar() {
+    interrupt();
+}
+
+void SerialAvatar::setPortName(const std::wstring& portName) {
+    slot_.portName = portName;
+    if (slot_.tile != nullptr)
+        slot_.tile->setName(portName);
+}
+
+void SerialAvatar::start() {
+    if (isRunning())
+        return;
+    GlobalStorage& storage = GlobalStorage::getInstance();
+    SerialNumFile::SnRecord* snRecord = nullptr;
+    if (storage.getSnFile().isLoaded() != 0) {
+        snRecord = storage.getSnFile().takeNext();
+        if (snRecord == nullptr) {
+            if (slot_.tile != nullptr) {
+                slot_.tile->setProgress(0);
+                slot_.tile->setStatus(L"SN号已耗尽，请导入新的SN号！");
+            }
+            return;
+        }
+    }
+    threads_.remove_if([](const ServeThread& thread) { return thread.run->hasEnded(); });
+    ServeThread& fresh = threads_.emplace_back();
+    fresh.run = std::make_unique<SerialRun>(slot_, snRecord, storage.getSnBurnAddr());
+    run_ = fresh.run.get();
+    try {
+        fresh.thread = std::jthread([run = run_](const std::stop_token& programEnds) {
+            const interruption::Scope scope(programEnds);
+            run->serve();
+        });
+    } catch (const std::system_error& problem) {
+        TRACE("create serve thread failed, error=%d\n", problem.code().value());
+    }
+}
+
+void SerialAvatar::stop() {
+    if (run_ != nullptr)
+        run_->stop();
+    stopEvent_.set();
+}
+
+void SerialAvatar::interrupt() {
+    for (ServeThread& thread : threads_) {
+        thread.run->stop();
+        thread.thread.request_stop();
+    }
+}

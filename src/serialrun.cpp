@@ -1,0 +1,269 @@
+#include "serialrun.h"
+
+#include <utility>
+
+#include "serialburnpage.h"
+#include "storage/globalstorage.h"
+#include "utils/logutil.h"
+#include "utils/text.h"
+#include "vorlan/uart/protocol/connect_flash/flash_loader.h"
+#include "vorlan/uart/protocol/connect_ram/ram_loader.h"
+
+#define LOG_TAG "SerialAvatar"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kRomAttempts = 10;
+constexpr auto kPauseAfterFailedAttempt = 1000ms;
+constexpr auto kPauseAfterRom = 2000ms;  // in which the flash proxy starts
+constexpr std::uint32_t kRamWindow = 0x60000000;
+
+// How a device is burned.
+struct Config {
+    bool syncRamLoader = true;  // find the flash proxy's rate
+    bool md5Check = true;
+    bool download = true;
+    bool skipRom = false;
+    std::uint8_t endAction = 2;        // of UART_FLASH_END
+    std::uint32_t baudrate = 3000000;  // to change to; 0 leaves the rate as it is
+};
+constexpr Config config;
+
+SerialNumFile& snFile() {
+    return GlobalStorage::getInstance().getSnFile();
+}
+
+// An offset in the flash as an address of the device's window; one above the window's range wraps.
+std::uint32_t windowAddress(std::uint32_t offset) {
+    return offset - kFlashWindow;
+}
+
+}  // namespace
+
+SerialRun::SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr)
+    : slot_(std::move(slot)),
+      snRecord_(snRecord),
+      snAddr_(snAddr),
+      context_(uart_context_create()),
+      snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved) {
+    context_->run = this;
+    context_->onProgress = onBurnProgress;
+    context_->onFinish = onBurnFinished;
+    context_->onError = onBurnError;
+}
+
+void SerialRun::serve() {
+    const std::string port = text::narrow(slot_.portName);
+    LOG_I("start serve thread, port=%s", port.c_str());
+    if (slot_.firmwareManager == nullptr) {
+        LOG_I("firmware manager is NULL, serve thread stopped, port=%s", port.c_str());
+        ended_ = true;
+        return;
+    }
+    const std::vector<BurnItem> items = slot_.firmwareManager->getBurnItems();
+    if (slot_.tile != nullptr) {
+        slot_.tile->setActive(true);
+        slot_.tile->setProgress(0);
+    }
+    uart_context_open_port(context_.get(), slot_.portName);
+    int ret = prepareDevice();
+    if (ret == kUartOk && !uart_context_stopped(context_.get())) {
+        ret = burnItems(items);
+        if (beginSn())
+            ret = burnSn();
+        if (ret == kUartOk && burnedItems_ == items.size() && isSnSettled())
+            context_->onFinish(context_.get());
+    }
+    releaseSn();
+    serial_close(context_->port);
+    LOG_I("serve thread stopped, port=%s", port.c_str());
+    ended_ = true;
+}
+
+void SerialRun::stop() {
+    context_->stop = true;
+    bool reserved = false;
+    {
+        const std::lock_guard guard(lock_);
+        reserved = snState_ == SnState::kReserved;
+        if (reserved)
+            snState_ = SnState::kGivenBack;
+    }
+    if (reserved)
+        giveBack();
+    slot_.stopEvent->set();
+}
+
+// Brings the device to the point where its flash proxy takes images at the full rate. A stop in
+// between is no failure.
+int SerialRun::prepareDevice() {
+    if (!config.skipRom) {
+        const int ret = connectWithRom();
+        if (ret != kUartOk)
+            return fail(ret, "CONNECT WITH ROM TRIGGER ERROR");
+        if (uart_context_stopped(context_.get()))
+            return kUartOk;
+        slot_.stopEvent->wait(kPauseAfterRom);
+    }
+    if (config.syncRamLoader) {
+        LOG_I("SYNC WITH RAM LOADER");
+        if (flash_loader_handshake(context_.get()) != kUartOk)
+            return fail(-1, "HANDSHAKE FAILED");
+    }
+    if (config.baudrate != 0) {
+        LOG_I("CHANGE BAUDRATE");
+        const int ret = flash_loader_change_baudrate(context_.get(), config.baudrate);
+        if (ret != kUartOk)
+            return fail(ret, "CHANGE BAUDRATE, RET=" + std::to_string(ret));
+    }
+    return kUartOk;
+}
+
+int SerialRun::connectWithRom() {
+    int ret = kUartOk;
+    for (int attempt = 0; attempt < kRomAttempts; ++attempt) {
+        if (uart_context_stopped(context_.get()))
+            break;
+        if (slot_.tile != nullptr)
+            slot_.tile->setStatus(L"准备中...");
+        ret = ram_loader_download(context_.get());
+        if (ret == kUartOk)
+            break;
+        slot_.stopEvent->wait(kPauseAfterFailedAttempt);
+    }
+    return ret;
+}
+
+// A failed item does not keep the next ones from being burned. Gives the result of the last one.
+int SerialRun::burnItems(const std::vector<BurnItem>& items) {
+    int ret = kUartOk;
+    for (const BurnItem& item : items) {
+        if (uart_context_stopped(context_.get()))
+            break;
+        ret = burnItem(item, ret);
+    }
+    return ret;
+}
+
+// `ret` is what an item that leads to nothing leaves as it is.
+int SerialRun::burnItem(const BurnItem& item, int ret) {
+    const std::string path = text::narrow(item.file);
+    const std::uint32_t address = windowAddress(item.addr);
+    LOG_I("START TO BURN %s, ADDR=0x%x", path.c_str(), address);
+    if (!config.download) {
+        if (!config.md5Check)
+            return ret;
+        LOG_I("ONLY USE MD5 CHECK COMMAND");
+        return flash_loader_md5_check(context_.get(), path.c_str(), address);
+    }
+    if (address < kRamWindow)
+        return ret;
+    if (address >= kFlashWindow) {
+        LOG_I(config.md5Check ? "DOWNLOAD TO FLASH WITH MD5 CHECK" : "DOWNLOAD CODE TO FLASH");
+        ret = flash_loader_download_file(context_.get(), path.c_str(), address, config.endAction,
+                                         config.md5Check);
+    } else {
+        if (config.md5Check)
+            LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
+        LOG_I(config.md5Check ? "DOWNLOAD CODE TO RAM WITH MD5 CHECK" : "DOWNLOAD CODE TO RAM");
+        LOG_W("%s is for RAM, to which nothing is sent: port=%s", path.c_str(),
+              text::narrow(slot_.portName).c_str());
+        ret = flash_loader_download_ram(context_.get(), path.c_str(), address, config.endAction);
+    }
+    if (ret == kUartOk)
+        ++burnedItems_;
+    return ret;
+}
+
+int SerialRun::burnSn() {
+    const std::string sn = snRecord_->sn;
+    LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
+    const int ret = flash_loader_download_buffer(
+        context_.get(), reinterpret_cast<const std::uint8_t*>(sn.data()),
+        static_cast<std::uint32_t>(sn.size()), windowAddress(snAddr_), config.endAction,
+        config.md5Check, L"SN=" + text::widen(sn));
+    if (ret != kUartOk) {
+        releaseSn();
+        return ret;
+    }
+    {
+        const std::lock_guard guard(lock_);
+        snState_ = SnState::kBurned;
+    }
+    if (snFile().isLoaded() != 0)
+        snFile().markBurned(snRecord_);
+    return ret;
+}
+
+// Whether there is a number to write. From here on the run alone decides what becomes of it.
+bool SerialRun::beginSn() {
+    if (!config.md5Check || !config.download)
+        return false;
+    const std::lock_guard guard(lock_);
+    if (snState_ != SnState::kReserved || snRecord_->sn.empty())
+        return false;
+    snState_ = SnState::kWriting;
+    return true;
+}
+
+// Whether the device has the number that was drawn for it, or none was.
+bool SerialRun::isSnSettled() {
+    const std::lock_guard guard(lock_);
+    return snState_ == SnState::kNone || snState_ == SnState::kBurned;
+}
+
+// For the run: a number that is not in the device, whatever has become of its download.
+void SerialRun::releaseSn() {
+    bool held = false;
+    {
+        const std::lock_guard guard(lock_);
+        held = snState_ == SnState::kReserved || snState_ == SnState::kWriting;
+        if (held)
+            snState_ = SnState::kGivenBack;
+    }
+    if (held)
+        giveBack();
+}
+
+void SerialRun::giveBack() {
+    if (snFile().isLoaded() != 0)
+        snFile().releaseRecord(snRecord_);
+}
+
+int SerialRun::fail(int code, const std::string& description) {
+    context_->onError(context_.get(), code, text::widen(description));
+    LOG_E("%s", description.c_str());
+    return code;
+}
+
+void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, int percent) {
+    DeviceDisplay* const tile = context->run->slot_.tile;
+    if (tile == nullptr)
+        return;
+    tile->setProgress(percent);
+    tile->setStatus(L"正在写入 " + name + L", 进度 " + std::to_wstring(percent) + L"%");
+}
+
+void SerialRun::onBurnFinished(UartContext* context) {
+    SerialRun& run = *context->run;
+    if (run.slot_.tile == nullptr)
+        return;
+    std::wstring status = L"烧录成功！";
+    if (run.snRecord_ != nullptr)
+        status += L"SN=" + text::widen(run.snRecord_->sn);
+    run.slot_.tile->setStatus(status);
+    GlobalStorage::getInstance().increaseFlashCount();
+    if (run.slot_.page != nullptr)
+        run.slot_.page->refreshBurnCount();
+}
+
+void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& description) {
+    SerialRun& run = *context->run;
+    if (run.slot_.tile == nullptr)
+        return;
+    run.slot_.tile->setStatus(L"出错, code=" + std::to_wstring(code) + L", des=" + description);
+    run.slot_.tile->setActive(false);
+    run.releaseSn();
+}

@@ -1,0 +1,81 @@
+// One run of a serial slot: opens the port, brings the device through its ROM loader and the flash
+// proxy, burns every image and the serial number, and reports on the slot's tile. Once for one
+// device; the slot's next device gets a new run.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "stopevent.h"
+#include "storage/serialnumfile.h"
+#include "ui/devicedisplay.h"
+#include "vorlan/firmware/firmwaremanager.h"
+#include "vorlan/uart/protocol/header_configure.h"
+
+class CSerialBurnPage;
+
+// What a slot lends its runs; all of it outlives them. Pointers may be null.
+struct SerialSlot {
+    std::wstring portName;
+    DeviceDisplay* tile = nullptr;
+    const FirmwareManager* firmwareManager = nullptr;
+    CSerialBurnPage* page = nullptr;
+    StopEvent* stopEvent = nullptr;  // cuts the pauses short; not null
+};
+
+class SerialRun {
+  public:
+    // With the record of a serial number that was drawn for the device, or null, and the flash
+    // offset at which the number is written.
+    SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr);
+    SerialRun(const SerialRun&) = delete;
+    SerialRun& operator=(const SerialRun&) = delete;
+
+    // The whole run, on its own thread; once. An interruption of that thread cuts every exchange
+    // and pause short.
+    void serve();
+
+    // Asks the run to end, which takes as long as the exchange under way. A number whose download
+    // has not begun is given back at once. Any thread; waits for nothing.
+    void stop();
+
+    // Neither asked to stop nor at its end. Any thread.
+    bool isRunning() const { return !context_->stop && !ended_; }
+    // Nothing of the run happens any more once this is true. Any thread.
+    bool hasEnded() const { return ended_; }
+
+  private:
+    // What has become of the serial number that was drawn.
+    enum class SnState { kNone, kReserved, kWriting, kBurned, kGivenBack };
+
+    static void onBurnProgress(UartContext* context, const std::wstring& name, int percent);
+    static void onBurnFinished(UartContext* context);
+    static void onBurnError(UartContext* context, int code, const std::wstring& description);
+
+    int prepareDevice();
+    int connectWithRom();
+    int burnItems(const std::vector<BurnItem>& items);
+    int burnItem(const BurnItem& item, int ret);
+    int burnSn();
+    int fail(int code, const std::string& description);
+
+    bool beginSn();
+    bool isSnSettled();
+    void releaseSn();
+    void giveBack();
+
+    const SerialSlot slot_;
+    SerialNumFile::SnRecord* const snRecord_;  // null if there is no list of numbers
+    const std::uint32_t snAddr_;
+    const std::unique_ptr<UartContext> context_;
+    std::size_t burnedItems_ = 0;
+    std::atomic<bool> ended_{false};
+
+    std::mutex lock_;  // guards the state, on which a stop and the run have to agree
+    SnState snState_;
+};

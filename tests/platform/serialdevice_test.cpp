@@ -1,0 +1,170 @@
+#include "platform/serialdevice.h"
+
+#include <asm/termbits.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <numeric>
+#include <thread>
+#include <vector>
+
+#include "support/pseudoterminal.h"
+#include "support/temporarydirectory.h"
+
+using namespace std::chrono_literals;
+using platform::SerialDevice;
+using platform::SerialTimeouts;
+
+namespace {
+
+constexpr auto kLong = 60000ms;  // no test waits so long
+
+class SerialDeviceTest : public testing::Test {
+  protected:
+    SerialDeviceTest() { open(); }
+
+    void open() {
+        port_ = platform::openSerialDevice(terminal_.portPath(), stop_.get_token());
+        ASSERT_NE(port_, nullptr);
+        ASSERT_TRUE(port_->fetchSettings());
+        ASSERT_TRUE(port_->setLine({115200, 0, 0}));
+    }
+
+    // Reads and tells how long that has taken.
+    std::pair<int, std::chrono::nanoseconds> timedRead(const SerialTimeouts& timeouts, int wanted) {
+        EXPECT_TRUE(port_->setTimeouts(timeouts));
+        const auto start = std::chrono::steady_clock::now();
+        const int count = port_->read(buffer_, wanted);
+        return {count, std::chrono::steady_clock::now() - start};
+    }
+
+    PseudoTerminal terminal_;
+    std::stop_source stop_;
+    std::unique_ptr<SerialDevice> port_;
+    std::uint8_t buffer_[64] = {};
+};
+
+}  // namespace
+
+TEST_F(SerialDeviceTest, AReadEndsByNumberOrGapOrTotal) {
+    terminal_.send(std::string(70, 'x'));
+    const auto [full, fullTime] = timedRead({.readGap = kLong, .readConstant = kLong}, 64);
+    EXPECT_EQ(full, 64);
+    EXPECT_LT(fullTime, kLong);
+
+    const auto [rest, gapTime] = timedRead({.readGap = 30ms, .readConstant = kLong}, 64);
+    EXPECT_EQ(rest, 6);
+    EXPECT_GE(gapTime, 30ms);
+    EXPECT_LT(gapTime, kLong);
+
+    // The gap counts behind a byte only: a late first byte is awaited.
+    std::thread late([this] {
+        std::this_thread::sleep_for(60ms);
+        terminal_.send("late");
+    });
+    EXPECT_EQ(timedRead({.readGap = 30ms, .readConstant = kLong}, 64).first, 4);
+    late.join();
+
+    terminal_.send("abc");
+    const auto [some, totalTime] = timedRead({.readGap = kLong, .readConstant = 40ms}, 64);
+    EXPECT_EQ(some, 3);
+    EXPECT_GE(totalTime, 40ms);
+
+    const auto [none, silentTime] =
+        timedRead({.readGap = 1ms, .readPerByte = 1ms, .readConstant = 20ms}, 64);
+    EXPECT_EQ(none, 0);
+    EXPECT_GE(silentTime, 84ms);
+    EXPECT_LT(silentTime, kLong);
+}
+
+TEST_F(SerialDeviceTest, AWriteGivesUpWithWhatThePortHasTaken) {
+    const std::vector<std::uint8_t> bytes(4 << 20, 0x55);
+    const int size = static_cast<int>(bytes.size());
+    ASSERT_TRUE(port_->setTimeouts({.writeConstant = 50ms}));
+    const auto start = std::chrono::steady_clock::now();
+    const int written = port_->write(bytes.data(), size);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+    ASSERT_GT(written, 0);
+    ASSERT_LT(written, size);
+    EXPECT_EQ(terminal_.receive(static_cast<std::size_t>(written)).size(),
+              static_cast<std::size_t>(written));
+
+    // With somebody who reads, all of it goes out, a part at a time.
+    ASSERT_TRUE(port_->setTimeouts({.writeConstant = kLong}));
+    std::thread reader([&] { terminal_.receive(bytes.size()); });
+    EXPECT_EQ(port_->write(bytes.data(), size), size);
+    reader.join();
+}
+
+TEST_F(SerialDeviceTest, EveryByteAndEveryRatePassesUnchanged) {
+    std::string all(256, '\0');
+    std::iota(all.begin(), all.end(), '\0');
+    ASSERT_TRUE(
+        port_->setTimeouts({.readGap = kLong, .readConstant = kLong, .writeConstant = kLong}));
+    for (const std::uint32_t rate : {115200U, 1024000U, 1536000U, 3000000U}) {
+        ASSERT_TRUE(port_->fetchSettings());
+        ASSERT_TRUE(port_->setLine({rate, 0, 0}));
+        EXPECT_EQ(terminal_.rate(), rate);
+        EXPECT_EQ(port_->write(reinterpret_cast<const std::uint8_t*>(all.data()), 256), 256);
+        EXPECT_EQ(terminal_.receive(256), all);
+        terminal_.send(all);
+        for (int i = 0; i < 256; i += 64) {
+            ASSERT_EQ(port_->read(buffer_, 64), 64);
+            EXPECT_EQ(std::string(buffer_, buffer_ + 64),
+                      all.substr(static_cast<std::size_t>(i), 64));
+        }
+        EXPECT_TRUE(terminal_.isQuiet()) << "the port echoes";
+    }
+}
+
+TEST_F(SerialDeviceTest, SetsStopBitsAndParityOfWhichItKnows) {
+    EXPECT_EQ(terminal_.controlFlags() & (CLOCAL | CSTOPB | PARODD), std::uint32_t{CLOCAL});
+    ASSERT_TRUE(port_->setLine({115200, 2, 1}));
+    EXPECT_EQ(terminal_.controlFlags() & (CSTOPB | PARODD), std::uint32_t{CSTOPB | PARODD});
+    EXPECT_FALSE(port_->setLine({115200, 1, 0}));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(port_->setLine({115200, 0, 3}));
+}
+
+TEST_F(SerialDeviceTest, HasOneOwnerAtATime) {
+    EXPECT_TRUE(terminal_.isClaimed());
+    EXPECT_EQ(platform::openSerialDevice(terminal_.portPath(), {}), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(terminal_.isClaimed());
+    port_.reset();
+    EXPECT_FALSE(terminal_.isClaimed());
+    open();
+}
+
+TEST_F(SerialDeviceTest, OpensPortsOnly) {
+    TemporaryDirectory directory;
+    EXPECT_EQ(platform::openSerialDevice((directory.path() / "missing").string(), {}), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(platform::openSerialDevice(directory.write("file", ""), {}), nullptr);
+    EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(SerialDeviceTest, APulledAdapterIsAFailureAndNoTimeOut) {
+    std::thread puller([this] { terminal_.unplug(); });
+    EXPECT_EQ(timedRead({.readGap = 10ms, .readConstant = kLong}, 64).first, -1);
+    EXPECT_TRUE(errno == ENODEV || errno == EIO) << errno;
+    puller.join();
+    EXPECT_EQ(port_->read(buffer_, 64), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(port_->write(buffer_, 64), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_FALSE(port_->fetchSettings());
+}
+
+TEST_F(SerialDeviceTest, AnInterruptionEndsTheTransferUnderWayAndEveryLaterOne) {
+    std::thread ender([this] { stop_.request_stop(); });
+    const auto [count, time] = timedRead({.readGap = 10ms, .readConstant = kLong}, 64);
+    const int reason = errno;
+    ender.join();
+    EXPECT_EQ(count, -1);
+    EXPECT_EQ(reason, ECANCELED);
+    EXPECT_LT(time, kLong);
+    EXPECT_EQ(port_->write(buffer_, 64), -1);
+    EXPECT_EQ(errno, ECANCELED);
+    EXPECT_TRUE(terminal_.isQuiet());
+}
