@@ -216,6 +216,20 @@ TEST_F(SerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
     EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
 }
 
+TEST_F(SerialBurnPageTest, AStoppedRunLeavesTheTileToTheNext) {
+    prepareSerial();
+    plugSerial(0, {.romStartUp = 60s});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, kPreparing));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    // The first run ends with a failure that nobody is to see, and one more refresh would show it.
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(0); }));
+    WindowOperator::waitFor([] { return false; }, 200);
+    EXPECT_EQ(hands->tileNamed(nameOf(0)).status, kPreparing);
+    EXPECT_TRUE(hands->tileNamed(nameOf(0)).active);
+}
+
 TEST_F(SerialBurnPageTest, SixteenPortsAndOneTooMany) {
     prepareSerial();
     std::string numbers;
