@@ -11,7 +11,6 @@
 #include "scriptedpeer.h"
 #include "support/pseudoterminal.h"
 #include "utils/interruption.h"
-#include "utils/text.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
@@ -163,7 +162,8 @@ TEST(UartContext, TheProgramsEndCutsAnExchangeShortAndAnOperatorsStopDoesNot) {
     std::stop_source programEnds;
     const interruption::Scope scope(programEnds.get_token());
     const auto context = uart_context_create();
-    uart_context_open_port(context.get(), text::widen(terminal.portPath()));
+    uart_context_open_port(context.get(), terminal.portName());
+    ASSERT_NE(context->port, nullptr);
     const auto timedSync = [&] {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);
