@@ -147,6 +147,13 @@ TEST_F(UartPacketTest, AResentBlockIsMarkedAndKeepsItsNumber) {
         EXPECT_EQ(blocks[i].word(3), expected[i][1]) << i;
     }
     EXPECT_EQ(context->flashSent, 5U);
+    // A download that was given up leaves the mark to the next one's first block.
+    peer_.keepSilent(UART_FLASH_DATA, 1);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartNoAnswer);
+    EXPECT_EQ(send_flash_begin(context, 0, 3), kUartOk);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(peer_.requests().back().word(1), 0U);
+    EXPECT_EQ(peer_.requests().back().word(2), 0x55555555U);
 }
 
 TEST_F(UartPacketTest, TheDigestIsTakenEvenFromARefusal) {
