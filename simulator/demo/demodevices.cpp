@@ -12,12 +12,12 @@ constexpr std::size_t kLateOne = DemoDevices::kTogether;
 
 }  // namespace
 
-DemoDevices::DemoDevices(Report& report, std::chrono::microseconds chunkTime) : report_(report) {
+DemoDevices::DemoDevices(Report& report, Audience audience) : report_(report) {
     UsbDeviceOptions options;
     options.romStartUp = 50ms;
     options.handOver = 50ms;
     options.eraseTime = 40ms;
-    options.chunkTime = chunkTime;
+    options.chunkTime = audience == Audience::kNobody ? 2500us : 15ms;
     options.resultTime = 150ms;
     for (std::size_t i = 0; i <= kLateOne; ++i)
         devices_.push_back({.port = "0000:00:14.0-2." + std::to_string(i + 1),

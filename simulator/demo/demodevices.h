@@ -1,12 +1,12 @@
-// The seventeen devices of the demo: where they are plugged in, and what is to become of each.
+// The seventeen USB devices of the demo: where they are plugged in, and what is to become of each.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "simulator/demo/audience.h"
 #include "simulator/demo/report.h"
 #include "simulator/operator/windowoperator.h"
 #include "simulator/virtualusbbus.h"
@@ -35,8 +35,7 @@ class DemoDevices {
     // That the failing flash takes before it fails.
     static constexpr std::uint32_t kGoodChunks = 200;
 
-    // `chunkTime`: how long a device takes to program 4 KiB, which sets the pace of its burn.
-    DemoDevices(Report& report, std::chrono::microseconds chunkTime);
+    DemoDevices(Report& report, Audience audience);
 
     std::vector<DemoDevice>& all() { return devices_; }
     DemoDevice& toUnplug();  // in mid-burn

@@ -15,20 +15,25 @@ const QString kNotice = QStringLiteral("提示");
 }  // namespace
 
 bool DemoOperator::visitPages() {
-    return takePicture("main-page.png") && press(QStringLiteral("串口烧录")) &&
-           takePicture("serial-page.png") && openUsbPage() && takePicture("usb-page-idle.png");
+    return takePicture("main-page.png") && openSerialPage() && takePicture("serial-page.png") &&
+           openUsbPage() && takePicture("usb-page-idle.png");
 }
 
 bool DemoOperator::openUsbPage() {
     return press(QStringLiteral("USB烧录"));
 }
 
-bool DemoOperator::chooseFiles(ScriptedAnswers& answers, const QString& package,
-                               const QString& csv) {
-    answers.expectFile(QStringLiteral("刷机固件(*.vrk *.zip)"), package);
-    if (!press(QStringLiteral("选择固件")))
-        return false;
-    answers.expectFile(QStringLiteral("SN文件(*.csv)"), csv);
+bool DemoOperator::openSerialPage() {
+    return press(QStringLiteral("串口烧录"));
+}
+
+bool DemoOperator::choosePackage(ScriptedAnswers& answers, const std::string& path) {
+    answers.expectFile(QStringLiteral("刷机固件(*.vrk *.zip)"), QString::fromStdString(path));
+    return press(QStringLiteral("选择固件"));
+}
+
+bool DemoOperator::importNumbers(ScriptedAnswers& answers, const std::string& path) {
+    answers.expectFile(QStringLiteral("SN文件(*.csv)"), QString::fromStdString(path));
     answers.expectBox(kNotice, QStringLiteral("导入成功"), BoxType::kWarning);
     return press(kImport);
 }

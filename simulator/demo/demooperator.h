@@ -22,7 +22,9 @@ class DemoOperator {
     // Turns to every page and ends on the USB page, with a picture of each.
     bool visitPages();
     bool openUsbPage();
-    bool chooseFiles(ScriptedAnswers& answers, const QString& package, const QString& csv);
+    bool openSerialPage();
+    bool choosePackage(ScriptedAnswers& answers, const std::string& path);
+    bool importNumbers(ScriptedAnswers& answers, const std::string& path);
     bool startBurning();
     bool isBurning() const { return hands_.isEnabled(QStringLiteral("停止烧录")); }
     // Types a label for the places of three devices, saves, and looks into the file. What goes

@@ -11,24 +11,25 @@
 #include <filesystem>
 #include <string_view>
 
+#include "simulator/demo/demo.h"
 #include "simulator/demo/report.h"
-#include "simulator/demo/usbdemo.h"
 #include "ui/applicationlook.h"
 
+using simulator::Audience;
+using simulator::Demo;
 using simulator::Report;
-using simulator::UsbDemo;
 
 namespace {
 
-void tell(Report& report, UsbDemo::Result result) {
+void tell(Report& report, Demo::Result result) {
     switch (result) {
-        case UsbDemo::Result::kPassed:
+        case Demo::Result::kPassed:
             report.line("PASSED: every flash and every serial number is as it must be");
             break;
-        case UsbDemo::Result::kFailed:
+        case Demo::Result::kFailed:
             report.line("FAILED");
             break;
-        case UsbDemo::Result::kEndedByOperator:
+        case Demo::Result::kEndedByOperator:
             report.line("ended early by the operator: nothing has been proven");
             break;
     }
@@ -49,13 +50,13 @@ int main(int argc, char** argv) {
         return 2;
     }
     setUpApplication(application);
-    UsbDemo demo(report, watched ? UsbDemo::Audience::kOnlooker : UsbDemo::Audience::kNobody);
-    const UsbDemo::Result result = demo.run();
+    Demo demo(report, watched ? Audience::kOnlooker : Audience::kNobody);
+    const Demo::Result result = demo.run();
     tell(report, result);
     report.line("all files of this run: %s", std::filesystem::current_path().c_str());
     if (watched && demo.isWindowOpen()) {
         report.line("the window is yours; the devices stay plugged in until it is closed");
         demo.leaveToOnlooker();
     }
-    return result == UsbDemo::Result::kPassed ? 0 : 1;
+    return result == Demo::Result::kPassed ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "simulator/demo/samplepackage.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <random>
 #include <string_view>
@@ -54,6 +55,26 @@ bool SamplePackage::writeZip(const std::string& path) const {
     } catch (const std::exception&) {
         return false;
     }
+}
+
+// The number lies inside an image and is written last.
+bool SamplePackage::isIn(const Flash& flash, const std::string& sn, std::uint32_t snAddress) const {
+    std::vector<Flash::Range> expected;
+    for (const SampleImage& image : images_) {
+        std::vector<std::uint8_t> bytes = image.bytes;
+        if (snAddress >= image.address && snAddress - image.address < bytes.size())
+            std::copy(sn.begin(), sn.end(), bytes.begin() + (snAddress - image.address));
+        if (!flash.holds(image.address, bytes))
+            return false;
+        expected.push_back({image.address, bytes.size()});
+    }
+    std::sort(expected.begin(), expected.end(),
+              [](const auto& a, const auto& b) { return a.address < b.address; });
+    return flash.writtenRanges() == expected;
+}
+
+std::vector<std::uint8_t> sampleProxy() {
+    return sampleBytes(7, 10 * 2048 + 333);
 }
 
 std::string sampleSerialNumbers(unsigned count) {

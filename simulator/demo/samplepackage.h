@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "simulator/flash.h"
+
 namespace simulator {
 
 // What one image puts into flash.
@@ -22,6 +24,9 @@ class SamplePackage {
 
     // False if the archive cannot be written.
     bool writeZip(const std::string& path) const;
+    // Whether the flash holds just the images, with this serial number written over them at its
+    // address; an empty one is none.
+    bool isIn(const Flash& flash, const std::string& sn, std::uint32_t snAddress) const;
 
     // In burn order.
     const std::vector<SampleImage>& images() const { return images_; }
@@ -31,6 +36,9 @@ class SamplePackage {
     std::vector<SampleImage> images_;
     std::vector<std::uint8_t> burner_;
 };
+
+// The flash proxy, which is no part of the package.
+std::vector<std::uint8_t> sampleProxy();
 
 // The rows of a serial number file, as bytes.
 std::string sampleSerialNumbers(unsigned count);
