@@ -54,8 +54,8 @@ class SerialDevice {
 };
 
 // Opens the port for this owner alone; null with the reason in errno if that fails, as for a port
-// that is in use. Once `interruption` is requested, every transfer under way ends and each later
-// one fails.
+// that is in use. Once `interruption` is requested, every transfer under way ends, each later one
+// fails, and closing drops what the device has not taken yet.
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption);
 

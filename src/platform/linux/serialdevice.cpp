@@ -49,8 +49,14 @@ class LinuxSerialDevice final : public SerialDevice {
           wakeup_(std::move(wakeup)),
           interruption_(std::move(interruption)),
           interrupt_(interruption_, Interrupt{wakeup_.get()}) {}
-    // The claim stays with the port as long as anybody has it open.
-    ~LinuxSerialDevice() override { ::ioctl(port_.get(), TIOCNXCL); }
+    ~LinuxSerialDevice() override {
+        // Closing waits half a minute for a device that takes no bytes any more. Whoever ends the
+        // program does not.
+        if (interruption_.stop_requested())
+            ::ioctl(port_.get(), TCFLSH, TCOFLUSH);
+        // The claim stays with the port as long as anybody has it open.
+        ::ioctl(port_.get(), TIOCNXCL);
+    }
 
     bool fetchSettings() override { return ::ioctl(port_.get(), TCGETS2, &settings_) == 0; }
 

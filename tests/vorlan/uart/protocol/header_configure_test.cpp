@@ -11,7 +11,6 @@
 #include "scriptedpeer.h"
 #include "support/pseudoterminal.h"
 #include "utils/interruption.h"
-#include "utils/text.h"
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
@@ -148,6 +147,13 @@ TEST_F(UartPacketTest, AResentBlockIsMarkedAndKeepsItsNumber) {
         EXPECT_EQ(blocks[i].word(3), expected[i][1]) << i;
     }
     EXPECT_EQ(context->flashSent, 5U);
+    // A download that was given up leaves the mark to the next one's first block.
+    peer_.keepSilent(UART_FLASH_DATA, 1);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartNoAnswer);
+    EXPECT_EQ(send_flash_begin(context, 0, 3), kUartOk);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(peer_.requests().back().word(1), 0U);
+    EXPECT_EQ(peer_.requests().back().word(2), 0x55555555U);
 }
 
 TEST_F(UartPacketTest, TheDigestIsTakenEvenFromARefusal) {
@@ -163,7 +169,8 @@ TEST(UartContext, TheProgramsEndCutsAnExchangeShortAndAnOperatorsStopDoesNot) {
     std::stop_source programEnds;
     const interruption::Scope scope(programEnds.get_token());
     const auto context = uart_context_create();
-    uart_context_open_port(context.get(), text::widen(terminal.portPath()));
+    uart_context_open_port(context.get(), terminal.portName());
+    ASSERT_NE(context->port, nullptr);
     const auto timedSync = [&] {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);

@@ -221,15 +221,14 @@ int checkImage(UartContext* context, UartFile& image, std::uint32_t address) {
     if (result != kUartOk)
         return result;  // and the long reads stay
     setReadConstant(context, kFlashRead);
-    Md5Digest ours{};
-    if (const std::uint8_t* const bytes = uart_file_read_all(image)) {
-        Md5 digest;
+    const std::uint8_t* const bytes = uart_file_read_all(image);
+    Md5 digest;
+    if (bytes != nullptr)
         digest.update(bytes, uart_file_size(image));
-        ours = digest.finish();
-    } else {
+    else
         UART_TRACE("MD5 CHECKSUM ERROR\n");
-    }
-    if (!digestsAgree(ours, context->md5)) {
+    // A file that cannot be read agrees with nothing.
+    if (bytes == nullptr || !digestsAgree(digest.finish(), context->md5)) {
         UART_TRACE("MD5 CHECK ERROR");
         return kUartMd5Mismatch;
     }

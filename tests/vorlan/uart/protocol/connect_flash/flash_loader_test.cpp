@@ -287,6 +287,14 @@ TEST_F(FlashLoaderTest, AnImageThatIsCutShortDuringTheDownloadFails) {
     EXPECT_EQ(download(), -3);
     EXPECT_EQ(errors, (std::vector<ToldError>{{-3, L"Read file failed! path=image.bin"}}));
     EXPECT_EQ(peer_.commands(), "2 3");
+
+    // No digest passes for that of a file that cannot be read.
+    giveImage(9000);
+    std::string answer = peer_.acknowledgement(UART_MD5);
+    peer_.answer(UART_MD5, answer.replace(11, 16, std::string(16, '\0')));
+    peer_.onRequest = [](const SeenRequest&) { std::filesystem::resize_file("image.bin", 1); };
+    EXPECT_EQ(check(), -5);
+    EXPECT_EQ(told("MD5 CHECKSUM ERROR\n"), 1) << trace_;
 }
 
 TEST_F(FlashLoaderTest, FindsTheProxyAtEachRate) {
