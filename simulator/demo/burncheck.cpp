@@ -49,7 +49,7 @@ std::string BurnCheck::troubleWithTile(const DemoDevice& device) const {
 }
 
 std::string BurnCheck::troubleWithBurned(const DemoDevice& device) {
-    const std::string trouble = proof_.troubleWithBurned(device.device->flash(), device.outcome);
+    std::string trouble = proof_.troubleWithBurned(device.device->flash(), device.outcome);
     if (!trouble.empty())
         return trouble;
     return device.device->downloadedBurner() == package_.burner()
