@@ -1,16 +1,37 @@
-// The serial road's work on bytes. Every benchmark with a budget checks it.
+// The serial road: its work on bytes, and whole downloads at the pace of a real line, compared with
+// the time that the line alone takes. Every benchmark with a budget checks it.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
 #include <vector>
 
+#include "simulator/virtualserialdevice.h"
+#include "support/temporarydirectory.h"
+#include "vorlan/uart/protocol/connect_flash/flash_loader.h"
 #include "vorlan/uart/protocol/header_configure.h"
 
 namespace {
 
 constexpr std::size_t kPacketSize = 4120;  // of a whole flash block
 constexpr double kEncodeBudget = 1e9;      // bytes a second
+
+constexpr std::uint32_t kLineRate = 3000000;
+constexpr double kBitsPerByte = 10;            // start, 8 data and stop bit
+constexpr double kReadGap = 0.010;             // s of silence that end each read
+constexpr std::uint32_t kImageSize = 4 << 20;  // bytes
+constexpr std::uint32_t kBlocks = kImageSize / kFlashBlockSize;
+constexpr std::uint32_t kAddress = 0x10000;
+constexpr std::uint8_t kEndAction = 2;    // what the program asks for behind each image
+constexpr double kDownloadBudget = 1.03;  // times what the line takes
+constexpr double kCoreBudget = 1.0;       // processor time to time, devices included
 
 // Frames packets of which each `range`th byte needs an escape; 0 for none.
 void slipEncode(benchmark::State& state) {
@@ -43,5 +64,122 @@ void checkByte(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kFlashBlockSize));
 }
 BENCHMARK(checkByte);
+
+// A device that programs in no time, on a port that takes as long as the line it stands for.
+class Port {
+  public:
+    explicit Port(const std::filesystem::path& path)
+        : device_(path, {.start = simulator::SerialStart::Proxy, .paced = true}) {
+        device_.plugIn();
+        context_->port = serial_open(path, context_->baudrate, 0, 0);
+    }
+
+    bool connect() {
+        return flash_loader_handshake(context_.get()) == kUartOk &&
+               flash_loader_change_baudrate(context_.get(), kLineRate) == kUartOk;
+    }
+
+    // From the first request for the flash to the last; false if the download failed.
+    bool download(const std::string& file) {
+        const std::uint64_t before = device_.traffic();
+        const auto start = std::chrono::steady_clock::now();
+        const int result = flash_loader_download_file(context_.get(), file.c_str(),
+                                                      kFlashWindow + kAddress, kEndAction, true);
+        time_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        bytes_ = static_cast<double>(device_.traffic() - before);
+        return result == kUartOk;
+    }
+
+    // How long the line alone takes for that: all bytes of both directions, and the reads' ends.
+    double floor() const {
+        constexpr double kReads = kBlocks + 3;  // and those of the begin, the digest and the end
+        return bytes_ * kBitsPerByte / kLineRate + kReads * kReadGap;
+    }
+
+    double ratio() const { return time_ / floor(); }
+
+    // Whether the device holds the image, took each block once and saw no rule broken.
+    bool isSound(const std::vector<std::uint8_t>& image) const {
+        return device_.errors().empty() && device_.flash().holds(kAddress, image) &&
+               device_.count(simulator::SerialFaultPoint::FlashData) == kBlocks;
+    }
+
+  private:
+    simulator::VirtualSerialDevice device_;
+    std::unique_ptr<UartContext> context_ = uart_context_create();
+    double time_ = 0;   // s
+    double bytes_ = 0;  // on the line, both ways together
+};
+
+// Its bytes are spread evenly, so about one in 128 needs an escape.
+std::vector<std::uint8_t> makeImage() {
+    std::vector<std::uint8_t> image(kImageSize);
+    std::uint32_t state = 1;
+    for (std::uint8_t& byte : image) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<std::uint8_t>(state >> 24);
+    }
+    return image;
+}
+
+double processorTime() {
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
+
+// One download on each of so many ports, all at once.
+void downloadAtLinePace(benchmark::State& state) {
+    const std::vector<std::uint8_t> image = makeImage();
+    const TemporaryDirectory directory;
+    const std::string file = directory.write("image.bin", std::string(image.begin(), image.end()));
+    std::vector<double> ratios;
+    double cores = 0;
+    std::atomic<bool> sound = true;
+    for (auto _ : state) {
+        std::vector<std::unique_ptr<Port>> ports;
+        for (std::int64_t i = 0; i < state.range(0); ++i) {
+            ports.push_back(
+                std::make_unique<Port>(directory.path() / ("ttyUSB" + std::to_string(i))));
+            sound = ports.back()->connect() && sound;
+        }
+        const auto start = std::chrono::steady_clock::now();
+        const double before = processorTime();
+        {
+            std::vector<std::jthread> workers;
+            workers.reserve(ports.size());
+            for (const auto& port : ports) {
+                workers.emplace_back([each = port.get(), &file, &sound] {
+                    if (!each->download(file))
+                        sound = false;
+                });
+            }
+        }
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+        cores = std::max(cores, (processorTime() - before) / time.count());
+        state.SetIterationTime(time.count());
+        for (const auto& port : ports) {
+            ratios.push_back(port->ratio());
+            sound = port->isSound(image) && sound;
+        }
+    }
+    const auto [best, worst] = std::minmax_element(ratios.begin(), ratios.end());
+    state.counters["best_ratio"] = *best;
+    state.counters["worst_ratio"] = *worst;
+    state.counters["cores"] = cores;
+    if (!sound)
+        state.SkipWithError("a download failed");
+    else if (*best < 1)
+        state.SkipWithError("faster than the line: the devices do not keep its pace");
+    else if (*worst > kDownloadBudget || cores > kCoreBudget)
+        state.SkipWithError(("over budget: " + std::to_string(*worst) +
+                             " times what the line takes, " + std::to_string(cores) + " cores")
+                                .c_str());
+}
+BENCHMARK(downloadAtLinePace)
+    ->ArgName("ports")
+    ->Arg(1)
+    ->Arg(16)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
 
 }  // namespace

@@ -107,8 +107,9 @@ std::vector<std::uint8_t> answerPacket(std::uint8_t command, const SerialAnswer&
     std::vector<std::uint8_t> packet{
         1,    command, size, 0,       0xA5,
         0xC0, 0xDB,    0x5A, refused, static_cast<std::uint8_t>(answer.refusal)};
+    packet.resize(kPacketHeaderSize + size);
     if (answer.digest)
-        packet.insert(packet.end(), answer.digest->begin(), answer.digest->end());
+        std::copy(answer.digest->begin(), answer.digest->end(), packet.begin() + 10);
     return packet;
 }
 

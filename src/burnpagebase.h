@@ -72,7 +72,6 @@ class BurnPageBase : public Page {
     void showTiles();
     void showHintInsteadOfTiles();
     void showHintUnlessTiles();
-    bool areTilesShown() const { return centre_ == Centre::kTiles; }
 
     // A box for the operator, whom nobody waits for. Any thread.
     void showLater(const char* notice);

@@ -19,6 +19,8 @@ void SerialAvatar::setPortName(const std::wstring& portName) {
 void SerialAvatar::start() {
     if (isRunning())
         return;
+    if (run_ != nullptr)
+        run_->leaveTile();
     GlobalStorage& storage = GlobalStorage::getInstance();
     SerialNumFile::SnRecord* snRecord = nullptr;
     if (storage.getSnFile().isLoaded() != 0) {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <mutex>
 #include <string>
 
 #include "burnpagebase.h"

@@ -44,10 +44,14 @@ std::uint32_t windowAddress(std::uint32_t offset) {
 
 SerialRun::SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr)
     : slot_(std::move(slot)),
+      items_(slot_.firmwareManager != nullptr ? slot_.firmwareManager->getBurnItems()
+                                              : std::vector<BurnItem>()),
       snRecord_(snRecord),
+      sn_(snRecord != nullptr ? snRecord->sn : std::string()),
       snAddr_(snAddr),
       context_(uart_context_create()),
-      snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved) {
+      snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved),
+      tile_(slot_.tile) {
     context_->run = this;
     context_->onProgress = onBurnProgress;
     context_->onFinish = onBurnFinished;
@@ -59,21 +63,21 @@ void SerialRun::serve() {
     LOG_I("start serve thread, port=%s", port.c_str());
     if (slot_.firmwareManager == nullptr) {
         LOG_I("firmware manager is NULL, serve thread stopped, port=%s", port.c_str());
+        releaseSn();
         ended_ = true;
         return;
     }
-    const std::vector<BurnItem> items = slot_.firmwareManager->getBurnItems();
-    if (slot_.tile != nullptr) {
-        slot_.tile->setActive(true);
-        slot_.tile->setProgress(0);
-    }
+    onTile([](DeviceDisplay& tile) {
+        tile.setActive(true);
+        tile.setProgress(0);
+    });
     uart_context_open_port(context_.get(), slot_.portName);
     int ret = prepareDevice();
     if (ret == kUartOk && !uart_context_stopped(context_.get())) {
-        ret = burnItems(items);
+        ret = burnItems();
         if (beginSn())
             ret = burnSn();
-        if (ret == kUartOk && burnedItems_ == items.size() && isSnSettled())
+        if (ret == kUartOk && burnedItems_ == items_.size() && isSnSettled())
             context_->onFinish(context_.get());
     }
     releaseSn();
@@ -93,7 +97,18 @@ void SerialRun::stop() {
     }
     if (reserved)
         giveBack();
-    slot_.stopEvent->set();
+}
+
+void SerialRun::leaveTile() {
+    const std::lock_guard guard(tileLock_);
+    tile_ = nullptr;
+}
+
+template <typename Show>
+void SerialRun::onTile(const Show& show) {
+    const std::lock_guard guard(tileLock_);
+    if (tile_ != nullptr)
+        show(*tile_);
 }
 
 // Brings the device to the point where its flash proxy takes images at the full rate. A stop in
@@ -126,8 +141,7 @@ int SerialRun::connectWithRom() {
     for (int attempt = 0; attempt < kRomAttempts; ++attempt) {
         if (uart_context_stopped(context_.get()))
             break;
-        if (slot_.tile != nullptr)
-            slot_.tile->setStatus(L"准备中...");
+        onTile([](DeviceDisplay& tile) { tile.setStatus(L"准备中..."); });
         ret = ram_loader_download(context_.get());
         if (ret == kUartOk)
             break;
@@ -137,9 +151,9 @@ int SerialRun::connectWithRom() {
 }
 
 // A failed item does not keep the next ones from being burned. Gives the result of the last one.
-int SerialRun::burnItems(const std::vector<BurnItem>& items) {
+int SerialRun::burnItems() {
     int ret = kUartOk;
-    for (const BurnItem& item : items) {
+    for (const BurnItem& item : items_) {
         if (uart_context_stopped(context_.get()))
             break;
         ret = burnItem(item, ret);
@@ -178,12 +192,11 @@ int SerialRun::burnItem(const BurnItem& item, int ret) {
 }
 
 int SerialRun::burnSn() {
-    const std::string sn = snRecord_->sn;
     LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
     const int ret = flash_loader_download_buffer(
-        context_.get(), reinterpret_cast<const std::uint8_t*>(sn.data()),
-        static_cast<std::uint32_t>(sn.size()), windowAddress(snAddr_), config.endAction,
-        config.md5Check, L"SN=" + text::widen(sn));
+        context_.get(), reinterpret_cast<const std::uint8_t*>(sn_.data()),
+        static_cast<std::uint32_t>(sn_.size()), windowAddress(snAddr_), config.endAction,
+        config.md5Check, L"SN=" + text::widen(sn_));
     if (ret != kUartOk) {
         releaseSn();
         return ret;
@@ -202,7 +215,7 @@ bool SerialRun::beginSn() {
     if (!config.md5Check || !config.download)
         return false;
     const std::lock_guard guard(lock_);
-    if (snState_ != SnState::kReserved || snRecord_->sn.empty())
+    if (snState_ != SnState::kReserved || sn_.empty())
         return false;
     snState_ = SnState::kWriting;
     return true;
@@ -239,11 +252,10 @@ int SerialRun::fail(int code, const std::string& description) {
 }
 
 void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, int percent) {
-    DeviceDisplay* const tile = context->run->slot_.tile;
-    if (tile == nullptr)
-        return;
-    tile->setProgress(percent);
-    tile->setStatus(L"正在写入 " + name + L", 进度 " + std::to_wstring(percent) + L"%");
+    context->run->onTile([&](DeviceDisplay& tile) {
+        tile.setProgress(percent);
+        tile.setStatus(L"正在写入 " + name + L", 进度 " + std::to_wstring(percent) + L"%");
+    });
 }
 
 void SerialRun::onBurnFinished(UartContext* context) {
@@ -252,8 +264,8 @@ void SerialRun::onBurnFinished(UartContext* context) {
         return;
     std::wstring status = L"烧录成功！";
     if (run.snRecord_ != nullptr)
-        status += L"SN=" + text::widen(run.snRecord_->sn);
-    run.slot_.tile->setStatus(status);
+        status += L"SN=" + text::widen(run.sn_);
+    run.onTile([&](DeviceDisplay& tile) { tile.setStatus(status); });
     GlobalStorage::getInstance().increaseFlashCount();
     if (run.slot_.page != nullptr)
         run.slot_.page->refreshBurnCount();
@@ -263,7 +275,9 @@ void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& 
     SerialRun& run = *context->run;
     if (run.slot_.tile == nullptr)
         return;
-    run.slot_.tile->setStatus(L"出错, code=" + std::to_wstring(code) + L", des=" + description);
-    run.slot_.tile->setActive(false);
+    run.onTile([&](DeviceDisplay& tile) {
+        tile.setStatus(L"出错, code=" + std::to_wstring(code) + L", des=" + description);
+        tile.setActive(false);
+    });
     run.releaseSn();
 }

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -31,7 +30,8 @@ struct SerialSlot {
 class SerialRun {
   public:
     // With the record of a serial number that was drawn for the device, or null, and the flash
-    // offset at which the number is written.
+    // offset at which the number is written. Lists the images at once: the operator may choose
+    // another package as soon as the run has been asked to stop. User-interface thread.
     SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr);
     SerialRun(const SerialRun&) = delete;
     SerialRun& operator=(const SerialRun&) = delete;
@@ -40,9 +40,13 @@ class SerialRun {
     // and pause short.
     void serve();
 
-    // Asks the run to end, which takes as long as the exchange under way. A number whose download
-    // has not begun is given back at once. Any thread; waits for nothing.
+    // Asks the run to end, which takes as long as the exchange or the pause under way. A number
+    // whose download has not begun is given back at once. Any thread; waits for nothing.
     void stop();
+
+    // Nothing of this run is shown from now on: the tile belongs to the slot's next one, which may
+    // be for another port. Any thread.
+    void leaveTile();
 
     // Neither asked to stop nor at its end. Any thread.
     bool isRunning() const { return !context_->stop && !ended_; }
@@ -59,10 +63,13 @@ class SerialRun {
 
     int prepareDevice();
     int connectWithRom();
-    int burnItems(const std::vector<BurnItem>& items);
+    int burnItems();
     int burnItem(const BurnItem& item, int ret);
     int burnSn();
     int fail(int code, const std::string& description);
+
+    template <typename Show>
+    void onTile(const Show& show);
 
     bool beginSn();
     bool isSnSettled();
@@ -70,7 +77,9 @@ class SerialRun {
     void giveBack();
 
     const SerialSlot slot_;
+    const std::vector<BurnItem> items_;
     SerialNumFile::SnRecord* const snRecord_;  // null if there is no list of numbers
+    const std::string sn_;  // of the record, which may be gone when the number is settled
     const std::uint32_t snAddr_;
     const std::unique_ptr<UartContext> context_;
     std::size_t burnedItems_ = 0;
@@ -78,4 +87,7 @@ class SerialRun {
 
     std::mutex lock_;  // guards the state, on which a stop and the run have to agree
     SnState snState_;
+
+    std::mutex tileLock_;  // held while something is shown, so that nothing comes up too late
+    DeviceDisplay* tile_;  // null once the run has left it
 };

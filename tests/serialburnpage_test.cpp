@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <QCoreApplication>
 #include <set>
 
 #include "simulator/virtualserialdevice.h"
@@ -56,11 +56,13 @@ class SerialBurnPageTest : public WindowFixture {
     void arrive(VirtualSerialDevice& device) {
         device.plugIn();
         ports.arrive(device.portPath());
+        QCoreApplication::processEvents();  // the window hears of it now
     }
 
     void leave(VirtualSerialDevice& device) {
         device.unplug();
         ports.leave(device.portPath());
+        QCoreApplication::processEvents();
     }
 
     VirtualSerialDevice& plugSerial(int number, SerialDeviceOptions options = {}) {
@@ -76,6 +78,13 @@ class SerialBurnPageTest : public WindowFixture {
             return testing::AssertionSuccess();
         return testing::AssertionFailure()
                << "it reads " << hands->tileNamed(name).status.toStdString();
+    }
+
+    // Whether the port's thread is still at work, as its last line in the run log tells.
+    bool isRunning(int number) const {
+        return contentOf("log/run.log")
+                   .find("serve thread stopped, port=" + nameOf(number).toStdString()) ==
+               std::string::npos;
     }
 
     bool canRead(const QString& text) {
@@ -110,6 +119,154 @@ TEST_F(SerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
     EXPECT_TRUE(holdsAll(present, "SN-1"));
     EXPECT_TRUE(holdsAll(late, "SN-2"));
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+}
+
+TEST_F(SerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
+    prepareSerial();
+    importNumbers(row(1) + row(2) + row(3) + row(4) + row(5));
+    // Port 0 is there, but says nothing: its number stays with it to the end of its attempts.
+    plugSerial(0, {.romStartUp = 60s});
+    VirtualSerialDevice& rightDigest = makeSerial(1);
+    VirtualSerialDevice& wrongDigest = makeSerial(2);
+    wrongDigest.addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    VirtualSerialDevice& refusing = makeSerial(3);
+    refusing.addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
+    VirtualSerialDevice& badNumber = makeSerial(4);
+    badNumber.addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest(), 2});
+    for (VirtualSerialDevice* const device : {&rightDigest, &wrongDigest, &refusing, &badNumber})
+        arrive(*device);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
+    ASSERT_TRUE(shows(3, "出错, code=-2, des=CHANGE BAUDRATE, RET=-2"));
+    EXPECT_FALSE(hands->tileNamed(nameOf(3)).active);
+    ASSERT_TRUE(shows(4, "出错, code=-5, des=MD5 CHECK ERROR"));
+    // The first image of this one failed, which its second one has written over; no success.
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(2); }, kLongMs));
+    EXPECT_TRUE(hands->tileNamed(nameOf(2)).status.startsWith("正在写入 .\\uart_temp_image\\"));
+    EXPECT_FALSE(hands->tileNamed(nameOf(2)).active);
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1) + row(2, true) + row(3) + row(4) + row(5));
+
+    // A device that is pulled out gives its number back, and what was free is handed out again.
+    leave(*serialDevices[0]);
+    EXPECT_TRUE(canRead(kConnect));
+    VirtualSerialDevice& next = plugSerial(5);
+    ASSERT_TRUE(shows(0, kRemoved));
+    ASSERT_TRUE(shows(5, "烧录成功！SN=SN-1"));
+    EXPECT_TRUE(holdsAll(next, "SN-1"));
+}
+
+TEST_F(SerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
+    prepareSerial();
+    ASSERT_TRUE(hands->press("开始烧录"));
+    EXPECT_TRUE(canRead(kConnect));
+    EXPECT_TRUE(hands->tiles().empty());
+    VirtualSerialDevice& device = plugSerial(0);
+    ASSERT_TRUE(shows(0, "烧录成功！"));
+    EXPECT_EQ(hands->tileNamed(nameOf(0)).status, "烧录成功！");
+    EXPECT_TRUE(holdsAll(device, ""));
+    leave(device);
+    EXPECT_TRUE(canRead(kConnect));  // nothing runs any more: the results go
+    ASSERT_TRUE(hands->press("停止烧录"));
+
+    importNumbers(row(1, true));
+    arrive(device);
+    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    // With no number left no thread runs, so nothing brings the tiles up.
+    EXPECT_TRUE(canRead(kConnect));
+    EXPECT_TRUE(hands->tiles().empty());
+    EXPECT_EQ(device.stage(), simulator::SerialStage::RomLoader);
+    EXPECT_EQ(mute.traffic(), 0U);
+}
+
+TEST_F(SerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
+    prepareSerial();
+    importNumbers(row(1) + row(2) + row(3));
+    VirtualSerialDevice& inBurn = plugSerial(0, {.blockTime = 100ms});
+    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "正在写入 .\\uart_temp_image\\master.bin"));
+    for (const char* const entry : {"导入SN", "导入SN号"})
+        ASSERT_TRUE(hands->press(entry));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
+    prompts_.answer(false);
+    ASSERT_TRUE(hands->press("主页"));
+    EXPECT_TRUE(hands->isEnabled("停止烧录"));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_TRUE(canRead(kStopped));
+    EXPECT_TRUE(hands->tiles().empty());
+    EXPECT_TRUE(hands->isEnabled("选择固件"));
+    EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1) + row(2) + row(3));
+
+    leave(inBurn);
+    leave(mute);
+    arrive(inBurn);
+    VirtualSerialDevice& other = plugSerial(1);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-"));
+    ASSERT_TRUE(shows(1, "烧录成功！SN=SN-"));
+    EXPECT_NE(hands->tileNamed(nameOf(0)).status, hands->tileNamed(nameOf(1)).status);
+    EXPECT_TRUE(holdsAll(inBurn, ""));
+    EXPECT_TRUE(holdsAll(other, ""));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    prompts_.answer(true);
+    ASSERT_TRUE(hands->press("主页"));
+    EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
+    EXPECT_TRUE(hands->isEnabled("安装USB驱动"));
+}
+
+TEST_F(SerialBurnPageTest, SixteenPortsAndOneTooMany) {
+    prepareSerial();
+    std::string numbers;
+    for (int i = 10; i < 27; ++i)
+        numbers += row(i);
+    importNumbers(numbers);
+    for (int i = 0; i < 17; ++i)
+        plugSerial(i, {.romStartUp = 200ms});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    EXPECT_EQ(prompts_.takeBoxes(),
+              std::vector<Box>({{"超出支持的设备数量16", "提示", BoxType::kPlain}}));
+    std::set<QString> given;
+    for (int i = 0; i < 16; ++i) {
+        ASSERT_TRUE(shows(i, "烧录成功！SN="));
+        const QString sn = hands->tileNamed(nameOf(i)).status.mid(8);
+        EXPECT_TRUE(given.insert(sn).second) << sn.toStdString();
+        EXPECT_TRUE(holdsAll(*serialDevices[static_cast<std::size_t>(i)], sn.toStdString()));
+    }
+    EXPECT_THAT(directory_.read("numbers.csv"), testing::EndsWith(row(25, true) + row(26)));
+    EXPECT_EQ(serialDevices[16]->traffic(), 0U);
+    // Idle by now, the first slot takes over a port that none has known.
+    leave(*serialDevices[16]);
+    EXPECT_TRUE(canRead(kConnect));
+    arrive(*serialDevices[16]);
+    ASSERT_TRUE(shows(16, "烧录成功！SN=SN-26"));
+    EXPECT_EQ(hands->tiles()[0].name, nameOf(16));
+}
+
+TEST_F(SerialBurnPageTest, ClosesAtOnceWhileBurnsWindDown) {
+    prepareSerial();
+    importNumbers(row(1));
+    plugSerial(0, {.romStartUp = 60s});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, kPreparing));
+    prompts_.answer(true);
+    EXPECT_TRUE(window->close());
+    EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
+    const auto start = std::chrono::steady_clock::now();
+    window.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1));
+    EXPECT_FALSE(GlobalStorage::getInstance().getSnFile().isInUse());
+}
+
+TEST_F(SerialBurnPageTest, AListThatFailsLeavesThePageUsable) {
+    ports.fail("no list");
+    prepareSerial();
+    ASSERT_TRUE(hands->press("开始烧录"));
+    EXPECT_TRUE(canRead(kConnect));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_TRUE(canRead(kStopped));
 }
 
 }  // namespace

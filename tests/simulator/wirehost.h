@@ -5,9 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -73,13 +73,6 @@ inline ByteVector memEnd() {
     return {0, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 }
 
-// What became of one transfer.
-struct Moved {
-    std::uint32_t code;  // kNoError when it ended well
-    ByteVector bytes;    // as far as they were read
-    std::uint32_t count;
-};
-
 // One handle on one device, with a slot for each endpoint.
 class WireHost {
   public:
@@ -111,32 +104,33 @@ class WireHost {
     WireHost(const WireHost&) = delete;
     WireHost& operator=(const WireHost&) = delete;
 
-    Moved send(std::uint8_t endpoint, const ByteVector& bytes, std::uint32_t timeoutMs = 1000) {
+    // How many bytes moved, nothing if the transfer failed.
+    std::optional<std::uint32_t> send(std::uint8_t endpoint, const ByteVector& bytes) {
         std::uint32_t count = 0;
         usb.OvlK_ReUse(outSlot);
-        bool good = usb.UsbK_WritePipe(handle, endpoint, bytes.data(),
-                                       static_cast<std::uint32_t>(bytes.size()), &count, outSlot);
-        if (!good && usb.LibK_LastError() == libusbk::kIoPending)
-            good = usb.OvlK_WaitOrCancel(outSlot, timeoutMs, &count);
-        return {good ? libusbk::kNoError : usb.LibK_LastError(), {}, count};
+        const bool good =
+            usb.UsbK_WritePipe(handle, endpoint, bytes.data(),
+                               static_cast<std::uint32_t>(bytes.size()), &count, outSlot) ||
+            usb.OvlK_WaitOrCancel(outSlot, 1000, &count);
+        return good ? std::optional(count) : std::nullopt;
     }
 
-    Moved receive(std::uint8_t endpoint, std::uint32_t size, std::uint32_t timeoutMs = 1000) {
+    // As many bytes as came.
+    ByteVector receive(std::uint8_t endpoint, std::uint32_t size) {
         ByteVector bytes(size);
         std::uint32_t count = 0;
         usb.OvlK_ReUse(inSlot);
-        bool good = usb.UsbK_ReadPipe(handle, endpoint, bytes.data(), size, &count, inSlot);
-        if (!good && usb.LibK_LastError() == libusbk::kIoPending)
-            good = usb.OvlK_WaitOrCancel(inSlot, timeoutMs, &count);
+        if (!usb.UsbK_ReadPipe(handle, endpoint, bytes.data(), size, &count, inSlot))
+            usb.OvlK_WaitOrCancel(inSlot, 1000, &count);
         bytes.resize(count);
-        return {good ? libusbk::kNoError : usb.LibK_LastError(), bytes, count};
+        return bytes;
     }
 
     // Status of the ROM loader's reply.
     int rom(const ByteVector& message) {
         send(kDataOut, message);
-        const Moved reply = receive(kCommandIn, 10);
-        return reply.count == 10 ? reply.bytes[8] : -1;
+        const ByteVector reply = receive(kCommandIn, 10);
+        return reply.size() == 10 ? reply[8] : -1;
     }
 
     // "code/cmdorg" of the response to a record, "" if none of 16 bytes came.
@@ -148,16 +142,16 @@ class WireHost {
         send(kDataOut, bytes);
         return response(kDataIn);
     }
-    std::string response(std::uint8_t endpoint, std::uint32_t timeoutMs = 1000) {
-        last = receive(endpoint, 16, timeoutMs);
-        if (last.count != 16)
+    std::string response(std::uint8_t endpoint) {
+        last = receive(endpoint, 16);
+        if (last.size() != 16)
             return "";
-        return std::to_string(last.bytes[3] >> 1) + "/" + std::to_string(last.bytes[4]);
+        return std::to_string(last[3] >> 1) + "/" + std::to_string(last[4]);
     }
     // After an error: the description.
     std::string description() {
-        const Moved text = receive(kCommandIn, last.bytes[5]);
-        return {text.bytes.begin(), text.bytes.end()};
+        const ByteVector text = receive(kCommandIn, last[5]);
+        return {text.begin(), text.end()};
     }
 
     const LibusbkTable& usb = libusbkTable();
@@ -165,7 +159,7 @@ class WireHost {
     libusbk::OverlappedPool* pool = nullptr;
     libusbk::OverlappedSlot* inSlot = nullptr;
     libusbk::OverlappedSlot* outSlot = nullptr;
-    Moved last{};
+    ByteVector last;
 
   private:
     bool claimed_ = false;
@@ -177,14 +171,12 @@ class UsbTest : public testing::Test {
   protected:
     // Plugs a device and opens it.
     void start(UsbDeviceOptions options = {}) {
+        host.reset();
         device = std::make_shared<VirtualUsbDevice>(options);
         deviceId = bus.plug(kPort, device);
         host = std::make_unique<WireHost>(deviceId, options.startsInBurner);
     }
-    void startBurner(UsbDeviceOptions options = {}) {
-        options.startsInBurner = true;
-        start(options);
-    }
+    void startBurner() { start({.startsInBurner = true}); }
     void reopen(bool claims) {
         host.reset();
         host = std::make_unique<WireHost>(deviceId, claims);

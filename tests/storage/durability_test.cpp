@@ -1,22 +1,18 @@
 // What reaches the disk, and when: the calls of the system are counted on their way, and processes
 // are killed among them.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 
 #include "storage/globalstorage.h"
 #include "support/childprocess.h"
-#include "support/recordinglog.h"
+#include "support/helpers.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 namespace fs = std::filesystem;
 
 namespace {
@@ -25,7 +21,6 @@ int dataSyncs = 0;
 int fileSyncs = 0;
 int directorySyncs = 0;
 std::string atFileSync;  // what the state file holds when the new one is synced
-int lockError = 0;       // the system's code for a lock that fails, 0 for none
 
 }  // namespace
 
@@ -33,7 +28,6 @@ int lockError = 0;       // the system's code for a lock that fails, 0 for none
 extern "C" {
 int __real_fdatasync(int descriptor);
 int __real_fsync(int descriptor);
-int __real_flock(int descriptor, int operation);
 
 int __wrap_fdatasync(int descriptor) {
     ++dataSyncs;
@@ -51,13 +45,6 @@ int __wrap_fsync(int descriptor) {
             atFileSync = contentOf("global_storage");
     }
     return __real_fsync(descriptor);
-}
-
-int __wrap_flock(int descriptor, int operation) {
-    if (lockError == 0)
-        return __real_flock(descriptor, operation);
-    errno = lockError;
-    return -1;
 }
 }
 
@@ -119,19 +106,4 @@ TEST(Durability, KilledAmongSavesLeavesTheOldStateOrTheNewOne) {
     }
     ASSERT_TRUE(storage.save());
     EXPECT_EQ(std::distance(fs::directory_iterator("."), {}), 1) << "left-overs";
-}
-
-TEST(Durability, OnlyALockThatSomeoneHoldsIsToldAsSuch) {
-    const TemporaryDirectory directory;
-    const std::wstring path = text::widen(directory.write("sn.csv", "A,0\r\n"));
-    const auto reasonFor = [&](int error) {
-        RecordingLog log;
-        SerialNumFile file;
-        lockError = error;
-        EXPECT_FALSE(file.load(path));
-        lockError = 0;
-        return log.take(hj::kError);
-    };
-    EXPECT_THAT(reasonFor(EWOULDBLOCK), ElementsAre(HasSubstr("in use by another program")));
-    EXPECT_THAT(reasonFor(ENOLCK), ElementsAre(HasSubstr("No locks available")));
 }

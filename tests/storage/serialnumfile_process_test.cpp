@@ -10,6 +10,7 @@
 
 #include "storage/serialnumfile.h"
 #include "support/childprocess.h"
+#include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
@@ -20,20 +21,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-namespace {
-
-std::wstring wide(const std::string& path) {
-    return text::widen(path);
-}
-
-}  // namespace
-
 TEST(SerialNumFileProcess, SecondProcessMayReadButNotLoad) {
     const TemporaryDirectory directory;
     const std::string path = directory.write("sn.csv", "A,0\r\nB,0\r\n");
     ChildProcess holder([&] {
         SerialNumFile file;
-        if (!file.load(wide(path)))
+        if (!file.load(text::widen(path)))
             ::_exit(1);
         file.markBurned(file.takeNext());
         for (;;)
@@ -41,10 +34,10 @@ TEST(SerialNumFileProcess, SecondProcessMayReadButNotLoad) {
     });
     ASSERT_TRUE(eventually([&] { return directory.read("sn.csv") == "A,1\r\nB,0\r\n"; }));
     SerialNumFile file;
-    EXPECT_FALSE(file.load(wide(path)));
+    EXPECT_FALSE(file.load(text::widen(path)));
     EXPECT_EQ(file.isLoaded(), 0);
     holder.kill();
-    EXPECT_TRUE(file.load(wide(path)));
+    EXPECT_TRUE(file.load(text::widen(path)));
     EXPECT_EQ(file.takeNext()->sn, "B");
 }
 
@@ -61,7 +54,7 @@ TEST(SerialNumFileProcess, KilledAmongMarksLeavesEveryRowWhole) {
     for (int round = 0; round < 5; ++round) {
         ChildProcess burner([&] {
             SerialNumFile file;
-            if (!file.load(wide(path)))
+            if (!file.load(text::widen(path)))
                 ::_exit(1);
             while (auto* const record = file.takeNext())
                 file.markBurned(record);
@@ -81,7 +74,7 @@ TEST(SerialNumFileProcess, KilledAmongMarksLeavesEveryRowWhole) {
         ASSERT_LT(marked, kRows);
 
         SerialNumFile restarted;
-        ASSERT_TRUE(restarted.load(wide(path)));
+        ASSERT_TRUE(restarted.load(text::widen(path)));
         EXPECT_EQ(restarted.takeNext()->sn, expected.substr(marked * 10, 6));
     }
 }
@@ -93,16 +86,17 @@ TEST(SerialNumFileProcess, FileThatMayNotBeWrittenIsRefused) {
     const OrdinaryUser user;
     RecordingLog log;
     SerialNumFile file;
-    EXPECT_FALSE(file.load(wide(path)));
+    EXPECT_FALSE(file.load(text::widen(path)));
     EXPECT_THAT(log.take(hj::kError), ElementsAre(HasSubstr("Permission denied")));
 }
 
-TEST(SerialNumFileProcess, FifoIsRefusedWithoutWaiting) {
+TEST(SerialNumFileProcess, WhatIsNoRegularFileIsRefusedWithoutWaiting) {
     const TemporaryDirectory directory;
     const std::string path = (directory.path() / "fifo.csv").string();
     ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
     SerialNumFile file;
-    EXPECT_FALSE(file.load(wide(path)));
+    EXPECT_FALSE(file.load(text::widen(path)));
+    EXPECT_FALSE(file.load(L"/dev/null"));
 }
 
 TEST(SerialNumFileProcess, WriteErrorIsTold) {
@@ -111,7 +105,7 @@ TEST(SerialNumFileProcess, WriteErrorIsTold) {
     const std::string path = directory.write("sn.csv", rows);
     RecordingLog log;
     SerialNumFile file;
-    ASSERT_TRUE(file.load(wide(path)));
+    ASSERT_TRUE(file.load(text::widen(path)));
     file.takeNext();
     auto* const b = file.takeNext();
 

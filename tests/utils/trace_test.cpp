@@ -2,20 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <set>
-#include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
+
+#include "support/helpers.h"
 
 namespace {
 
 template <typename Body>
 std::string traceOf(Body body) {
-    testing::internal::CaptureStderr();
-    body();
-    return testing::internal::GetCapturedStderr();
+    return outputOf(body).traced;
 }
 
 }  // namespace
@@ -38,31 +33,4 @@ TEST(Trace, DropsMessagesThatDoNotFit) {
     EXPECT_EQ(traceOf([&] { traceMessage("f", 1, L"%ls", wideMost.c_str()); }),
               prefix + std::string(1023, 'w'));
     EXPECT_EQ(traceOf([&] { traceMessage("f", 1, L"%ls+", wideMost.c_str()); }), "");
-}
-
-TEST(Trace, KeepsLinesOfManyThreadsWhole) {
-    constexpr int kThreads = 8;
-    constexpr int kLines = 200;
-    std::multiset<std::string> expected;
-    for (int thread = 0; thread < kThreads; ++thread)
-        for (int i = 0; i < kLines; ++i)
-            expected.insert("f(" + std::to_string(thread) + "): atlTraceGeneral - " +
-                            std::string(50, static_cast<char>('a' + thread)));
-    const std::string trace = traceOf([] {
-        std::vector<std::thread> threads;
-        threads.reserve(kThreads);
-        for (int thread = 0; thread < kThreads; ++thread)
-            threads.emplace_back([thread] {
-                const std::string text(50, static_cast<char>('a' + thread));
-                for (int i = 0; i < kLines; ++i)
-                    traceMessage("f", thread, "%s\n", text.c_str());
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-    });
-    std::multiset<std::string> lines;
-    std::istringstream stream(trace);
-    for (std::string line; std::getline(stream, line);)
-        lines.insert(line);
-    EXPECT_EQ(lines, expected);
 }

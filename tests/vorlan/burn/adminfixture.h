@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -14,62 +12,16 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "agentfixture.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
+#include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/usblistener.h"
-
-// Waits for what nobody reports; false after 30 seconds.
-template <typename Condition>
-bool awaitTrue(Condition condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-}
-
-inline std::size_t occurrences(const std::string& text, const std::string& part) {
-    std::size_t count = 0;
-    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
-}
-
-// Keeps what is printed and traced instead of showing it.
-class CapturedOutput {
-  public:
-    CapturedOutput() {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-    }
-    ~CapturedOutput() { end(); }
-    CapturedOutput(const CapturedOutput&) = delete;
-    CapturedOutput& operator=(const CapturedOutput&) = delete;
-
-    void end() {
-        if (ended_)
-            return;
-        ended_ = true;
-        printed = testing::internal::GetCapturedStdout();
-        traced = testing::internal::GetCapturedStderr();
-    }
-
-    // Both are there after the end.
-    std::string printed;
-    std::string traced;
-
-  private:
-    bool ended_ = false;
-};
 
 // Keeps what BurnAdmin reports as lines "EVENT PORT", in their order, and lets a test wait for
 // them.
@@ -101,20 +53,17 @@ class RecordingUsbListener final : public UsbListener {
         add(text + message, session);
     }
 
-    // Waits for the event to have come so often.
-    bool waitFor(const std::string& event, std::size_t times = 1) {
-        return wait(times, [&](const std::string& candidate) { return candidate == event; });
+    // Waits for the event, told with its port or without, to have come so often.
+    bool waitFor(const std::string& event, std::size_t times = 1) const {
+        return eventually([&] { return count(event) >= times; });
     }
 
-    // Waits for so many events that begin like this.
-    bool waitForCount(const std::string& beginning, std::size_t times) {
-        return wait(times,
-                    [&](const std::string& candidate) { return candidate.starts_with(beginning); });
-    }
-
-    std::size_t count(const std::string& beginning) const {
+    std::size_t count(const std::string& event) const {
         const std::lock_guard guard(lock_);
-        return matching([&](const std::string& event) { return event.starts_with(beginning); });
+        return static_cast<std::size_t>(
+            std::count_if(events_.begin(), events_.end(), [&](const std::string& candidate) {
+                return (candidate + " ").starts_with(event + " ");
+            }));
     }
 
     std::vector<std::string> events() const {
@@ -134,28 +83,14 @@ class RecordingUsbListener final : public UsbListener {
     }
 
   private:
-    using Match = std::function<bool(const std::string&)>;
-
-    std::size_t matching(const Match& match) const {
-        return static_cast<std::size_t>(std::count_if(events_.begin(), events_.end(), match));
-    }
-
-    bool wait(std::size_t times, const Match& match) {
-        std::unique_lock lock(lock_);
-        return changed_.wait_for(lock, std::chrono::seconds(60),
-                                 [&] { return matching(match) >= times; });
-    }
-
     void add(const std::string& event, SesHandle session) {
         const std::string at = session->device_id.substr(session->device_id.rfind('\\') + 1);
         const std::lock_guard guard(lock_);
         sessions_[at] = session;
         events_.push_back(event + " " + at);
-        changed_.notify_all();
     }
 
     mutable std::mutex lock_;
-    std::condition_variable changed_;
     std::vector<std::string> events_;
     std::map<std::string, SesHandle> sessions_;
 };
@@ -171,9 +106,12 @@ class AdminFixture : public testing::Test {
 
     static std::string port(std::size_t number) { return "0-" + std::to_string(number); }
 
-    std::shared_ptr<simulator::VirtualUsbDevice> plug(const std::string& at,
-                                                      simulator::UsbDeviceOptions options = {}) {
+    std::shared_ptr<simulator::VirtualUsbDevice> plug(
+        const std::string& at, simulator::UsbDeviceOptions options = {},
+        const std::vector<simulator::FaultRule>& faults = {}) {
         auto device = std::make_shared<simulator::VirtualUsbDevice>(options);
+        for (const simulator::FaultRule& fault : faults)
+            device->addFault(fault);
         devices.push_back(device);
         bus.plug(at, device);
         return device;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ class RecordingListener final : public BurnListener {
   public:
     void onBurnStart(BurnAgent* /*agent*/) override { reports.emplace_back("start"); }
     void onBurnProgress(BurnAgent* /*agent*/, const std::string& name, unsigned percent) override {
+        progressed(percent);
         reports.push_back(name + " " + std::to_string(percent));
     }
     void onItemProgress(BurnAgent* /*agent*/, const BurnItem* item, unsigned percent) override {
@@ -40,6 +42,7 @@ class RecordingListener final : public BurnListener {
     }
 
     std::vector<std::string> reports;
+    std::function<void(unsigned)> progressed = [](unsigned /*percent of a number*/) {};
 };
 
 class AgentFixture : public testing::Test {

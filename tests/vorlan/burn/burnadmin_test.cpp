@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
+#include <regex>
 #include <thread>
 
 #include "adminfixture.h"
@@ -22,8 +22,8 @@ class BurnAdminTest : public AdminFixture, public testing::WithParamInterface<bo
     void SetUp() override { bus.deferTransfers(GetParam()); }
 
     // Burns one small image into each device that gets ready.
-    void burnForReal(std::size_t size = 20'000) {
-        image = imageBytes(size);
+    void burnForReal() {
+        image = imageBytes(20'000);
         const std::wstring path = text::widen(directory.write("image.bin", image));
         listener.burn = [path](SesHandle session) {
             BurnAgent agent(session->device_id);
@@ -39,13 +39,11 @@ class BurnAdminTest : public AdminFixture, public testing::WithParamInterface<bo
     // Plugs sixteen devices and starts; all get stuck in the middle of their burns.
     void startSixteenBurns() {
         burnForReal();
-        for (std::size_t i = 1; i <= 16; ++i) {
-            const auto device = plug(port(i));
-            device->addFault({FaultPoint::Chunk, Fault::silence(), 1, 1000});
-        }
+        for (std::size_t i = 1; i <= 16; ++i)
+            plug(port(i), {}, {{FaultPoint::Chunk, Fault::silence(), 1, FaultRule::kAlways}});
         start();
         for (const auto& device : devices)
-            ASSERT_TRUE(awaitTrue([&] { return device->count(FaultPoint::Chunk) >= 2; }));
+            ASSERT_TRUE(eventually([&] { return device->count(FaultPoint::Chunk) >= 2; }));
     }
 
     static std::string lineOfLivingWorker(const std::string& at) {
@@ -85,7 +83,7 @@ TEST_P(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
     start();
     for (std::size_t i = 1; i <= 16; ++i)
         plug(port(i));
-    ASSERT_TRUE(listener.waitForCount("plug", 16));
+    ASSERT_TRUE(listener.waitFor("plug", 16));
     const auto late = plug("0-17");
     bus.unplug("0-3");
     ASSERT_TRUE(listener.waitFor("remove 0-3"));
@@ -117,14 +115,11 @@ TEST_P(BurnAdminTest, ForeignAndBrokenDevicesGetNoSession) {
 TEST_P(BurnAdminTest, RemovalEndsADownloadAndABurnAtOnce) {
     burnForReal();
     start();
-    auto inRom = std::make_shared<simulator::VirtualUsbDevice>();
-    inRom->addFault({FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways});
-    auto inFlash = std::make_shared<simulator::VirtualUsbDevice>();
-    inFlash->addFault({FaultPoint::Chunk, Fault::silence(), 2, FaultRule::kAlways});
-    devices.insert(devices.end(), {inRom, inFlash});
-    bus.plug("0-1", inRom);
-    bus.plug("0-2", inFlash);
-    ASSERT_TRUE(awaitTrue([&] {
+    const auto inRom =
+        plug("0-1", {}, {{FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways}});
+    const auto inFlash =
+        plug("0-2", {}, {{FaultPoint::Chunk, Fault::silence(), 2, FaultRule::kAlways}});
+    ASSERT_TRUE(eventually([&] {
         return inRom->count(FaultPoint::MemData) >= 2 && inFlash->count(FaultPoint::Chunk) >= 3;
     }));
 
@@ -148,11 +143,9 @@ TEST_P(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain)
             EXPECT_TRUE(listener.session(port(i))->worker.get_stop_token().stop_requested()) << i;
     };
 
-    CapturedOutput output;
     const auto stop = std::chrono::steady_clock::now();
-    BurnAdmin::destroyInstance();
+    const Output output = outputOf([] { BurnAdmin::destroyInstance(); });
     EXPECT_LT(std::chrono::steady_clock::now() - stop, 500ms);
-    output.end();
     EXPECT_EQ(listener.count("remove"), 16U);
     for (std::size_t i = 1; i <= 16; ++i)
         EXPECT_EQ(occurrences(output.printed, lineOfLivingWorker(port(i))), 1U) << i;
@@ -165,17 +158,7 @@ TEST_P(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain)
     // The devices are still plugged in, and arrive again.
     listener.clear();
     start();
-    EXPECT_TRUE(listener.waitForCount("plug", 16));
-}
-
-TEST_P(BurnAdminTest, SixteenAtOnceEachGetTheirOwn) {
-    burnForReal(100'000);
-    start();
-    for (std::size_t i = 1; i <= 16; ++i)
-        plug(port(i), {.chunkTime = 500us, .resultTime = 20ms});
-    ASSERT_TRUE(listener.waitForCount("burned", 16));
-    for (const auto& device : devices)
-        EXPECT_TRUE(holdsImage(*device));
+    EXPECT_TRUE(listener.waitFor("plug", 16));
 }
 
 TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
@@ -200,7 +183,7 @@ TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
                     EXPECT_EQ(error, "ROM loader: a command record in the ROM stage");
             });
         }
-        EXPECT_TRUE(listener.waitForCount("remove", 40));
+        EXPECT_TRUE(listener.waitFor("remove", 40));
         BurnAdmin::destroyInstance();
         hands.clear();
         EXPECT_EQ(bus.openHandles(), 0U);
@@ -231,10 +214,10 @@ TEST_P(BurnAdminTest, ALibraryThatCannotBeBoundFailsEveryCallWithItsCode) {
 
 TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
     for (std::size_t i = 1; i <= 3; ++i)
-        plug(port(i))->addFault({FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways});
+        plug(port(i), {}, {{FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways}});
     start();
     for (const auto& device : devices)
-        ASSERT_TRUE(awaitTrue([&] { return device->count(FaultPoint::MemData) >= 2; }));
+        ASSERT_TRUE(eventually([&] { return device->count(FaultPoint::MemData) >= 2; }));
     BurnAdmin::destroyInstance();
     EXPECT_EQ(listener.count("plug"), 3U);
     EXPECT_EQ(listener.count("remove"), 3U);
@@ -246,7 +229,7 @@ TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
     listener.plugged = [](SesHandle) { std::this_thread::sleep_for(50ms); };
     start();
     plug("0-1");
-    ASSERT_TRUE(listener.waitForCount("error", 1));
+    ASSERT_TRUE(listener.waitFor("error", 1));
     ASSERT_TRUE(listener.waitFor("plug 0-1"));
     EXPECT_THAT(listener.events(),
                 ElementsAre("plug 0-1", "error 57 Empty file! path=" + burnerPath + " 0-1"));
@@ -261,100 +244,66 @@ TEST_P(BurnAdminTest, WithoutAPoolADeviceIsServedAllTheSame) {
     EXPECT_TRUE(holdsImage(*device));
 }
 
-class BurnAdminLinesTest : public AdminFixture {
-  protected:
-    using Lines = std::vector<std::string>;
+class BurnAdminLinesTest : public AdminFixture {};
 
-    // What the trace and the standard output say of one device from the start to the stop.
-    void run(const std::function<void(simulator::VirtualUsbDevice&)>& prepare) {
-        auto device = std::make_shared<simulator::VirtualUsbDevice>();
-        devices.push_back(device);
-        prepare(*device);
-        CapturedOutput output;
+// What the trace and the standard output say of one device from the start to the stop.
+TEST_F(BurnAdminLinesTest, OfARoadWithTwoFailedAttempts) {
+    const std::string id = "USB\\VID_1234&PID_5678\\0-1";
+    std::string place;
+    const Output output = outputOf([&] {
         start();
-        bus.plug("0-1", device);
+        plug("0-1", {},
+             {{FaultPoint::MemData, Fault::shortAnswer(9), 1},
+              {FaultPoint::MemData, Fault::romStatus(0x05), 1}});
         ASSERT_TRUE(listener.waitFor("plug 0-1"));
         const SesHandle session = listener.session("0-1");
-        ASSERT_TRUE(awaitTrue([&] { return session->workerEnded.load(); }));
+        ASSERT_TRUE(eventually([&] { return session->workerEnded.load(); }));
         place = "  BusNum              : " + std::to_string(session->bus_no) +
                 "\n  DeviceAddress       : " + std::to_string(session->device_address) + "\n  \n";
         bus.unplug("0-1");
         ASSERT_TRUE(listener.waitFor("remove 0-1"));
         BurnAdmin::destroyInstance();
-        output.end();
-        printed = output.printed;
-        // Each message begins with its source file and line, and brings its own line end.
-        const std::string mark = ": atlTraceGeneral - ";
-        for (std::size_t at = 0; at < output.traced.size();) {
-            const std::size_t end = std::min(output.traced.find(mark, at), output.traced.size());
-            const std::string piece = output.traced.substr(at, end - at);
-            traced.push_back(piece.substr(0, piece.rfind('\n') + 1));
-            at = end + mark.size();
-        }
-    }
-
-    std::string hotPlugLines(const std::string& kind) const {
+    });
+    const auto hotPlugLines = [&](const std::string& kind) {
         return "\n[" + kind + "] Virtual Vorlan device (Vorlan) [simulator]\n" +
                "  InstanceID          : " + id +
                "\n  DeviceInterfaceGUID : {00000000-0000-0000-0000-000000000000}\n"
                "  DevicePath          : simulator/0-1\n" +
                place;
-    }
-
-    // The trace up to the second block, the end of the worker and the removal, with what comes
-    // between.
-    Lines road(const Lines& between) const {
-        const std::string good = "send_mem_command: Return Successful! (retries = 0)\n";
-        Lines lines{
-            "",
-            "OS_NAME=" + text::narrow(sysutil::getOsName()) + "\n",
-            "is64BitOS=" + std::to_string(sysutil::is64BitOS()) + "\n",
-            hotPlugLines("ARRIVAL"),
-            "1234:5678 (" + id + "): found Virtual Vorlan device - Vorlan, DriverID = 000A\n",
-            "Vorlan " + id + " opened successfully!\n",
-            "Burn_Session_Add\n",
-            "notifyPlug\n",
-            "Enter FwDownload for " + id + "...\n",
-            "FwDownloadProc: has slept for 5 ms to let ROM get ready!\n",
-            "FwDownloadProc: start send_mem_begin_command...\n",
-            good,
-            "FwDownloadProc: reading file " + burnerPath + "...\n",
-            good};
-        lines.insert(lines.end(), between.begin(), between.end());
-        lines.push_back("Exit FwDownload for " + id + "...\n");
-        lines.push_back(hotPlugLines("REMOVAL"));
-        return lines;
-    }
-
-    const std::string id = "USB\\VID_1234&PID_5678\\0-1";
-    const std::string printedOnAnyRoad =
-        "Install HotK monitor for DeviceID = USB\\VID_1234&PID_5678\\*\n"
-        "HotK monitor initialized successfully!\n"
-        "HotK monitor closed successfully!\n";
-    std::string place;
-    Lines traced;
-    std::string printed;
-};
-
-TEST_F(BurnAdminLinesTest, OfAGoodRoad) {
-    ASSERT_NO_FATAL_FAILURE(run([](simulator::VirtualUsbDevice&) {}));
+    };
     const std::string good = "send_mem_command: Return Successful! (retries = 0)\n";
-    EXPECT_EQ(traced,
-              road({good, "FwDownloadProc: end reading file " + burnerPath + "! readBytes = 904\n",
-                    good, "FwDownloadProc: start send_mem_end_command...\n", good}));
-    EXPECT_EQ(printed, printedOnAnyRoad);
-}
-
-TEST_F(BurnAdminLinesTest, OfAFailingRoad) {
-    ASSERT_NO_FATAL_FAILURE(run([](simulator::VirtualUsbDevice& device) {
-        device.addFault({FaultPoint::MemData, Fault::shortAnswer(9), 1});
-        device.addFault({FaultPoint::MemData, Fault::romStatus(0x05), 1});
-        device.addFault({FaultPoint::MemData, Fault::romStatus(0xF0), 1});
-    }));
-    EXPECT_EQ(traced, road({"ReadPipe 0x85, return 9 bytes, NOT valid command response status!\n",
-                            "send_mem_command: Return Error = 0x5 (retries = 1)\n",
-                            "send_mem_command: Return Fatal Error! (retries = 2)\n",
-                            "FAILED to send MEM_DATA command for " + id + "!\n"}));
-    EXPECT_EQ(printed, printedOnAnyRoad);
-    EXPECT_EQ(listener.count("error f0 Return Fatal Error! (retries = 2)"), 1U);
+    const std::vector<std::string> lines{
+        "OS_NAME=" + text::narrow(sysutil::getOsName()) + "\n",
+        "is64BitOS=" + std::to_string(sysutil::is64BitOS()) + "\n",
+        hotPlugLines("ARRIVAL"),
+        "1234:5678 (" + id + "): found Virtual Vorlan device - Vorlan, DriverID = 000A\n",
+        "Vorlan " + id + " opened successfully!\n",
+        "Burn_Session_Add\n",
+        "notifyPlug\n",
+        "Enter FwDownload for " + id + "...\n",
+        "FwDownloadProc: has slept for 5 ms to let ROM get ready!\n",
+        "FwDownloadProc: start send_mem_begin_command...\n",
+        good,
+        "FwDownloadProc: reading file " + burnerPath + "...\n",
+        good,
+        "ReadPipe 0x85, return 9 bytes, NOT valid command response status!\n",
+        "send_mem_command: Return Error = 0x5 (retries = 1)\n",
+        "send_mem_command: Return Successful! (retries = 2)\n",
+        "FwDownloadProc: end reading file " + burnerPath + "! readBytes = 904\n",
+        good,
+        "FwDownloadProc: start send_mem_end_command...\n",
+        good,
+        "Exit FwDownload for " + id + "...\n",
+        hotPlugLines("REMOVAL")};
+    EXPECT_TRUE(lines[0].starts_with("OS_NAME=Linux ")) << lines[0];
+    // Each message begins with its source file and line, and brings its own line end.
+    const std::regex sourceLine("[a-z_]+\\.cpp\\([0-9]+\\): atlTraceGeneral - ");
+    std::string expected;
+    for (const std::string& line : lines)
+        expected += line;
+    EXPECT_EQ(std::regex_replace(output.traced, sourceLine, ""), expected);
+    EXPECT_EQ(output.printed,
+              "Install HotK monitor for DeviceID = USB\\VID_1234&PID_5678\\*\n"
+              "HotK monitor initialized successfully!\n"
+              "HotK monitor closed successfully!\n");
 }

@@ -67,7 +67,7 @@ TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {
 
 const std::string kText127(127, 'd');
 
-const std::vector<FaultCase> kFaults = {
+const std::vector<FaultCase> kBurnFaults = {
     {"BusyTwice", FaultPoint::FlashWrite, Fault::response(4), 0, 2, true, 4,
      "FLASH_WRITE command successful!"},
     {"BusyForGood", FaultPoint::FlashWrite, Fault::response(4), 0, 3, false, 3,
@@ -130,49 +130,42 @@ const std::vector<FaultCase> kFaults = {
      FaultRule::kAlways, true, 2, ""},
     {"EmptyImageIsAskedForOnce", FaultPoint::GetResult, Fault::response(3), 0, FaultRule::kAlways,
      false, 1, "BurnAgent::vorlan_get_result: timeout!", CMD_CODE_FLASH_WRITE, "", 0},
-    {"VerifyNotTaken", FaultPoint::VerifyOnly, Fault::refuseWrite(), 0, 1, false, 1, "",
-     CMD_CODE_VERIFY_ONLY},
-    {"VerifyBusyTwice", FaultPoint::VerifyOnly, Fault::response(4), 0, 2, true, 3,
-     "VERIFY_ONLY command succeed!", CMD_CODE_VERIFY_ONLY},
-    {"VerifyBusyForGood", FaultPoint::VerifyOnly, Fault::response(4), 0, 3, false, 3,
-     "BurnAgent::vorlan_verify_only: retry sending VERIFY_ONLY for 3 times!", CMD_CODE_VERIFY_ONLY},
-    {"VerifyAnswerLostTwice", FaultPoint::VerifyOnly, Fault::silence(), 0, 2, true, 3, "",
-     CMD_CODE_VERIFY_ONLY},
-    {"VerifyAnswerNamesNoCommand", FaultPoint::VerifyOnly, Fault::wrongCmdorg(0), 0, 1, true, 1, "",
-     CMD_CODE_VERIFY_ONLY},
-    {"VerifyAnswerNamesAnother", FaultPoint::VerifyOnly, Fault::wrongCmdorg(6), 0, 3, false, 3,
-     "BurnAgent::vorlan_verify_only: retry sending VERIFY_ONLY for 3 times!", CMD_CODE_VERIFY_ONLY},
-    {"VerifyAnsweredWithSuccess", FaultPoint::VerifyOnly, Fault::response(0), 0, 3, false, 3,
-     "BurnAgent::vorlan_verify_only: retry sending VERIFY_ONLY for 3 times!", CMD_CODE_VERIFY_ONLY},
-    {"VerifyRefused", FaultPoint::VerifyOnly, Fault::error("not here"), 0, 1, false, 1,
-     "BurnAgent::vorlan_verify_only: not here", CMD_CODE_VERIFY_ONLY},
-    {"VerifyFailsInTheEnd", FaultPoint::GetResult, Fault::error("bad"), 0, 1, false, 1,
-     "BurnAgent::vorlan_verify_only: VERIFY_ONLY command failed!", CMD_CODE_VERIFY_ONLY},
-    {"EraseNotTaken", FaultPoint::EraseOnly, Fault::refuseWrite(), 0, 1, false, 1, "",
-     CMD_CODE_ERASE_ONLY},
-    {"EraseBusyTwice", FaultPoint::EraseOnly, Fault::response(4), 0, 2, true, 3,
-     "ERASE_ONLY command succeed!", CMD_CODE_ERASE_ONLY},
-    {"EraseBusyForGood", FaultPoint::EraseOnly, Fault::response(4), 0, 3, false, 3,
-     "BurnAgent::vorlan_erase_only: retry sending ERASE_ONLY for 3 times!", CMD_CODE_ERASE_ONLY},
-    {"EraseAnswerLostTwice", FaultPoint::EraseOnly, Fault::silence(), 0, 2, true, 3, "",
-     CMD_CODE_ERASE_ONLY},
-    {"EraseAnswerNamesNoCommand", FaultPoint::EraseOnly, Fault::wrongCmdorg(0), 0, 1, true, 1, "",
-     CMD_CODE_ERASE_ONLY},
-    {"EraseAnswerNamesAnother", FaultPoint::EraseOnly, Fault::wrongCmdorg(6), 0, 3, false, 3,
-     "BurnAgent::vorlan_erase_only: retry sending ERASE_ONLY for 3 times!", CMD_CODE_ERASE_ONLY},
-    {"EraseAnsweredWithSuccess", FaultPoint::EraseOnly, Fault::response(0), 0, 3, false, 3,
-     "BurnAgent::vorlan_erase_only: retry sending ERASE_ONLY for 3 times!", CMD_CODE_ERASE_ONLY},
-    {"EraseRefused", FaultPoint::EraseOnly, Fault::error("not here"), 0, 1, false, 1,
-     "BurnAgent::vorlan_erase_only: not here", CMD_CODE_ERASE_ONLY},
-    {"EraseFailsInTheEnd", FaultPoint::GetResult, Fault::error("bad"), 0, 1, false, 1,
-     "BurnAgent::vorlan_erase_only: ERASE_ONLY command failed!", CMD_CODE_ERASE_ONLY},
     {"CrcOfVerifyRefused", FaultPoint::SetCrc64, Fault::error("no crc"), 0, 1, false, 1,
      "BurnAgent::vorlan_verify_only: FAILED to set crc64 value into vorlan device!",
      CMD_CODE_VERIFY_ONLY}};
 
-INSTANTIATE_TEST_SUITE_P(Faults, BurnAgentFaults,
-                         testing::Combine(testing::ValuesIn(kFaults), testing::Bool()),
-                         [](const auto& test) {
-                             return std::get<0>(test.param).name +
-                                    std::string(std::get<1>(test.param) ? "AtOnce" : "");
-                         });
+// Faults of a verification, an erasure.
+std::vector<FaultCase> faultsOf(unsigned mode, FaultPoint where, const std::string& command,
+                                const std::string& operation) {
+    const std::string tooOften = operation + ": retry sending " + command + " for 3 times!";
+    return {
+        {"BusyTwice", where, Fault::response(4), 0, 2, true, 3, command + " command succeed!",
+         mode},
+        {"AnswerNamesNoCommand", where, Fault::wrongCmdorg(0), 0, 1, true, 1, "", mode},
+        {"AnswerNamesAnother", where, Fault::wrongCmdorg(6), 0, 3, false, 3, tooOften, mode},
+        {"AnsweredWithSuccess", where, Fault::response(0), 0, 3, false, 3, tooOften, mode},
+        {"Refused", where, Fault::error("not here"), 0, 1, false, 1, operation + ": not here",
+         mode},
+        {"FailsInTheEnd", FaultPoint::GetResult, Fault::error("bad"), 0, 1, false, 1,
+         operation + ": " + command + " command failed!", mode},
+    };
+}
+
+const auto nameOf = [](const auto& test) {
+    return std::get<0>(test.param).name + std::string(std::get<1>(test.param) ? "AtOnce" : "");
+};
+
+INSTANTIATE_TEST_SUITE_P(Burn, BurnAgentFaults,
+                         testing::Combine(testing::ValuesIn(kBurnFaults), testing::Bool()), nameOf);
+INSTANTIATE_TEST_SUITE_P(
+    Verify, BurnAgentFaults,
+    testing::Combine(testing::ValuesIn(faultsOf(CMD_CODE_VERIFY_ONLY, FaultPoint::VerifyOnly,
+                                                "VERIFY_ONLY", "BurnAgent::vorlan_verify_only")),
+                     testing::Bool()),
+    nameOf);
+INSTANTIATE_TEST_SUITE_P(
+    Erase, BurnAgentFaults,
+    testing::Combine(testing::ValuesIn(faultsOf(CMD_CODE_ERASE_ONLY, FaultPoint::EraseOnly,
+                                                "ERASE_ONLY", "BurnAgent::vorlan_erase_only")),
+                     testing::Bool()),
+    nameOf);

@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "agentfixture.h"
 #include "utils/fileutil.h"
 #include "utils/interruption.h"
-#include "vorlan/burn/crc64.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -47,30 +47,6 @@ TEST_F(BurnAgentTest, WritesImagesInOrderAndTheSerialNumberBehindThem) {
                             "SN=VRL260000000001 45", "SN=VRL260000000001 100", "done"));
 }
 
-TEST_F(BurnAgentTest, SendsTheBytesOfTheWorkedExample) {
-    plug({.recordsTransfers = true});
-    const std::string image = imageBytes(5000);
-    ASSERT_TRUE(run({item("image.bin", 0x100000, image)}));
-
-    std::vector<std::vector<std::uint8_t>> sent;
-    for (const simulator::UsbTransfer& transfer : device->transfers()) {
-        if (transfer.endpoint == EP_ADDR_CMD_RESP_OUT)
-            sent.push_back(transfer.bytes);
-        if (transfer.endpoint == EP_ADDR_DATA_RESP_OUT)
-            sent.push_back({static_cast<std::uint8_t>(transfer.bytes.size() >> 8),
-                            static_cast<std::uint8_t>(transfer.bytes.size())});
-    }
-    const Record setCrc =
-        encodeSetCrc64(BURN_FLAG_CRC64,
-                       crc64(0, reinterpret_cast<const std::uint8_t*>(image.data()), image.size()));
-    const std::vector<std::uint8_t> sync{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    const std::vector<std::uint8_t> write{8, 0, 0, 2, 0, 0, 0x10, 0, 0x88, 0x13, 0, 0, 0, 0, 0, 0};
-    const std::vector<std::uint8_t> result{0, 0, 0, 0x0A, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_THAT(sent, ElementsAre(sync, std::vector<std::uint8_t>(setCrc.begin(), setCrc.end()),
-                                  write, std::vector<std::uint8_t>{0x10, 0x00},
-                                  std::vector<std::uint8_t>{0x03, 0x88}, result));
-}
-
 TEST_F(BurnAgentTest, ChunksFollowFromTheSize) {
     const std::pair<std::size_t, unsigned> sizes[] = {{0, 0}, {1, 1}, {4096, 1}, {4097, 2}};
     for (const auto& [size, chunks] : sizes) {
@@ -90,14 +66,12 @@ TEST_F(BurnAgentTest, ChunksFollowFromTheSize) {
     const std::string path = text::narrow(empty.file);
     EXPECT_THAT(listener.reports, ElementsAre("start", path + " 0", path + " 100", "done"));
     EXPECT_EQ(device->count(FaultPoint::GetResult), 1U);
-}
 
-TEST_F(BurnAgentTest, NothingToBurnIsABurnToo) {
     plug();
-    EXPECT_TRUE(run({}));
+    listener.reports.clear();
+    EXPECT_TRUE(run({})) << "nothing to burn is a burn too";
     EXPECT_THAT(listener.reports, ElementsAre("start", "done"));
     EXPECT_EQ(device->count(FaultPoint::FlashWrite), 0U);
-    EXPECT_TRUE(device->flash().writtenRanges().empty());
 }
 
 TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSync) {
@@ -234,31 +208,30 @@ TEST_F(BurnAgentTest, GeneralExchange) {
         return agent.vorlan_send_usb_command(open, sync.data(), kRecordSize, retries, 1, respcode);
     };
 
-    std::uint8_t respcode = 0xAA;
-    EXPECT_TRUE(send(1, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::response(4), .times = 2});
-    EXPECT_FALSE(send(2, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_ERROR);
-    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 2 times!"));
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(6), .times = 3});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_TRUE(log.contains("has retried sending SYNC(4) for 3 times!"));
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(0)});
-    EXPECT_TRUE(send(1, &respcode));
-    EXPECT_EQ(respcode, RESP_CODE_SUCCESS);
-
-    const std::uint32_t sent = device->count(FaultPoint::Sync);
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::refuseWrite()});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_EQ(device->count(FaultPoint::Sync), sent + 1) << "a failed send is not repeated";
-
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::error("no")});
-    EXPECT_FALSE(send(3, &respcode));
-    EXPECT_TRUE(log.contains("BurnAgent::vorlan_send_usb_command: no\n"));
-    EXPECT_EQ(respcode, RESP_CODE_ERROR);
+    const struct {
+        std::optional<FaultRule> fault;
+        unsigned retries;
+        bool done;
+        std::uint32_t messages;
+        const char* logged;
+    } cases[] = {
+        {{}, 1, true, 1, ""},
+        {{{FaultPoint::Sync, Fault::response(4), 0, 2}}, 2, false, 2, "SYNC(4) for 2 times!"},
+        {{{FaultPoint::Sync, Fault::wrongCmdorg(6), 0, 3}}, 3, false, 3, "SYNC(4) for 3 times!"},
+        {{{FaultPoint::Sync, Fault::wrongCmdorg(0)}}, 1, true, 1, ""},
+        {{{FaultPoint::Sync, Fault::refuseWrite()}}, 3, false, 1, ""},
+        {{{FaultPoint::Sync, Fault::error("no")}}, 3, false, 1, "vorlan_send_usb_command: no\n"},
+    };
+    for (const auto& c : cases) {
+        const std::uint32_t before = device->count(FaultPoint::Sync);
+        if (c.fault)
+            device->addFault(*c.fault);
+        std::uint8_t respcode = 0xAA;
+        EXPECT_EQ(send(c.retries, &respcode), c.done);
+        EXPECT_EQ(respcode, c.done ? RESP_CODE_SUCCESS : RESP_CODE_ERROR);
+        EXPECT_EQ(device->count(FaultPoint::Sync) - before, c.messages);
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+    }
     vorlan_device_close(open);
 
     EXPECT_EQ(BurnAgent::get_version(), "unknown");
@@ -321,29 +294,12 @@ TEST_F(BurnAgentTest, ABurnThatTheDeviceHasConfirmedIsReportedThoughInterrupted)
     plug();
     std::stop_source stop;
     const interruption::Scope scope(stop.get_token());
-
-    // Interrupts the burn when its last percent is reported: the device has confirmed all by then.
-    class StopAtTheEnd final : public BurnListener {
-      public:
-        explicit StopAtTheEnd(std::stop_source& source) : source_(source) {}
-        void onBurnStart(BurnAgent*) override {}
-        void onBurnProgress(BurnAgent*, const std::string&, unsigned percent) override {
-            if (percent == 100)
-                source_.request_stop();
-        }
-        void onItemProgress(BurnAgent*, const BurnItem*, unsigned) override {}
-        void onBurnDone(BurnAgent*) override { done = true; }
-        void onBurnError(BurnAgent*, int, const std::string&) override {}
-        bool done = false;
-
-      private:
-        std::stop_source& source_;
-    } stopper(stop);
-
-    BurnAgent agent(deviceId);
-    agent.set_sn("SN-1", kSnAddress);
-    agent.run({}, &stopper, CMD_CODE_FLASH_WRITE);
-    EXPECT_TRUE(stopper.done);
-    EXPECT_TRUE(agent.is_done());
+    // When its last percent is reported the device has confirmed all.
+    listener.progressed = [&](unsigned percent) {
+        if (percent == 100)
+            stop.request_stop();
+    };
+    EXPECT_TRUE(run({}, "SN-1"));
+    EXPECT_EQ(listener.reports.back(), "done");
     EXPECT_TRUE(flashHolds(kSnAddress, "SN-1"));
 }

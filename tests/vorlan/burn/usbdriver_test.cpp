@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-#include "adminfixture.h"
+#include "simulator/virtualusbbus.h"
+#include "support/helpers.h"
 #include "vorlan/burn/libusbktable.h"
 
 using simulator::UsbOperation;
@@ -40,9 +41,7 @@ TEST(UsbDriver, EachFailureIsToldAndOverWithItsCause) {
          }) {
         SCOPED_TRACE(row.told);
         bus.fail(row.operation, row.code);
-        CapturedOutput output;
-        EXPECT_FALSE(usbDriverWorks());
-        output.end();
+        const Output output = outputOf([] { EXPECT_FALSE(usbDriverWorks()); });
         EXPECT_THAT(output.traced, HasSubstr(row.told));
         EXPECT_FALSE(LibusbkBinding::isBound());
         EXPECT_TRUE(usbDriverWorks());

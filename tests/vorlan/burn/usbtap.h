@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -18,7 +18,7 @@ class UsbTap {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // What a transfer is for: the code of a command, or this and the endpoint.
+    // What a transfer is for: the code of a command to the burner image, or this and the endpoint.
     static constexpr int kEndpoint = 0x100;
     static constexpr int kChunk = kEndpoint + EP_ADDR_DATA_RESP_OUT;
     static constexpr int kChunkAnswer = kEndpoint + EP_ADDR_DATA_RESP_IN;
@@ -30,6 +30,7 @@ class UsbTap {
             below_ = libusbkTable();
         }
         table_ = below_;
+        table_.UsbK_Free = free;
         table_.UsbK_ReadPipe = readPipe;
         table_.UsbK_WritePipe = writePipe;
         table_.OvlK_WaitOrCancel = waitOrCancel;
@@ -43,7 +44,6 @@ class UsbTap {
     void clear() {
         starts_.clear();
         waits.clear();
-        limits.clear();
         flushes.clear();
     }
 
@@ -53,25 +53,37 @@ class UsbTap {
         for (auto it = starts_.begin(); it != starts_.end(); ++it) {
             if (it->first != from)
                 continue;
-            const auto next = std::find_if(std::next(it), starts_.end(),
-                                           [&](const auto& start) { return start.first == to; });
+            const auto next = std::find_if(std::next(it), starts_.end(), is(to));
             if (next != starts_.end())
                 result = std::min(result, next->second - it->second);
         }
         return result;
     }
 
-    // Endpoints and limits in ms of all waits, in their order and each pair once.
-    std::vector<std::pair<int, unsigned>> waits;
-    std::set<std::pair<int, unsigned>> limits;
-    std::vector<int> flushes;  // endpoints
+    // When the first and the last one started.
+    Clock::time_point first(int what) const {
+        return std::find_if(starts_.begin(), starts_.end(), is(what))->second;
+    }
+    Clock::time_point last(int what) const {
+        return std::find_if(starts_.rbegin(), starts_.rend(), is(what))->second;
+    }
+
+    // Runs behind each start of a read.
+    std::function<void()> afterRead = [] {};
+
+    Clock::time_point freed;                      // when the last handle was
+    std::vector<std::pair<int, unsigned>> waits;  // endpoints and limits in ms
+    std::vector<int> flushes;                     // endpoints
 
   private:
     static bool readPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8_t* buffer,
                          std::uint32_t length, std::uint32_t* transferred,
                          libusbk::OverlappedSlot* slot) {
         tap->begin(endpoint, kEndpoint + endpoint, slot);
-        return tap->below_.UsbK_ReadPipe(handle, endpoint, buffer, length, transferred, slot);
+        const bool done =
+            tap->below_.UsbK_ReadPipe(handle, endpoint, buffer, length, transferred, slot);
+        tap->afterRead();
+        return done;
     }
 
     static bool writePipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
@@ -85,13 +97,23 @@ class UsbTap {
     static bool waitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
                              std::uint32_t* transferred) {
         tap->waits.emplace_back(tap->endpoints_[slot], timeoutMs);
-        tap->limits.insert(tap->waits.back());
         return tap->below_.OvlK_WaitOrCancel(slot, timeoutMs, transferred);
     }
 
     static bool flushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
         tap->flushes.push_back(endpoint);
         return tap->below_.UsbK_FlushPipe(handle, endpoint);
+    }
+
+    static bool free(libusbk::UsbHandle* handle) {
+        tap->freed = Clock::now();
+        return tap->below_.UsbK_Free(handle);
+    }
+
+    using Start = std::pair<int, Clock::time_point>;
+
+    static std::function<bool(const Start&)> is(int what) {
+        return [what](const Start& start) { return start.first == what; };
     }
 
     void begin(int endpoint, int what, libusbk::OverlappedSlot* slot) {
@@ -104,5 +126,5 @@ class UsbTap {
     LibusbkTable below_{};
     LibusbkTable table_{};
     std::map<const libusbk::OverlappedSlot*, int> endpoints_;
-    std::vector<std::pair<int, Clock::time_point>> starts_;
+    std::vector<Start> starts_;
 };

@@ -24,58 +24,22 @@ std::string nodeName(int address) {
     return text;
 }
 
-std::string hex(const Bytes& bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02X", byte);
-        text += digits;
-    }
+// Device, configuration and interface descriptor as hexadecimal digits, with four bulk endpoints of
+// 512 bytes unless it is a hub.
+std::string descriptors(std::uint16_t vendorId, std::uint16_t productId, bool hub) {
+    const std::string endpoints = hub ? ""
+                                      : "07050402000200"
+                                        "07050602000200"
+                                        "07058302000200"
+                                        "07058502000200";
+    const unsigned size = 18 + static_cast<unsigned>(endpoints.size()) / 2;
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "12010002%s000040%02X%02X%02X%02X000101020001"
+                  "0902%02X00010100803209040000%02X%s000000%s",
+                  hub ? "09" : "00", vendorId & 0xFFU, vendorId >> 8U, productId & 0xFFU,
+                  productId >> 8U, size, hub ? 0U : 4U, hub ? "09" : "FF", endpoints.c_str());
     return text;
-}
-
-std::uint8_t low(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value & 0xFF);
-}
-
-std::uint8_t high(std::uint16_t value) {
-    return static_cast<std::uint8_t>(value >> 8);
-}
-
-// Device, configuration and interface descriptor, with four bulk endpoints unless it is a hub.
-Bytes descriptors(std::uint16_t vendorId, std::uint16_t productId, bool hub) {
-    const std::uint8_t deviceClass = hub ? 9 : 0;
-    const std::uint8_t interfaceClass = hub ? 9 : 0xFF;
-    const Bytes endpoints = hub ? Bytes{} : Bytes{0x04, 0x06, 0x83, 0x85};
-    const auto total = static_cast<std::uint8_t>(18 + 7 * endpoints.size());
-    const auto count = static_cast<std::uint8_t>(endpoints.size());
-    Bytes bytes{18,
-                1,
-                0x00,
-                0x02,
-                deviceClass,
-                0,
-                0,
-                64,
-                low(vendorId),
-                high(vendorId),
-                low(productId),
-                high(productId),
-                0x00,
-                0x01,
-                1,
-                2,
-                0,
-                1};
-    const Bytes configuration{9, 2, total, 0, 1, 1, 0, 0x80, 50};
-    const Bytes interface { 9, 4, 0, 0, count, interfaceClass, 0, 0, 0 };
-    bytes.insert(bytes.end(), configuration.begin(), configuration.end());
-    bytes.insert(bytes.end(), interface.begin(), interface.end());
-    for (const std::uint8_t endpoint : endpoints) {
-        const Bytes descriptor{7, 5, endpoint, 2, 0x00, 0x02, 0};
-        bytes.insert(bytes.end(), descriptor.begin(), descriptor.end());
-    }
-    return bytes;
 }
 
 void add(UMockdevTestbed* testbed, const std::string& description) {
@@ -88,13 +52,13 @@ void add(UMockdevTestbed* testbed, const std::string& description) {
 }
 
 std::string describeDevice(const std::string& path, int address, const std::string& product,
-                           const Bytes& bytes) {
+                           const std::string& descriptors) {
     return "P: " + path + "\nE: DEVNAME=" + nodeName(address) +
            "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" +
            nodeName(address).substr(17) + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) +
            "\\n\nA: speed=480\\n\nA: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n"
            "\nA: manufacturer=Vorlan\\n\nA: product=" +
-           product + "\\n\nH: descriptors=" + hex(bytes) + "\n\n";
+           product + "\\n\nH: descriptors=" + descriptors + "\n\n";
 }
 
 }  // namespace

@@ -132,11 +132,6 @@ std::string MockUsbDevice::boundDriver() {
     return driver_;
 }
 
-void MockUsbDevice::claimElsewhere(bool claimed) {
-    const std::lock_guard guard(mutex_);
-    claimedElsewhere_ = claimed;
-}
-
 MockUsbDevice::Counts MockUsbDevice::counts() {
     const std::lock_guard guard(mutex_);
     return counts_;
@@ -297,7 +292,7 @@ MockUsbDevice::Answer MockUsbDevice::discard(UMockdevIoctlClient* client) {
 MockUsbDevice::Answer MockUsbDevice::claim(UMockdevIoctlClient* client) {
     if (argument<unsigned int>(client) != 0)
         return {-1, ENOENT};
-    if (!driver_.empty() || claimedElsewhere_ || (claimant_ != nullptr && claimant_ != client))
+    if (!driver_.empty() || (claimant_ != nullptr && claimant_ != client))
         return {-1, EBUSY};
     claimant_ = client;
     ++counts_.claims;
@@ -312,8 +307,7 @@ MockUsbDevice::Answer MockUsbDevice::release(UMockdevIoctlClient* client) {
 }
 
 MockUsbDevice::Answer MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
-    const bool claimed = claimedElsewhere_ || claimant_ != nullptr;
-    const std::string name = claimed ? "usbfs" : driver_;
+    const std::string name = claimant_ != nullptr ? "usbfs" : driver_;
     UMockdevIoctlData* const data =
         resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_getdriver));
     auto record = valueAt<usbdevfs_getdriver>(data);
@@ -338,7 +332,7 @@ MockUsbDevice::Answer MockUsbDevice::commandDriver(UMockdevIoctlClient* client) 
             ++counts_.detaches;
             return {};
         case USBDEVFS_CONNECT:
-            if (!driver_.empty() || claimant_ != nullptr || claimedElsewhere_)
+            if (!driver_.empty() || claimant_ != nullptr)
                 return {-1, EBUSY};
             driver_ = std::exchange(detachedDriver_, "");
             ++counts_.attaches;

@@ -66,8 +66,6 @@ class MockUsbDevice {
     // A kernel driver has the interface; an empty name is none.
     void bindDriver(const std::string& name);
     std::string boundDriver();
-    // Another program has claimed the interface.
-    void claimElsewhere(bool claimed);
 
     Counts counts();
     // Waits until this many transfers are under way on the endpoint; false if that never comes.
@@ -141,7 +139,6 @@ class MockUsbDevice {
     bool mute_ = false;
     std::string driver_;
     std::string detachedDriver_;
-    bool claimedElsewhere_ = false;
     _UMockdevIoctlClient* claimant_ = nullptr;
     bool gone_ = false;
     bool fifoFull_ = false;
