@@ -6,7 +6,6 @@
 
 #include "simulator/demo/audience.h"
 #include "simulator/demo/burnproof.h"
-#include "simulator/demo/demodevices.h"
 #include "simulator/demo/demooperator.h"
 #include "simulator/demo/report.h"
 #include "simulator/demo/samplepackage.h"
@@ -14,6 +13,7 @@
 #include "simulator/demo/serialdevices.h"
 #include "simulator/demo/tilewatch.h"
 #include "simulator/demo/usbdemo.h"
+#include "simulator/demo/usbdevices.h"
 #include "vorlanfactorytooldlg.h"
 
 namespace simulator {
@@ -44,7 +44,7 @@ class Demo {
     const SamplePackage package_;
     const std::string packagePath_;
     const std::string csvPath_;
-    DemoDevices usbDevices_;
+    UsbDevices usbDevices_;
     SerialDevices serialDevices_;
     CVorlanFactoryToolDlg window_;
     DemoOperator operator_;

@@ -42,7 +42,7 @@ bool DemoOperator::startBurning() {
     return press(kStart) && (isBurning() || report_.fail("burning does not start"));
 }
 
-bool DemoOperator::labelPlaces(DemoDevices& devices) {
+bool DemoOperator::labelPlaces(UsbDevices& devices) {
     labels_ = {{devices.all().front().deviceId, QStringLiteral("L1")},
                {devices.toUnplug().deviceId, QStringLiteral("L1 second hub")},
                {devices.failingInFlash().deviceId, QStringLiteral("L2 test cable")}};

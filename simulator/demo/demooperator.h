@@ -6,9 +6,9 @@
 #include <map>
 #include <string>
 
-#include "simulator/demo/demodevices.h"
 #include "simulator/demo/report.h"
 #include "simulator/demo/scriptedanswers.h"
+#include "simulator/demo/usbdevices.h"
 #include "simulator/operator/windowoperator.h"
 
 namespace simulator {
@@ -29,7 +29,7 @@ class DemoOperator {
     bool isBurning() const { return hands_.isEnabled(QStringLiteral("停止烧录")); }
     // Types a label for the places of three devices, saves, and looks into the file. What goes
     // wrong at two of these places later must not lose the label.
-    bool labelPlaces(DemoDevices& devices);
+    bool labelPlaces(UsbDevices& devices);
     // Tries to import numbers and to close the window, neither of which burning allows.
     bool tryWhatMustWait(ScriptedAnswers& answers);
     bool stopBurning();

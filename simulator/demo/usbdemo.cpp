@@ -1,7 +1,7 @@
 #include "simulator/demo/usbdemo.h"
 
-#include "simulator/demo/burncheck.h"
 #include "simulator/demo/scriptedanswers.h"
+#include "simulator/demo/usbcheck.h"
 
 namespace simulator {
 
@@ -40,7 +40,7 @@ bool UsbDemo::playForOnlooker(const std::string& packagePath, const std::string&
 }
 
 bool UsbDemo::check() {
-    return BurnCheck(report_, package_, operator_, proof_).check(devices_);
+    return UsbCheck(report_, package_, operator_, proof_).check(devices_);
 }
 
 }  // namespace simulator

@@ -5,19 +5,19 @@
 #include <string>
 
 #include "simulator/demo/burnproof.h"
-#include "simulator/demo/demodevices.h"
 #include "simulator/demo/demooperator.h"
-#include "simulator/demo/devicetraffic.h"
 #include "simulator/demo/report.h"
 #include "simulator/demo/samplepackage.h"
 #include "simulator/demo/tilewatch.h"
+#include "simulator/demo/usbdevices.h"
+#include "simulator/demo/usbtraffic.h"
 
 namespace simulator {
 
 // Each of the two ways to play is true if all went as it must; the report tells what did not.
 class UsbDemo {
   public:
-    UsbDemo(Report& report, DemoOperator& worker, const TileWatch& watch, DemoDevices& devices,
+    UsbDemo(Report& report, DemoOperator& worker, const TileWatch& watch, UsbDevices& devices,
             const SamplePackage& package, BurnProof& proof)
         : report_(report),
           operator_(worker),
@@ -36,10 +36,10 @@ class UsbDemo {
 
     Report& report_;
     DemoOperator& operator_;
-    DemoDevices& devices_;
+    UsbDevices& devices_;
     const SamplePackage& package_;
     BurnProof& proof_;
-    DeviceTraffic traffic_;
+    UsbTraffic traffic_;
 };
 
 }  // namespace simulator

@@ -5,29 +5,29 @@
 #include <string>
 
 #include "simulator/demo/burnproof.h"
-#include "simulator/demo/demodevices.h"
 #include "simulator/demo/demooperator.h"
 #include "simulator/demo/report.h"
 #include "simulator/demo/samplepackage.h"
+#include "simulator/demo/usbdevices.h"
 
 namespace simulator {
 
 // To be used while no device is burning.
-class BurnCheck {
+class UsbCheck {
   public:
-    BurnCheck(Report& report, const SamplePackage& package, const DemoOperator& worker,
-              BurnProof& proof)
+    UsbCheck(Report& report, const SamplePackage& package, const DemoOperator& worker,
+             BurnProof& proof)
         : report_(report), package_(package), worker_(worker), proof_(proof) {}
 
     // Reports one line for each device. True if all is as it must be.
-    bool check(DemoDevices& devices);
+    bool check(UsbDevices& devices);
 
   private:
-    bool checkDevice(std::size_t number, const DemoDevice& device);
-    std::string troubleWithTile(const DemoDevice& device) const;
-    std::string troubleWithBurned(const DemoDevice& device);
-    std::string troubleInRom(const DemoDevice& device) const;
-    std::string troubleInFlash(const DemoDevice& device) const;
+    bool checkDevice(std::size_t number, const UsbDevice& device);
+    std::string troubleWithTile(const UsbDevice& device) const;
+    std::string troubleWithBurned(const UsbDevice& device);
+    std::string troubleInRom(const UsbDevice& device) const;
+    std::string troubleInFlash(const UsbDevice& device) const;
 
     Report& report_;
     const SamplePackage& package_;

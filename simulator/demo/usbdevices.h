@@ -14,7 +14,7 @@
 
 namespace simulator {
 
-struct DemoDevice {
+struct UsbDevice {
     // kComesLate: finds all sixteen places taken, and is burned at the port of another one later.
     enum class Fate { kBurned, kFailsInRom, kFailsInFlash, kComesLate };
 
@@ -29,22 +29,22 @@ struct DemoDevice {
 };
 
 // Must be made before the window and outlive it.
-class DemoDevices {
+class UsbDevices {
   public:
     static constexpr std::size_t kTogether = 16;
     // That the failing flash takes before it fails.
     static constexpr std::uint32_t kGoodChunks = 200;
 
-    DemoDevices(Report& report, Audience audience);
+    UsbDevices(Report& report, Audience audience);
 
-    std::vector<DemoDevice>& all() { return devices_; }
-    DemoDevice& toUnplug();  // in mid-burn
-    DemoDevice& failingInRom();
-    DemoDevice& failingInFlash();
-    DemoDevice& late();
+    std::vector<UsbDevice>& all() { return devices_; }
+    UsbDevice& toUnplug();  // in mid-burn
+    UsbDevice& failingInRom();
+    UsbDevice& failingInFlash();
+    UsbDevice& late();
 
-    void plug(DemoDevice& device);
-    void unplug(DemoDevice& device);
+    void plug(UsbDevice& device);
+    void unplug(UsbDevice& device);
     // Takes every device that is plugged in out and puts it in again: they are all in their ROM
     // loaders then. Not reported.
     void plugAnew();
@@ -55,7 +55,7 @@ class DemoDevices {
   private:
     Report& report_;
     VirtualUsbBus bus_;
-    std::vector<DemoDevice> devices_;
+    std::vector<UsbDevice> devices_;
 };
 
 }  // namespace simulator

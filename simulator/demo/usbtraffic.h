@@ -2,17 +2,17 @@
 // tiles show it.
 #pragma once
 
-#include "simulator/demo/demodevices.h"
 #include "simulator/demo/report.h"
 #include "simulator/demo/tilewatch.h"
+#include "simulator/demo/usbdevices.h"
 
 namespace simulator {
 
 // Each step is false if the tiles did not follow, which the report tells, or if a person at the
 // window has ended the demo.
-class DeviceTraffic {
+class UsbTraffic {
   public:
-    DeviceTraffic(Report& report, const TileWatch& watch, DemoDevices& devices)
+    UsbTraffic(Report& report, const TileWatch& watch, UsbDevices& devices)
         : report_(report), watch_(watch), devices_(devices) {}
 
     // Half of the devices are there before the operator starts, and the others come after that.
@@ -33,7 +33,7 @@ class DeviceTraffic {
 
     Report& report_;
     const TileWatch& watch_;
-    DemoDevices& devices_;
+    UsbDevices& devices_;
 };
 
 }  // namespace simulator

@@ -1,4 +1,4 @@
-#include "simulator/demo/demodevices.h"
+#include "simulator/demo/usbdevices.h"
 
 using namespace std::chrono_literals;
 
@@ -8,11 +8,11 @@ namespace {
 constexpr std::size_t kUnpluggedOne = 4;
 constexpr std::size_t kRomFailure = 7;
 constexpr std::size_t kFlashFailure = 10;
-constexpr std::size_t kLateOne = DemoDevices::kTogether;
+constexpr std::size_t kLateOne = UsbDevices::kTogether;
 
 }  // namespace
 
-DemoDevices::DemoDevices(Report& report, Audience audience) : report_(report) {
+UsbDevices::UsbDevices(Report& report, Audience audience) : report_(report) {
     UsbDeviceOptions options;
     options.romStartUp = 50ms;
     options.handOver = 50ms;
@@ -24,46 +24,46 @@ DemoDevices::DemoDevices(Report& report, Audience audience) : report_(report) {
                             .deviceId = {},
                             .device = std::make_shared<VirtualUsbDevice>(options)});
 
-    failingInRom().fate = DemoDevice::Fate::kFailsInRom;
+    failingInRom().fate = UsbDevice::Fate::kFailsInRom;
     failingInRom().device->addFault(
         {.where = FaultPoint::MemData, .what = Fault::romStatus(0xF1), .skip = 5});
-    failingInFlash().fate = DemoDevice::Fate::kFailsInFlash;
+    failingInFlash().fate = UsbDevice::Fate::kFailsInFlash;
     failingInFlash().device->addFault({.where = FaultPoint::Chunk,
                                        .what = Fault::error("flash program failed"),
                                        .skip = kGoodChunks});
-    late().fate = DemoDevice::Fate::kComesLate;
+    late().fate = UsbDevice::Fate::kComesLate;
 }
 
-DemoDevice& DemoDevices::toUnplug() {
+UsbDevice& UsbDevices::toUnplug() {
     return devices_[kUnpluggedOne];
 }
 
-DemoDevice& DemoDevices::failingInRom() {
+UsbDevice& UsbDevices::failingInRom() {
     return devices_[kRomFailure];
 }
 
-DemoDevice& DemoDevices::failingInFlash() {
+UsbDevice& UsbDevices::failingInFlash() {
     return devices_[kFlashFailure];
 }
 
-DemoDevice& DemoDevices::late() {
+UsbDevice& UsbDevices::late() {
     return devices_[kLateOne];
 }
 
-void DemoDevices::plug(DemoDevice& device) {
+void UsbDevices::plug(UsbDevice& device) {
     device.deviceId = bus_.plug(device.port, device.device);
     device.plugged = true;
     report_.line("plugged in   %s", device.port.c_str());
 }
 
-void DemoDevices::unplug(DemoDevice& device) {
+void UsbDevices::unplug(UsbDevice& device) {
     bus_.unplug(device.port);
     device.plugged = false;
     report_.line("unplugged    %s", device.port.c_str());
 }
 
-void DemoDevices::plugAnew() {
-    for (const DemoDevice& device : devices_) {
+void UsbDevices::plugAnew() {
+    for (const UsbDevice& device : devices_) {
         if (device.plugged)
             bus_.plug(device.port, device.device);
     }

@@ -1,4 +1,4 @@
-#include "simulator/demo/devicetraffic.h"
+#include "simulator/demo/usbtraffic.h"
 
 #include <algorithm>
 #include <string>
@@ -7,7 +7,7 @@ namespace simulator {
 namespace {
 
 constexpr std::uint32_t kMidBurnChunks = 150;  // of 750 or so
-constexpr std::size_t kHalf = DemoDevices::kTogether / 2;
+constexpr std::size_t kHalf = UsbDevices::kTogether / 2;
 
 using Tiles = TileWatch::Tiles;
 
@@ -17,12 +17,12 @@ bool isRemoved(const TileView& tile) {
 
 // Whether nothing more will happen to the device. A tile cannot tell that for a failed command: it
 // keeps the last progress.
-bool isSettled(const DemoDevice& device, const TileView& tile) {
+bool isSettled(const UsbDevice& device, const TileView& tile) {
     switch (device.fate) {
-        case DemoDevice::Fate::kFailsInRom:
+        case UsbDevice::Fate::kFailsInRom:
             return tile.status.startsWith(QStringLiteral("error="));
-        case DemoDevice::Fate::kFailsInFlash:
-            return device.device->count(FaultPoint::Chunk) > DemoDevices::kGoodChunks;
+        case UsbDevice::Fate::kFailsInFlash:
+            return device.device->count(FaultPoint::Chunk) > UsbDevices::kGoodChunks;
         default:
             return TileWatch::isBurned(tile);
     }
@@ -30,31 +30,31 @@ bool isSettled(const DemoDevice& device, const TileView& tile) {
 
 }  // namespace
 
-void DeviceTraffic::firstHalfComes() {
+void UsbTraffic::firstHalfComes() {
     for (std::size_t i = 0; i < kHalf; ++i)
         devices_.plug(devices_.all()[i]);
 }
 
-bool DeviceTraffic::secondHalfComes() {
-    for (std::size_t i = kHalf; i < DemoDevices::kTogether; ++i) {
+bool UsbTraffic::secondHalfComes() {
+    for (std::size_t i = kHalf; i < UsbDevices::kTogether; ++i) {
         if (!watch_.pause())
             return false;
         devices_.plug(devices_.all()[i]);
     }
     return watch_.waitFor("sixteen devices", [](const Tiles& tiles) {
-        return tiles.size() == DemoDevices::kTogether &&
+        return tiles.size() == UsbDevices::kTogether &&
                std::all_of(tiles.begin(), tiles.end(),
                            [](const TileView& tile) { return tile.active; });
     });
 }
 
-bool DeviceTraffic::oneTooManyComes() {
+bool UsbTraffic::oneTooManyComes() {
     devices_.plug(devices_.late());
     return watch_.pause();
 }
 
-bool DeviceTraffic::waitForMidBurn() {
-    const DemoDevice& device = devices_.toUnplug();
+bool UsbTraffic::waitForMidBurn() {
+    const UsbDevice& device = devices_.toUnplug();
     return watch_.waitForTile("the burn of the device to unplug", device.deviceId,
                               [&](const TileView& tile) {
                                   return TileWatch::isWriting(tile) &&
@@ -62,8 +62,8 @@ bool DeviceTraffic::waitForMidBurn() {
                               });
 }
 
-bool DeviceTraffic::oneLeavesAndReturns() {
-    DemoDevice& device = devices_.toUnplug();
+bool UsbTraffic::oneLeavesAndReturns() {
+    UsbDevice& device = devices_.toUnplug();
     devices_.unplug(device);
     if (!watch_.waitForTile("its removal", device.deviceId, isRemoved) || !watch_.pause())
         return false;
@@ -71,10 +71,10 @@ bool DeviceTraffic::oneLeavesAndReturns() {
     return true;
 }
 
-bool DeviceTraffic::waitForTheEnd() {
+bool UsbTraffic::waitForTheEnd() {
     const bool ended = watch_.waitFor("the end of all burns", [this](const Tiles& tiles) {
         return std::all_of(devices_.all().begin(), devices_.all().end() - 1,
-                           [&](const DemoDevice& device) {
+                           [&](const UsbDevice& device) {
                                return isSettled(device, TileWatch::find(tiles, device.deviceId));
                            });
     });
@@ -86,15 +86,15 @@ bool DeviceTraffic::waitForTheEnd() {
     return true;
 }
 
-bool DeviceTraffic::lateOneTakesAPlace() {
-    for (DemoDevice* const failed : {&devices_.failingInRom(), &devices_.failingInFlash()}) {
+bool UsbTraffic::lateOneTakesAPlace() {
+    for (UsbDevice* const failed : {&devices_.failingInRom(), &devices_.failingInFlash()}) {
         if (!watch_.pause())
             return false;
         devices_.unplug(*failed);
         if (!watch_.waitForTile("the removal of a failed device", failed->deviceId, isRemoved))
             return false;
     }
-    DemoDevice& late = devices_.late();
+    UsbDevice& late = devices_.late();
     devices_.unplug(late);
     late.port = devices_.failingInFlash().port;
     devices_.plug(late);
@@ -105,9 +105,9 @@ bool DeviceTraffic::lateOneTakesAPlace() {
 }
 
 // What the tiles of the devices that have come to their end show.
-void DeviceTraffic::noteOutcomes() {
+void UsbTraffic::noteOutcomes() {
     const Tiles tiles = watch_.tiles();
-    for (DemoDevice& device : devices_.all()) {
+    for (UsbDevice& device : devices_.all()) {
         const TileView tile = TileWatch::find(tiles, device.deviceId);
         if (device.outcome.name.isEmpty() && isSettled(device, tile))
             device.outcome = tile;

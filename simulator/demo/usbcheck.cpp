@@ -1,4 +1,4 @@
-#include "simulator/demo/burncheck.h"
+#include "simulator/demo/usbcheck.h"
 
 #include <algorithm>
 #include <span>
@@ -6,10 +6,10 @@
 
 namespace simulator {
 
-bool BurnCheck::check(DemoDevices& devices) {
+bool UsbCheck::check(UsbDevices& devices) {
     bool correct = true;
     std::size_t number = 0;
-    for (const DemoDevice& device : devices.all())
+    for (const UsbDevice& device : devices.all())
         correct = checkDevice(++number, device) && correct;
     correct = proof_.checkSerialNumbers(report_) && correct;
     correct = proof_.checkBurnCount(report_, worker_) && correct;
@@ -18,11 +18,11 @@ bool BurnCheck::check(DemoDevices& devices) {
     return correct;
 }
 
-bool BurnCheck::checkDevice(std::size_t number, const DemoDevice& device) {
+bool UsbCheck::checkDevice(std::size_t number, const UsbDevice& device) {
     std::string trouble = troubleWithTile(device);
     if (trouble.empty() && device.isToBeBurned())
         trouble = troubleWithBurned(device);
-    else if (trouble.empty() && device.fate == DemoDevice::Fate::kFailsInRom)
+    else if (trouble.empty() && device.fate == UsbDevice::Fate::kFailsInRom)
         trouble = troubleInRom(device);
     else if (trouble.empty())
         trouble = troubleInFlash(device);
@@ -38,7 +38,7 @@ bool BurnCheck::checkDevice(std::size_t number, const DemoDevice& device) {
 }
 
 // What is wrong with what every tile must show, whatever became of its device; empty if nothing.
-std::string BurnCheck::troubleWithTile(const DemoDevice& device) const {
+std::string UsbCheck::troubleWithTile(const UsbDevice& device) const {
     if (device.outcome.name != QString::fromStdString(device.deviceId))
         return "no tile bears its name";
     if (!device.outcome.active)
@@ -48,8 +48,8 @@ std::string BurnCheck::troubleWithTile(const DemoDevice& device) const {
     return {};
 }
 
-std::string BurnCheck::troubleWithBurned(const DemoDevice& device) {
-    const std::string trouble = proof_.troubleWithBurned(device.device->flash(), device.outcome);
+std::string UsbCheck::troubleWithBurned(const UsbDevice& device) {
+    std::string trouble = proof_.troubleWithBurned(device.device->flash(), device.outcome);
     if (!trouble.empty())
         return trouble;
     return device.device->downloadedBurner() == package_.burner()
@@ -58,7 +58,7 @@ std::string BurnCheck::troubleWithBurned(const DemoDevice& device) {
 }
 
 // What is wrong with a device that must have failed in its ROM loader; empty if nothing.
-std::string BurnCheck::troubleInRom(const DemoDevice& device) const {
+std::string UsbCheck::troubleInRom(const UsbDevice& device) const {
     if (device.outcome.status !=
             QStringLiteral("error=0xf1, des=Return Fatal Error! (retries = 0)") ||
         device.outcome.percent != 0)
@@ -68,11 +68,11 @@ std::string BurnCheck::troubleInRom(const DemoDevice& device) const {
 }
 
 // The same of a device that must have failed in flash just where it was told to.
-std::string BurnCheck::troubleInFlash(const DemoDevice& device) const {
+std::string UsbCheck::troubleInFlash(const UsbDevice& device) const {
     // The first image whole, and of the second all chunks but the refused one.
     const Flash& flash = device.device->flash();
     std::vector<Flash::Range> expected;
-    std::uint32_t chunks = DemoDevices::kGoodChunks;
+    std::uint32_t chunks = UsbDevices::kGoodChunks;
     for (const SampleImage& image : package_.images()) {
         const auto size = std::min(image.bytes.size(), std::size_t{chunks} * kChunkSize);
         if (size == 0)
@@ -83,7 +83,7 @@ std::string BurnCheck::troubleInFlash(const DemoDevice& device) const {
         chunks -= static_cast<std::uint32_t>((size + kChunkSize - 1) / kChunkSize);
     }
     if (flash.writtenRanges() != expected)
-        return "should have failed in flash after " + std::to_string(DemoDevices::kGoodChunks) +
+        return "should have failed in flash after " + std::to_string(UsbDevices::kGoodChunks) +
                " chunks";
     const std::string lastImage = package_.images()[expected.size() - 1].name;
     const int percent = device.outcome.percent;
