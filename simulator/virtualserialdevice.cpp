@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kReadAhead{50};
 // line down, while every single exchange still looks like one.
 constexpr std::chrono::milliseconds kMostForgiven{5};
 
-constexpr std::size_t kReadSize = 16 * 1024;
+constexpr std::size_t kReadSize = 16384;
 
 // A host ends its read at a gap of this length.
 constexpr std::chrono::milliseconds kReadGap{10};

@@ -24,7 +24,7 @@ constexpr std::uint32_t kFast = 3000000;
 
 class SerialDevice : public testing::Test {
   protected:
-    void start(SerialDeviceOptions options = {}) {
+    void start(const SerialDeviceOptions& options = {}) {
         host.reset();
         device = std::make_unique<VirtualSerialDevice>(directory.path() / "ttyUSB0", options);
         device->plugIn();
@@ -130,13 +130,13 @@ std::vector<Breach> breaches() {
         host.ask(begin(kUartRamBegin, 3, 0));
     };
     // What comes behind `first`.
-    const auto then = [](auto first, ByteVector packet) {
+    const auto then = [](auto first, const ByteVector& packet) {
         return [=](SerialHost& host) {
             first(host);
             host.ask(packet);
         };
     };
-    const auto only = [](ByteVector packet) {
+    const auto only = [](const ByteVector& packet) {
         return [=](SerialHost& host) { host.ask(packet, 200); };
     };
     return {
@@ -328,9 +328,10 @@ TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
     startInSync({.paced = true, .proxyRate = kFast, .blockTime = milliseconds(2)});
     host->set(kFast, 0);
     constexpr std::uint32_t kBlocks = 20;
-    const ByteVector image(kBlocks * kFlashBlockSize, 0x11);
+    constexpr std::uint32_t kSize = kBlocks * kFlashBlockSize;
+    const ByteVector image(kSize, 0x11);
     const auto startedAt = Clock::now();
-    ASSERT_EQ(host->ask(begin(kUartFlashBegin, kBlocks * kFlashBlockSize, 0)), "ok");
+    ASSERT_EQ(host->ask(begin(kUartFlashBegin, kSize, 0)), "ok");
     sendBlocks(kUartFlashData, image, kFlashBlockSize);
     const std::chrono::duration<double> took = Clock::now() - startedAt;
     const double floor = static_cast<double>(device->traffic()) * 10 / kFast + kBlocks * 0.002;
