@@ -31,6 +31,7 @@ std::vector<SSerInfo> listed(bool ignoreBusy) {
 
 std::vector<std::string> pathsOf(const std::vector<SSerInfo>& ports) {
     std::vector<std::string> paths;
+    paths.reserve(ports.size());
     for (const SSerInfo& port : ports)
         paths.push_back(text::narrow(port.devicePath));
     return paths;
