@@ -65,6 +65,16 @@ TEST_F(SerialDeviceTest, AReadEndsByNumberOrGapOrTotal) {
     EXPECT_EQ(timedRead({.readGap = 30ms, .readConstant = kLong}, 64).first, 4);
     late.join();
 
+    // And it begins anew behind each byte.
+    std::thread slow([this] {
+        for (int i = 0; i < 10; ++i) {
+            std::this_thread::sleep_for(40ms);
+            terminal_.send("x");
+        }
+    });
+    EXPECT_EQ(timedRead({.readGap = 300ms, .readConstant = kLong}, 10).first, 10);
+    slow.join();
+
     terminal_.send("abc");
     const auto [some, totalTime] = timedRead({.readGap = kLong, .readConstant = 40ms}, 64);
     EXPECT_EQ(some, 3);
@@ -82,10 +92,17 @@ TEST_F(SerialDeviceTest, AWriteGivesUpWithWhatThePortHasTaken) {
     const int size = static_cast<int>(bytes.size());
     ASSERT_TRUE(port_->setTimeouts({.writeConstant = 50ms}));
     const auto start = std::chrono::steady_clock::now();
-    const int written = port_->write(bytes.data(), size);
+    int written = port_->write(bytes.data(), size);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
     ASSERT_GT(written, 0);
     ASSERT_LT(written, size);
+    // Each byte adds its share.
+    ASSERT_TRUE(port_->setTimeouts({.writePerByte = 1ms, .writeConstant = 20ms}));
+    const auto again = std::chrono::steady_clock::now();
+    const int more = port_->write(bytes.data(), 100);
+    EXPECT_LT(more, 100);
+    EXPECT_GE(std::chrono::steady_clock::now() - again, 120ms);
+    written += more;
     EXPECT_EQ(terminal_.receive(static_cast<std::size_t>(written)).size(),
               static_cast<std::size_t>(written));
 
