@@ -1,10 +1,7 @@
 #include "storage/globalstorage.h"
 
-#include <optional>
-
-#include "platform/file.h"
 #include "storage/archive.h"
-#include "utils/fileutil.h"
+#include "storage/statefile.h"
 
 namespace {
 
@@ -18,22 +15,11 @@ GlobalStorage& GlobalStorage::getInstance() {
 }
 
 bool GlobalStorage::load() {
-    if (!fileutil::fileExists(kFileName))
-        return true;
-    if (const std::optional<std::string> bytes = fileutil::readBytes(kFileName)) {
-        ArchiveReader archive(*bytes);
-        Serialize(archive);
-        if (!archive.failed())
-            return true;
-    }
-    fileutil::removePath(kFileName);
-    return false;
+    return loadStateFile(kFileName, *this);
 }
 
 bool GlobalStorage::save() const {
-    ArchiveWriter archive;
-    Serialize(archive);
-    return platform::replaceFile(fileutil::nativePath(kFileName), archive.bytes());
+    return saveStateFile(kFileName, *this);
 }
 
 void GlobalStorage::Serialize(ArchiveReader& archive) {

@@ -1,11 +1,9 @@
 #include "storage/usbtagmap.h"
 
-#include <optional>
 #include <utility>
 
-#include "platform/file.h"
 #include "storage/archive.h"
-#include "utils/fileutil.h"
+#include "storage/statefile.h"
 #include "utils/text.h"
 
 namespace {
@@ -41,22 +39,11 @@ void UsbTagMap::clearTags() {
 }
 
 bool UsbTagMap::load() {
-    if (!fileutil::fileExists(kFileName))
-        return true;
-    if (const std::optional<std::string> bytes = fileutil::readBytes(kFileName)) {
-        ArchiveReader archive(*bytes);
-        Serialize(archive);
-        if (!archive.failed())
-            return true;
-    }
-    fileutil::removePath(kFileName);
-    return false;
+    return loadStateFile(kFileName, *this);
 }
 
 bool UsbTagMap::save() const {
-    ArchiveWriter archive;
-    Serialize(archive);
-    return platform::replaceFile(fileutil::nativePath(kFileName), archive.bytes());
+    return saveStateFile(kFileName, *this);
 }
 
 // Every entry takes bytes off the archive, so a false count costs no more than the file is long.

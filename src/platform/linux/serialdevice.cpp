@@ -191,10 +191,11 @@ bool claim(int port) {
 // Some adapters hold short answers back for 16 ms unless they are asked not to. Not all drivers
 // know the question.
 void askForLowLatency(int port) {
+    constexpr int kLowLatency = static_cast<int>(ASYNC_LOW_LATENCY);
     serial_struct info{};
-    if (::ioctl(port, TIOCGSERIAL, &info) != 0 || (info.flags & ASYNC_LOW_LATENCY) != 0)
+    if (::ioctl(port, TIOCGSERIAL, &info) != 0 || (info.flags & kLowLatency) != 0)
         return;
-    info.flags |= ASYNC_LOW_LATENCY;
+    info.flags |= kLowLatency;
     ::ioctl(port, TIOCSSERIAL, &info);
 }
 
