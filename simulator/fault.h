@@ -46,7 +46,6 @@ class Fault {
         CutAnswer,
         LateAnswer,
         WrongCmdorg,
-        Noise,
         StallAnswer,
         UnplugInAnswer,
         // The data suffers, the answer does not.
@@ -101,12 +100,6 @@ class Fault {
     static Fault wrongCmdorg(std::uint8_t cmdorg) {
         Fault fault(Kind::WrongCmdorg);
         fault.cmdorg = cmdorg;
-        return fault;
-    }
-    // These bytes, at most 255, come as a transfer of their own before the answer.
-    static Fault noise(std::string bytes) {
-        Fault fault(Kind::Noise);
-        fault.text = std::move(bytes);
         return fault;
     }
     // The transfer that comes for the answer fails, and all later ones on its endpoint until the

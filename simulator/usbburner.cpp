@@ -117,8 +117,6 @@ UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, Clock
         return breach("a command that needs SET_CRC64 before it", command.code);
     if (std::uint64_t{command.address} + command.size > options_->flashSize)
         return {kError, command.code, {}, "address out of range"};
-    if (command.code != kFlashWrite && !options_->answersVerifyAndErase)
-        return {kError, command.code, {}, "not supported"};
 
     const bool isWrite = command.code == kFlashWrite;
     const Response accepted{isWrite ? kReady : kOngoing, command.code,

@@ -398,7 +398,7 @@ void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool
     const bool cut = fault.kind == Fault::Kind::CutAnswer;
     const bool late =
         cut || fault.kind == Fault::Kind::LateAnswer || readableAt > Clock::now() + kPatience;
-    if ((late || fault.kind == Fault::Kind::Noise) && &exchange == &commands_)
+    if (late && &exchange == &commands_)
         inStep_ = false;
 
     switch (fault.kind) {
@@ -409,9 +409,6 @@ void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool
             return;
         case Fault::Kind::LateAnswer:
             readableAt += fault.time;
-            break;
-        case Fault::Kind::Noise:
-            answers.add(readableAt).append(bytesOf(fault.text));
             break;
         default:
             break;

@@ -26,7 +26,6 @@ enum class UsbStage { RomLoader, HandOver, Burner };
 
 struct UsbDeviceOptions {
     bool startsInBurner = false;  // for tests that need no download
-    bool answersVerifyAndErase = true;
     bool recordsTransfers = false;
     std::chrono::microseconds romStartUp{};  // after power-on, while nothing is taken
     std::chrono::microseconds handOver{};    // after MEM_END, while nothing is taken
@@ -132,7 +131,7 @@ class VirtualUsbDevice {
     bool left_ = true;    // no power
     bool fresh_ = false;  // opened anew, and nothing but attempts to download came since
     // Whether it is still sure which answer the host takes for which message: an answer that is
-    // late, or noise before it, can end that.
+    // late can end that.
     bool inStep_ = true;
     Clock::time_point quietUntil_;
     Exchange commands_;  // on kCommandIn: records, ROM messages

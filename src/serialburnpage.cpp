@@ -101,8 +101,11 @@ void CSerialBurnPage::scanPorts() {
         ports.clear();
     }
     TRACE("find %d ports\n", static_cast<int>(ports.size()));
-    for (const SSerInfo& port : ports)
+    for (const SSerInfo& port : ports) {
+        if (!isBurning())
+            break;  // stopped while the operator was told of a port too many
         addPort(port.portName.empty() ? nameInBrackets(port.friendlyName) : port.portName);
+    }
     refreshTileArea();
 }
 
