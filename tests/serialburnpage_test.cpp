@@ -150,7 +150,8 @@ TEST_F(SerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     leave(*serialDevices[0]);
     EXPECT_TRUE(canRead(kConnect));
     VirtualSerialDevice& next = plugSerial(5);
-    ASSERT_TRUE(shows(0, kRemoved));
+    leave(rightDigest);
+    ASSERT_TRUE(shows(1, kRemoved));
     ASSERT_TRUE(shows(5, "烧录成功！SN=SN-1"));
     EXPECT_TRUE(holdsAll(next, "SN-1"));
 }
