@@ -7,7 +7,8 @@
 #include <stdexcept>
 
 // The testbed's libraries are not instrumented, and their locks are unknown to ThreadSanitizer.
-extern "C" const char* __tsan_default_suppressions();
+// Looked up by name at start.
+extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
     return "race:libumockdev.so\n"
            "race:libglib-2.0.so\n";
