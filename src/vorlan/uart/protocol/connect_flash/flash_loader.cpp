@@ -76,7 +76,9 @@ class Source {
     std::uint32_t size_;
 };
 
+// Ends a download: the operator hears of it when the image is closed.
 int fail(UartContext* context, int code, const std::wstring& description, int result) {
+    uart_file_close(context->flashImage);
     if (context->onError != nullptr)
         context->onError(context, code, description);
     return result;
