@@ -1,7 +1,5 @@
 #include "platform/portevents.h"
 
-#include <unistd.h>
-
 #include <set>
 #include <string_view>
 #include <utility>
@@ -17,7 +15,7 @@ constexpr int kBufferSize = 1 << 20;  // for what comes while the event loop is 
 // The kernel's own events are for machines on which no udev handles them: they come before a port
 // has its access rights.
 const char* eventSource() {
-    return ::access("/run/udev/control", F_OK) == 0 ? "udev" : "kernel";
+    return udevRuns() ? "udev" : "kernel";
 }
 
 class UdevPortEvents final : public PortEvents {

@@ -1,5 +1,7 @@
 #include "platform/linux/udevports.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
@@ -19,6 +21,10 @@ namespace {
 }
 
 }  // namespace
+
+bool udevRuns() {
+    return ::access("/run/udev/control", F_OK) == 0;
+}
 
 std::string portName(udev_device* terminal) {
     constexpr std::string_view kNodes = "/dev/";
@@ -51,8 +57,9 @@ std::vector<UdevDevice> presentPorts(udev* context) {
     udev_list_entry* entry = nullptr;
     udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(terminals.get())) {
         UdevDevice terminal(udev_device_new_from_syspath(context, udev_list_entry_get_name(entry)));
-        // One that has left meanwhile is not present.
-        if (terminal != nullptr && isPort(terminal.get()) && !portName(terminal.get()).empty())
+        // One that has left meanwhile is not present; one that udev still works on arrives later.
+        if (terminal != nullptr && isPort(terminal.get()) && !portName(terminal.get()).empty() &&
+            (!udevRuns() || udev_device_get_is_initialized(terminal.get()) > 0))
             ports.push_back(std::move(terminal));
     }
     return ports;

@@ -24,13 +24,16 @@ using UdevMonitor = std::unique_ptr<udev_monitor, UdevUnref<udev_monitor_unref>>
 
 constexpr char kPortSubsystem[] = "tty";
 
+// Whether a udev handles this machine's devices, so that there is more to wait for than the kernel.
+bool udevRuns();
+
 // The name below /dev; empty if the terminal has no node there.
 std::string portName(udev_device* terminal);
 
 // Whether a terminal that is present has hardware behind it.
 bool isPort(udev_device* terminal);
 
-// All that are present. Throws SerialPortsError.
+// All that are present and ready for use. Throws SerialPortsError.
 std::vector<UdevDevice> presentPorts(udev* context);
 
 }  // namespace platform
