@@ -138,15 +138,15 @@ SerialNumFile::SnRecord* SerialNumFile::takeNext() {
     return record;
 }
 
-void SerialNumFile::markBurned(SnRecord* record) {
+std::string SerialNumFile::markBurned(SnRecord* record) {
     if (record == nullptr)
-        return;
+        return {};
     std::string number;
     std::string problem;
     {
         const std::lock_guard guard(lock_);
         if (!file_.isOpen() || record->burnFlag != kFree)
-            return;
+            return {};
         number = record->sn;
         const std::string freeRow = record->toLine();
         record->taken = 0;
@@ -158,6 +158,7 @@ void SerialNumFile::markBurned(SnRecord* record) {
     }
     if (!problem.empty())
         LOG_E("SN=%s is burned but could not be marked: %s", number.c_str(), problem.c_str());
+    return problem;
 }
 
 void SerialNumFile::releaseRecord(SnRecord* record) {

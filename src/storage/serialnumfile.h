@@ -49,7 +49,9 @@ class SerialNumFile {
     // cannot be written, or someone has replaced or changed the file since it was loaded, the file
     // stays as it is, the run log tells the number, and the number is not handed out any more, also
     // if a later load finds it free.
-    void markBurned(SnRecord* record);
+    //
+    // Gives the reason why it could not be marked; empty if it is, or if there was nothing to mark.
+    std::string markBurned(SnRecord* record);
 
     // Gives the number back: it is free again unless it was burned.
     void releaseRecord(SnRecord* record);
