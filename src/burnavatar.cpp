@@ -5,6 +5,7 @@
 #include "burnpage.h"
 #include "storage/globalstorage.h"
 #include "storage/usbtagmap.h"
+#include "tiletexts.h"
 #include "utils/text.h"
 #include "utils/trace.h"
 
@@ -31,7 +32,7 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
         if (snRecord_ == nullptr) {
             if (display_ != nullptr) {
                 display_->setProgress(0);
-                display_->setStatus(L"SN号已耗尽，请导入新的SN号！");
+                display_->setStatus(tiletexts::kNumbersUsedUp);
             }
             return;
         }
@@ -68,16 +69,14 @@ void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
     if (display_ == nullptr)
         return;
     display_->setProgress(static_cast<int>(percent));
-    display_->setStatus(L"正在写入 " + name + L", 进度 " + std::to_wstring(percent) + L"%");
+    display_->setStatus(tiletexts::progress(name, static_cast<int>(percent)));
 }
 
 void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
     if (display_ == nullptr)
         return;
-    std::wstring status = L"烧录成功！";
-    if (agent_ != nullptr && !agent_->get_sn().empty())
-        status += L"SN=" + text::widen(agent_->get_sn());
-    display_->setStatus(status);
+    display_->setStatus(
+        tiletexts::success(agent_ != nullptr ? text::widen(agent_->get_sn()) : L""));
     if (snRecord_ != nullptr && snFile().isLoaded() != 0)
         snFile().markBurned(snRecord_);
     GlobalStorage::getInstance().increaseFlashCount();
@@ -88,7 +87,7 @@ void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
 void BurnAvatar::onBurnError(BurnAgent* /*agent*/, int code, const std::string& message) {
     if (display_ == nullptr)
         return;
-    display_->setStatus(L"出错, code=" + std::to_wstring(code) + L", des=" + text::widen(message));
+    display_->setStatus(tiletexts::failure(code, text::widen(message)));
     display_->setActive(false);
     releaseSn();
 }

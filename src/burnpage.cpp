@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tiletexts.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "utils/fileutil.h"
@@ -126,13 +127,13 @@ void CBurnPage::onPlug(SesHandle session) {
     const std::wstring deviceId = text::widen(session->device_id);
     BurnAvatar* const slot = claimSlot(deviceId);
     if (slot == nullptr) {
-        showLater("avatar is empty");
+        showLater(QStringLiteral("avatar is empty"));
         return;
     }
     slot->setConnected(true);
     DeviceDisplay* const display = slot->getDisplay();
     if (display == nullptr) {
-        showLater("display is empty");
+        showLater(QStringLiteral("display is empty"));
         return;
     }
     display->setActive(true);
@@ -176,7 +177,7 @@ void CBurnPage::deviceRemoved(const std::wstring& deviceId) {
         slot.setAgent(nullptr);
         if (DeviceDisplay* const display = slot.getDisplay(); display != nullptr) {
             display->setActive(false);
-            display->setStatus(L"设备已移除！");
+            display->setStatus(tiletexts::kRemoved);
             display->setProgress(0);
         }
     }

@@ -2,6 +2,7 @@
 
 #include <QFont>
 #include <QGuiApplication>
+#include <algorithm>
 #include <utility>
 
 #include "snsettings.h"
@@ -194,20 +195,53 @@ void BurnPageBase::refresh() {
     // After the tiles, which let go of the focus: else it would go to the tabs.
     hint_->setVisible(centre == Centre::kHint);
     tileArea_->setVisible(centre == Centre::kTiles);
-    showNotice();
+    showNotices();
 }
 
-// The refreshes go on while the operator reads; what comes up meanwhile is shown once, afterwards.
-void BurnPageBase::showNotice() {
+// The refreshes go on while the operator reads; what comes up meanwhile is shown afterwards.
+void BurnPageBase::showNotices() {
     if (noticeOpen_)
         return;
     noticeOpen_ = true;
-    while (const char* const notice = notice_.exchange(nullptr))
-        prompts().showBox(this, QString::fromUtf8(notice), {}, BoxType::kPlain);
+    while (const std::optional<Notice> notice = takeNotice())
+        prompts().showBox(this, notice->text, notice->caption, BoxType::kPlain);
     noticeOpen_ = false;
 }
 
-void BurnPageBase::showLater(const char* notice) {
-    notice_ = notice;
+std::optional<BurnPageBase::Notice> BurnPageBase::takeNotice() {
+    const std::lock_guard guard(noticeLock_);
+    if (notices_.empty())
+        return std::nullopt;
+    Notice notice = std::move(notices_.front());
+    notices_.pop_front();
+    return notice;
+}
+
+void BurnPageBase::showLater(const QString& text, const QString& caption) {
+    {
+        const std::lock_guard guard(noticeLock_);
+        const bool waits = std::any_of(notices_.begin(), notices_.end(),
+                                       [&](const Notice& notice) { return notice.text == text; });
+        if (!waits)
+            notices_.push_back({text, caption});
+    }
     refresher_.request();
+}
+
+void BurnPageBase::tellOnce(const QString& cause, const QString& text) {
+    {
+        const std::lock_guard guard(noticeLock_);
+        if (!toldCauses_.insert(cause).second)
+            return;
+    }
+    showLater(text, strings::kNotice.toString());
+}
+
+void BurnPageBase::tellUnmarked(const std::string& sn, const std::string& reason) {
+    if (reason.empty())
+        return;
+    const QString why = QString::fromStdString(reason);
+    tellOnce(why, QStringLiteral("SN=%1 已写入设备，但未能在SN文件中标记！\n原因：%2\n"
+                                 "该SN号在本次运行中不再分配，请查看 log\\run.log。")
+                      .arg(QString::fromStdString(sn), why));
 }

@@ -7,7 +7,11 @@
 #include <QPushButton>
 #include <array>
 #include <atomic>
+#include <deque>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 
 #include "ui/customstatic.h"
@@ -29,6 +33,14 @@ class BurnPageBase : public Page {
 
     // Shows the count of burned devices. Any thread.
     void refreshBurnCount();
+
+    // Tells the operator what no tile shows, in a box that nobody waits for: once for each cause as
+    // long as the program runs. Any thread.
+    void tellOnce(const QString& cause, const QString& text);
+
+    // Tells the operator that a number is in a device but not marked in its file. `reason` as
+    // SerialNumFile::markBurned gives it; does nothing if that is empty. Any thread.
+    void tellUnmarked(const std::string& sn, const std::string& reason);
 
     void OnInitDialog() override;
     bool OnKillActive() override;
@@ -55,8 +67,9 @@ class BurnPageBase : public Page {
     virtual void stopBurn() = 0;
     // The start button was pressed.
     virtual void onStartButton() { toggleBurn(); }
-    // Makes the controls that only one page has, and connects the tiles to their slots.
-    virtual void addControls(const DialogTemplate& controls) = 0;
+    // Makes the controls that only one page has.
+    virtual void addControls(const DialogTemplate& /*controls*/) {}
+    // Gives a slot its tile.
     virtual void addTile(std::size_t number, DeviceDisplay& tile) = 0;
 
     // Stores the flash address that the box holds. False, and the operator knows why, if it is
@@ -73,8 +86,9 @@ class BurnPageBase : public Page {
     void showHintInsteadOfTiles();
     void showHintUnlessTiles();
 
-    // A box for the operator, whom nobody waits for. Any thread.
-    void showLater(const char* notice);
+    // A box for the operator, whom nobody waits for: it opens once those before it are closed. A
+    // text that still waits for its turn is not shown twice. Any thread.
+    void showLater(const QString& text, const QString& caption = {});
 
     // Brings all that has changed to the screen at once.
     void refresh();
@@ -85,11 +99,17 @@ class BurnPageBase : public Page {
   private:
     enum class Centre { kNothing, kHint, kTiles };
 
+    struct Notice {
+        QString text;
+        QString caption;
+    };
+
     void makeControls();
     void layoutTiles();
     void chooseFirmware();
     void importSn();
-    void showNotice();
+    void showNotices();
+    std::optional<Notice> takeNotice();
 
     const Layout layout_;
     QLineEdit* firmwareBox_ = nullptr;
@@ -106,6 +126,8 @@ class BurnPageBase : public Page {
     Refresher refresher_;
     std::array<std::unique_ptr<DeviceDisplay>, kSlots> tiles_;  // made by layoutTiles
     std::atomic<Centre> centre_{Centre::kNothing};
-    std::atomic<const char*> notice_{nullptr};
+    std::mutex noticeLock_;         // guards the two
+    std::deque<Notice> notices_;    // not shown yet, in the order of their boxes
+    std::set<QString> toldCauses_;  // of tellOnce
     bool noticeOpen_ = false;
 };

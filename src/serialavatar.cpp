@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include "storage/globalstorage.h"
+#include "tiletexts.h"
 #include "utils/interruption.h"
 #include "utils/trace.h"
 
@@ -28,7 +29,7 @@ void SerialAvatar::start() {
         if (snRecord == nullptr) {
             if (slot_.tile != nullptr) {
                 slot_.tile->setProgress(0);
-                slot_.tile->setStatus(L"SN号已耗尽，请导入新的SN号！");
+                slot_.tile->setStatus(tiletexts::kNumbersUsedUp);
             }
             return;
         }

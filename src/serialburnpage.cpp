@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "serialportlist.h"
+#include "tiletexts.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "utils/text.h"
@@ -41,8 +42,6 @@ CSerialBurnPage::~CSerialBurnPage() {
     for (SerialAvatar& slot : slots_)
         slot.interrupt();
 }
-
-void CSerialBurnPage::addControls(const DialogTemplate& /*controls*/) {}
 
 void CSerialBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
     tile.showTagBox(false);
@@ -142,7 +141,7 @@ void CSerialBurnPage::removePort(const std::wstring& port) {
         return;
     slot->stop();
     slot->getTile()->setActive(false);
-    slot->getTile()->setStatus(L"设备已移除！");
+    slot->getTile()->setStatus(tiletexts::kRemoved);
     slot->getTile()->setProgress(0);
 }
 

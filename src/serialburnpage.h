@@ -32,7 +32,6 @@ class CSerialBurnPage final : public BurnPageBase {
     // Asks all slots to end and waits for none.
     void stopBurn() override;
     void onStartButton() override;
-    void addControls(const DialogTemplate& controls) override;
     void addTile(std::size_t number, DeviceDisplay& tile) override;
 
     void scanPorts();

@@ -4,6 +4,7 @@
 
 #include "serialburnpage.h"
 #include "storage/globalstorage.h"
+#include "tiletexts.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
 #include "vorlan/uart/protocol/connect_flash/flash_loader.h"
@@ -254,7 +255,7 @@ int SerialRun::fail(int code, const std::string& description) {
 void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, int percent) {
     context->run->onTile([&](DeviceDisplay& tile) {
         tile.setProgress(percent);
-        tile.setStatus(L"正在写入 " + name + L", 进度 " + std::to_wstring(percent) + L"%");
+        tile.setStatus(tiletexts::progress(name, percent));
     });
 }
 
@@ -262,10 +263,8 @@ void SerialRun::onBurnFinished(UartContext* context) {
     SerialRun& run = *context->run;
     if (run.slot_.tile == nullptr)
         return;
-    std::wstring status = L"烧录成功！";
-    if (run.snRecord_ != nullptr)
-        status += L"SN=" + text::widen(run.sn_);
-    run.onTile([&](DeviceDisplay& tile) { tile.setStatus(status); });
+    run.onTile(
+        [&](DeviceDisplay& tile) { tile.setStatus(tiletexts::success(text::widen(run.sn_))); });
     GlobalStorage::getInstance().increaseFlashCount();
     if (run.slot_.page != nullptr)
         run.slot_.page->refreshBurnCount();
@@ -276,7 +275,7 @@ void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& 
     if (run.slot_.tile == nullptr)
         return;
     run.onTile([&](DeviceDisplay& tile) {
-        tile.setStatus(L"出错, code=" + std::to_wstring(code) + L", des=" + description);
+        tile.setStatus(tiletexts::failure(code, description));
         tile.setActive(false);
     });
     run.releaseSn();
