@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Opens the program's window over simulated devices, has a script burn them, and proves the result:
 # ./demo.sh [--headless]. Headless, or with no display, the same window lives unseen.
-# Installs and builds what is missing first. What the run leaves behind lies in build/demo/.
+# Installs and builds what is missing first. What the run leaves behind lies in build/floor/.
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -13,10 +13,10 @@ for argument in "$@"; do
 done
 
 scripts/install-packages.sh build
-scripts/build.sh release demo
+scripts/build.sh demo demo
 
-program=$PWD/build/release/bin/demo
-floor=$PWD/build/demo
+program=$PWD/build/demo/bin/demo
+floor=$PWD/build/floor
 rm -rf "$floor"
 mkdir -p "$floor"
 cd "$floor"

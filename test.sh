@@ -10,8 +10,12 @@ presets=("$@")
 scripts/install-packages.sh build test
 [[ " ${presets[*]} " != *" fuzz "* ]] || scripts/install-packages.sh lint
 
+# One line that counts, instead of one for each test.
+progress=()
+[ ! -t 1 ] || progress=(--progress)
+
 for preset in "${presets[@]}"; do
     echo "== $preset"
     scripts/build.sh "$preset"
-    ctest --preset "$preset" --parallel "$(nproc)"
+    ctest --preset "$preset" --parallel "$(nproc)" "${progress[@]}"
 done
