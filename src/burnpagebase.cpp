@@ -16,6 +16,9 @@ namespace {
 constexpr int kFreeBelowGrid = 24;  // pixels
 constexpr QRect kHint{202, 159, 145, 11};
 
+const QString kFirmwareInUnpackDirectory = QStringLiteral(
+    "固件包位于程序的解压目录中，解压时会被删除！\n请把固件包移到其他目录后重新选择。");
+
 // The wait cursor, for as long as it lives.
 class WaitCursor {
   public:
@@ -126,9 +129,12 @@ void BurnPageBase::chooseFirmware() {
         valid = firmware_.unpack(layout_.unpackDirectory);
     }
     startButton_->setEnabled(valid);
-    if (!valid)
-        prompts().showBox(this, strings::kInvalidFirmware.toString(), strings::kNotice.toString(),
-                          BoxType::kPlain);
+    if (valid)
+        return;
+    const QString reason = firmware_.liesInUnpackDirectory(layout_.unpackDirectory)
+                               ? kFirmwareInUnpackDirectory
+                               : strings::kInvalidFirmware.toString();
+    prompts().showBox(this, reason, strings::kNotice.toString(), BoxType::kPlain);
 }
 
 void BurnPageBase::importSn() {

@@ -121,8 +121,7 @@ std::optional<std::string> readBytes(const std::wstring& path) {
     return bytes;
 }
 
-std::string readFile(const std::wstring& path) {
-    std::string bytes = readBytes(path).value_or("");
+std::string textOf(std::string bytes) {
     bytes.resize(std::min(bytes.size(), bytes.find('\0')));
 
     std::string content;
@@ -133,6 +132,10 @@ std::string readFile(const std::wstring& path) {
             content.push_back(bytes[i]);
     }
     return content;
+}
+
+std::string readFile(const std::wstring& path) {
+    return textOf(readBytes(path).value_or(""));
 }
 
 bool findInSubdirs(const std::wstring& parent, const std::wstring& prefix,

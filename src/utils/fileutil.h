@@ -55,8 +55,10 @@ void removePath(const std::wstring& path);
 // All bytes of a file; nothing if it cannot be opened or read to its end.
 std::optional<std::string> readBytes(const std::wstring& path);
 
-// The whole text of a file, with CR LF turned into a line feed and ended by the first NUL byte.
-// Empty if the file cannot be opened.
+// The bytes of a text file as its text: CR LF is a line feed, and the first NUL byte ends it.
+std::string textOf(std::string bytes);
+
+// The whole text of a file. Empty if it cannot be read.
 std::string readFile(const std::wstring& path);
 
 // Whether some directory directly below `parent` whose name begins with `prefix` holds `file`, a

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 
 namespace text {
 namespace {
@@ -58,7 +59,8 @@ void appendWide(std::wstring& out, char32_t c) {
         out.push_back(static_cast<wchar_t>(c));
 }
 
-char32_t takeUtf8(std::string_view& bytes) {
+// One code point off the front; nothing, and one byte less, if it is not well-formed.
+std::optional<char32_t> takeUtf8(std::string_view& bytes) {
     const auto byteAt = [&](std::size_t i) { return static_cast<std::uint8_t>(bytes[i]); };
     const std::uint8_t lead = byteAt(0);
     std::size_t length = 1;
@@ -78,18 +80,18 @@ char32_t takeUtf8(std::string_view& bytes) {
         smallest = 0x80;
     } else if (lead >= 0x80) {
         bytes.remove_prefix(1);
-        return kReplacement;
+        return std::nullopt;
     }
     for (std::size_t i = 1; i < length; ++i) {
         if (i >= bytes.size() || (byteAt(i) & 0xC0U) != 0x80) {
             bytes.remove_prefix(1);
-            return kReplacement;
+            return std::nullopt;
         }
         c = (c << 6) | (byteAt(i) & 0x3FU);
     }
     if (c < smallest || !isCodePoint(c)) {
         bytes.remove_prefix(1);
-        return kReplacement;
+        return std::nullopt;
     }
     bytes.remove_prefix(length);
     return c;
@@ -120,8 +122,16 @@ std::wstring widen(std::string_view bytes) {
     std::wstring out;
     out.reserve(bytes.size());
     while (!bytes.empty())
-        appendWide(out, takeUtf8(bytes));
+        appendWide(out, takeUtf8(bytes).value_or(kReplacement));
     return out;
+}
+
+bool isUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        if (!takeUtf8(bytes))
+            return false;
+    }
+    return true;
 }
 
 std::string narrow(std::wstring_view wide) {

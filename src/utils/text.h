@@ -12,6 +12,9 @@ namespace text {
 // Every byte that belongs to no well-formed UTF-8 sequence becomes U+FFFD.
 std::wstring widen(std::string_view bytes);
 
+// Whether all bytes belong to well-formed UTF-8 sequences.
+bool isUtf8(std::string_view bytes);
+
 // Characters that are no code points become U+FFFD.
 std::string narrow(std::wstring_view wide);
 

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     writeContent(directory.path() / "burn.cfg",
                  std::string(reinterpret_cast<const char*>(data), size));
     BurnCfg cfg;
-    const bool loaded = cfg.load(path);
+    const bool loaded = cfg.load(path) == BurnCfg::Load::kLoaded;
     const auto items = cfg.getItems();
     if (!loaded && !items.empty())
         std::abort();

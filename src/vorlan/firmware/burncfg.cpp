@@ -7,16 +7,18 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <string>
 #include <system_error>
 
 #include "utils/fileutil.h"
+#include "utils/logutil.h"
 #include "utils/text.h"
 #include "utils/trace.h"
 
-namespace {
+#define LOG_TAG "Firmware"
 
-// A parsed document takes many times the memory of its text.
-constexpr std::uintmax_t kSizeLimit = 1 << 20;  // bytes
+namespace {
 
 struct JsonDeleter {
     void operator()(cJSON* json) const { cJSON_Delete(json); }
@@ -26,7 +28,7 @@ using JsonPtr = std::unique_ptr<cJSON, JsonDeleter>;
 bool isTooLarge(const std::wstring& path) {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(fileutil::nativePath(path), error);
-    return !error && size > kSizeLimit;
+    return !error && size > BurnCfg::kSizeLimit;
 }
 
 // Empty for anything but a string.
@@ -50,17 +52,18 @@ auto findName(Items& items, const std::wstring& name) {
 
 }  // namespace
 
-bool BurnCfg::load(const std::wstring& path) {
-    if (isTooLarge(path)) {
-        TRACE("burn.cfg is too large\n");
-        return false;
+BurnCfg::Load BurnCfg::load(const std::wstring& path) {
+    const std::optional<std::string> bytes =
+        isTooLarge(path) ? std::nullopt : fileutil::readBytes(path);
+    if (!bytes) {
+        LOG_E("burn.cfg cannot be read whole, or is larger than 16 MiB");
+        return Load::kUnreadable;
     }
-    const std::string content = fileutil::readFile(path);
-    if (content.empty())
-        return false;
-    const JsonPtr root(cJSON_Parse(content.c_str()));
-    if (root == nullptr)
-        return false;
+    const JsonPtr root(cJSON_Parse(fileutil::textOf(*bytes).c_str()));
+    if (root == nullptr) {
+        LOG_W("burn.cfg is no JSON: the images go to their default addresses");
+        return Load::kNoJson;
+    }
 
     items_.clear();
     const cJSON* list = cJSON_GetObjectItem(root.get(), "burn_items");
@@ -75,7 +78,7 @@ bool BurnCfg::load(const std::wstring& path) {
             BurnItem{text::widen(stringOf(name)), static_cast<std::uint32_t>(address)});
         TRACE("name=%s, addr=%ld\n", text::narrow(item.file).c_str(), static_cast<long>(address));
     }
-    return true;
+    return Load::kLoaded;
 }
 
 std::uint32_t BurnCfg::getAddr(const std::wstring& name) const {

@@ -13,10 +13,19 @@ class BurnCfg {
     // What getAddr answers when there is no such entry.
     static constexpr std::uint32_t kNoAddress = 0xFFFFFFFF;
 
-    // Replaces the list by what the file says; entries without name or address are skipped. False,
-    // with the list left as it was, if the file cannot be read, is empty, is no JSON or is larger
-    // than any list of images (the trace tells of the last).
-    bool load(const std::wstring& path);
+    // No list of images is larger. A parsed document takes up to 30 times the memory of its text.
+    static constexpr std::uintmax_t kSizeLimit = 16 << 20;  // bytes
+
+    enum class Load {
+        kLoaded,
+        kNoJson,      // empty or no JSON: the same as no file
+        kUnreadable,  // cannot be read whole, or is larger than the limit: nobody knows what it
+                      // says
+    };
+
+    // Replaces the list by what the file says; entries without name or address are skipped. The
+    // list stays as it was unless the file was loaded; the run log then says why.
+    Load load(const std::wstring& path);
 
     // Address of the first entry of that name, compared exactly, or kNoAddress. An entry whose own
     // address is that value counts as one without.

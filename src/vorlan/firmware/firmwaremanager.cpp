@@ -3,11 +3,13 @@
 #include <cstdint>
 
 #include "utils/fileutil.h"
+#include "utils/logutil.h"
 #include "utils/text.h"
-#include "utils/trace.h"
 #include "vorlan/firmware/entryname.h"
 #include "vorlan/firmware/packagearchive.h"
 #include "vorlan/firmware/unpackdirectory.h"
+
+#define LOG_TAG "Firmware"
 
 namespace {
 
@@ -36,50 +38,105 @@ std::size_t stepsOf(const std::wstring& name) {
     return steps ? steps->size() : 1;
 }
 
+// One spelling for all names that stand for the same file; empty for a directory and for what is
+// never unpacked.
+std::wstring fileOf(const std::wstring& name) {
+    const auto steps = entryname::components(name);
+    if (!steps || entryname::isDirectory(name))
+        return {};
+    std::wstring file;
+    for (const std::wstring& step : *steps)
+        file += L"/" + step;
+    return file;
+}
+
 }  // namespace
 
 bool FirmwareManager::unpack(const std::wstring& directory) {
+    if (liesInUnpackDirectory(directory)) {
+        LOG_E("the package lies in the directory that it would be unpacked into: %s",
+              text::narrow(firmwarePath_).c_str());
+        return false;
+    }
     if (!validate())
         return false;
     clearTempDir();
     tempDir_ = directory;
-    unpacked_ = extractAll();
     cfgItems_.clear();
-    if (!unpacked_)
-        return false;
-    const std::wstring cfgPath = tempDir_ + kBurnCfg;
-    if (fileutil::fileExists(cfgPath))
-        cfgItems_.load(cfgPath);
-    return true;
+    unpacked_ = extractAll() && loadCfg();
+    return unpacked_;
+}
+
+bool FirmwareManager::liesInUnpackDirectory(const std::wstring& directory) const {
+    return UnpackDirectory(directory).contains(firmwarePath_) ||
+           (!tempDir_.empty() && UnpackDirectory(tempDir_).contains(firmwarePath_));
 }
 
 bool FirmwareManager::validate() {
     itemNames_.clear();
+    itemFiles_.clear();
+    if (!readNames())
+        return false;
+    if (hasItem(kFlashboot) && (hasItem(kVorlan) || hasItem(kMaster)))
+        return true;
+    LOG_E("the package has no flashboot.bin, or neither master.bin nor vorlan.bin");
+    return false;
+}
+
+// False, and the run log says why, if there is no telling what the package holds.
+bool FirmwareManager::readNames() {
     PackageArchive archive;
     PackageEntry entry;
-    if (!archive.openArchive(firmwarePath_) || !archive.readEntry(PackageArchive::kArchive, entry))
+    if (!archive.openArchive(firmwarePath_) ||
+        !archive.readEntry(PackageArchive::kArchive, entry)) {
+        LOG_E("the package cannot be opened or is no ZIP archive: %s",
+              text::narrow(firmwarePath_).c_str());
         return false;
+    }
     const std::int64_t count = entry.index;
     std::uint64_t declared = 0;
     std::size_t steps = 0;
     for (std::int64_t i = 0; i < count; ++i) {
         // A list that breaks off does not tell what would be missing.
-        if (!archive.readEntry(i, entry))
+        if (!archive.readEntry(i, entry)) {
+            LOG_E("the package's list of entries breaks off");
             return false;
+        }
+        if (!entry.isText) {
+            LOG_E("the name of entry %lld of the package is no UTF-8", static_cast<long long>(i));
+            return false;
+        }
         if (entry.size > kDeclaredLimit - declared) {
-            TRACE("package declares more than 1 GiB\n");
+            LOG_E("package declares more than 1 GiB");
             return false;
         }
         declared += entry.size;
         steps += stepsOf(entry.name);
         if (steps > kStepLimit) {
-            TRACE("package names more than %zu files and directories\n", kStepLimit);
+            LOG_E("package names more than %zu files and directories", kStepLimit);
             return false;
         }
-        itemNames_.insert(entry.name);
+        const auto known = itemFiles_.emplace(fileOf(entry.name), entry.name).first;
+        if (known->first.empty() || known->second == entry.name) {
+            if (!itemNames_.insert(entry.name).second)
+                LOG_W("the package has several entries of one name, the last of which counts: %s",
+                      text::narrow(entry.name).c_str());
+            continue;
+        }
+        LOG_E("two names of the package stand for one file: %s and %s",
+              text::narrow(known->second).c_str(), text::narrow(entry.name).c_str());
+        return false;
     }
-    archive.closeArchive();
-    return hasItem(kFlashboot) && (hasItem(kVorlan) || hasItem(kMaster));
+    return true;
+}
+
+// Whether the package has an entry for that file, however the name is spelled. No entry name above
+// the limit is known, so that it may be one of them.
+bool FirmwareManager::lists(const std::wstring& name) const {
+    if (hasItem(name) || name.size() > PackageArchive::kNameLimit)
+        return true;
+    const std::wstring file = fileOf(name);
+    return !file.empty() && itemFiles_.count(file) != 0;
 }
 
 void FirmwareManager::clearTempDir() {
@@ -107,6 +164,29 @@ bool FirmwareManager::extractAll() {
     return clean;
 }
 
+// False, and the run log says why, if it stays unknown what belongs where.
+bool FirmwareManager::loadCfg() {
+    const std::wstring path = tempDir_ + kBurnCfg;
+    if (!fileutil::fileExists(path)) {
+        if (hasItem(kBurnCfg))
+            LOG_E("the package's burn.cfg cannot be unpacked");
+        return !hasItem(kBurnCfg);
+    }
+    if (cfgItems_.load(path) == BurnCfg::Load::kUnreadable)
+        return false;
+    const UnpackDirectory directory(tempDir_);
+    for (const BurnItem& item : cfgItems_.getItems()) {
+        // Such a name leads to what did not come out of the package.
+        if (lists(item.file) && !directory.holds(item.file) &&
+            fileutil::fileExists(tempDir_ + item.file)) {
+            LOG_E("an item of burn.cfg leads out of the unpack directory: %s",
+                  text::narrow(item.file).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
 std::vector<BurnItem> FirmwareManager::getBurnItems() const {
     std::vector<BurnItem> items;
     if (!unpacked_)
@@ -123,10 +203,11 @@ std::vector<BurnItem> FirmwareManager::getBurnItems() const {
     for (const BurnItem& item : cfg.getItems()) {
         if (item.used != 0)
             continue;
-        if (directory.holds(item.file))
+        if (directory.holds(item.file) || lists(item.file))
             items.push_back({tempDir_ + item.file, item.addr});
         else
-            TRACE("burn.cfg: no such file, name=%s\n", text::narrow(item.file).c_str());
+            LOG_W("the package has no entry for an item of burn.cfg: %s",
+                  text::narrow(item.file).c_str());
     }
     return items;
 }

@@ -6,6 +6,7 @@
 // the operations that only read may then be called on any number of threads.
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,19 +28,23 @@ class FirmwareManager {
     // before this one left, and reads its burn.cfg. An entry that cannot be unpacked is missing
     // afterwards, also if an older package had left such a file, and the burn that wants it fails.
     //
-    // False if the package is invalid: no ZIP archive, without "flashboot.bin" or without a main
-    // image, or declaring more than 1 GiB or naming more than 100,000 files and directories;
-    // nothing is touched then. False too, with isUnpacked() false, if an older file can be neither
-    // replaced nor removed, so that no stale image is burned. After false nobody may burn until a
-    // later unpack gives true.
+    // False if the package is invalid; the run log says why. Nothing is touched then, unless it
+    // shows only while unpacking: a burn.cfg that cannot be read whole, an older file that can be
+    // neither replaced nor removed; isUnpacked() is false in that case. After false nobody may burn
+    // until a later unpack gives true.
     bool unpack(const std::wstring& directory);
+
+    // Whether the chosen package lies where `directory`, or an earlier unpack, would be cleared:
+    // such a package is invalid, since unpacking would delete it.
+    bool liesInUnpackDirectory(const std::wstring& directory) const;
 
     // True once an unpack has finished.
     bool isUnpacked() const { return unpacked_; }
 
     // What to burn, in burn order, with paths and final addresses: the fixed images first, then the
-    // further ones of burn.cfg. Those without a file in the unpack directory are left out, which
-    // the trace tells. Empty before the first unpack.
+    // further ones of burn.cfg. What the package lists and could not be unpacked is among them, so
+    // that the burn fails there. An item of burn.cfg for which there is no entry and no file is
+    // left out, which the run log tells. Empty before the first unpack.
     std::vector<BurnItem> getBurnItems() const;
 
     // Empty if the package has no burner image, or before the first unpack.
@@ -47,15 +52,21 @@ class FirmwareManager {
 
   private:
     bool validate();
+    bool readNames();
     bool hasItem(const std::wstring& name) const { return itemNames_.count(name) != 0; }
+    bool lists(const std::wstring& name) const;
     void clearTempDir();
     bool extractAll();
+    bool loadCfg();
     void appendFixedItem(const std::wstring& name, std::uint32_t defaultAddr, BurnCfg& cfg,
                          std::vector<BurnItem>& items) const;
 
     std::wstring firmwarePath_;
-    std::wstring tempDir_;              // of the last unpack that got past validation
-    std::set<std::wstring> itemNames_;  // of the package last validated
+    std::wstring tempDir_;  // of the last unpack that got past validation
+    // Of the package last validated: its names, and the files that they stand for, as paths of one
+    // spelling.
+    std::set<std::wstring> itemNames_;
+    std::map<std::wstring, std::wstring> itemFiles_;
     BurnCfg cfgItems_;
     bool unpacked_ = false;
 };

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "utils/fileutil.h"
+#include "utils/logutil.h"
 #include "utils/text.h"
-#include "utils/trace.h"
 #include "vorlan/firmware/entryname.h"
+
+#define LOG_TAG "Firmware"
 
 namespace {
 
@@ -114,7 +116,7 @@ void PackageArchive::setExtractDir(const std::wstring& directory) {
 
 bool PackageArchive::readEntry(std::int64_t index, PackageEntry& entry) {
     if (index == kArchive) {
-        entry = {count_, L"", 0};
+        entry = {.index = count_, .name = {}};
         return archive_ != nullptr;
     }
     unz_file_info64 info;
@@ -125,10 +127,11 @@ bool PackageArchive::readEntry(std::int64_t index, PackageEntry& entry) {
     if (unzGetCurrentFileInfo64(archive_.get(), nullptr, bytes.data(), info.size_filename, nullptr,
                                 0, nullptr, 0) != UNZ_OK)
         return false;
-    entry = {index, L"", info.uncompressed_size};
+    entry = {
+        .index = index, .name = {}, .isText = text::isUtf8(bytes), .size = info.uncompressed_size};
     const std::wstring name = text::widen(bytes);
     if (name.size() > kNameLimit)
-        TRACE("name of entry %lld refused: %zu characters\n", static_cast<long long>(index),
+        LOG_W("name of entry %lld refused: %zu characters", static_cast<long long>(index),
               name.size());
     else
         entry.name = entryname::makeSafe(name);
@@ -138,7 +141,7 @@ bool PackageArchive::readEntry(std::int64_t index, PackageEntry& entry) {
 bool PackageArchive::extractEntry(std::int64_t index, const std::wstring& name) {
     if (goTo(index) && extractCurrent(name))
         return true;
-    TRACE("cannot unpack entry %lld, name=%s\n", static_cast<long long>(index),
+    LOG_E("cannot unpack entry %lld, name=%s", static_cast<long long>(index),
           text::narrow(name).c_str());
     return false;
 }
@@ -180,7 +183,7 @@ bool PackageArchive::extractCurrent(const std::wstring& name) {
         UNZ_OK)
         return false;
     if (const char* reason = refusal(info)) {
-        TRACE("entry refused: %s\n", reason);
+        LOG_E("entry refused: %s", reason);
         return false;
     }
     const UnpackDirectory::Attributes attributes{fileTime(info.tmu_date),

@@ -11,6 +11,7 @@
 struct PackageEntry {
     std::int64_t index = 0;
     std::wstring name;       // made safe; empty if it is over-long
+    bool isText = true;      // the name is well-formed UTF-8
     std::uint64_t size = 0;  // unpacked, in bytes, as the archive declares it
 };
 
@@ -36,7 +37,7 @@ class PackageArchive {
     // Unpacks one entry under `name`, with its times and read-only attribute; directories are made
     // as needed. A file takes the place of an older one whole or not at all. Encrypted entries,
     // links and device files, unknown methods and damaged data fail; so does a full disk. After a
-    // failure, which the trace tells, the older file is still there.
+    // failure, which the run log tells, the older file is still there.
     bool extractEntry(std::int64_t index, const std::wstring& name);
 
     // Removes an older file of that name, if any. False if it could not.

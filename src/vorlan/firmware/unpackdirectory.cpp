@@ -63,6 +63,19 @@ std::optional<fs::path> UnpackDirectory::locate(const std::wstring& name) const 
     return path;
 }
 
+bool UnpackDirectory::contains(const std::wstring& path) const {
+    std::error_code error;
+    const fs::path file = fs::canonical(fileutil::nativePath(path), error);
+    if (error || root_.empty())
+        return false;
+    for (fs::path above = file.parent_path();; above = above.parent_path()) {
+        if (fs::equivalent(above, root_, error))
+            return true;
+        if (above == above.parent_path())
+            return false;
+    }
+}
+
 bool UnpackDirectory::holds(const std::wstring& name) const {
     const auto path = locate(name);
     std::error_code error;

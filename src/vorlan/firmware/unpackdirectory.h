@@ -17,6 +17,10 @@ class UnpackDirectory {
     // exist.
     explicit UnpackDirectory(const std::wstring& path);
 
+    // Whether the file of that path lies here or in a directory below, by whatever spelling of the
+    // path or link it is reached.
+    bool contains(const std::wstring& path) const;
+
     // Whether a file or directory of that entry name is here, and is itself no link.
     bool holds(const std::wstring& name) const;
 

@@ -14,10 +14,14 @@ class BurnCfgTest : public testing::Test {
   protected:
     BurnCfgTest() { directory_.enter(); }
 
-    bool load(const std::string& content) {
+    using Load = BurnCfg::Load;
+
+    Load tryLoad(const std::string& content) {
         writeContent("burn.cfg", content);
         return cfg_.load(L".\\burn.cfg");
     }
+
+    bool load(const std::string& content) { return tryLoad(content) == Load::kLoaded; }
 
     TemporaryDirectory directory_;
     BurnCfg cfg_;
@@ -80,14 +84,20 @@ TEST_F(BurnCfgTest, SkipsWhatIsIncompleteAndTakesKeysInAnyCase) {
 
 TEST_F(BurnCfgTest, KeepsItsListUnlessTheFileIsJson) {
     ASSERT_TRUE(load(R"({"burn_items":[{"name":"a","addr":"1"}]})"));
-    EXPECT_FALSE(cfg_.load(L".\\missing.cfg"));
-    EXPECT_FALSE(cfg_.load(L".\\"));
     for (const std::string& content :
          {std::string(), std::string("burn_items"), std::string("{\"burn_items\":["),
-          std::string("\0{}", 3), std::string(5000, '['), std::string(2'000'000, ' ') + "{}"}) {
-        EXPECT_FALSE(load(content)) << content.substr(0, 20);
+          std::string("\0{}", 3), std::string(5000, '[')}) {
+        EXPECT_EQ(tryLoad(content), Load::kNoJson) << content.substr(0, 20);
         EXPECT_EQ(cfg_.getItems().size(), 1U);
     }
+    // What such a file says nobody knows.
+    EXPECT_EQ(cfg_.load(L".\\missing.cfg"), Load::kUnreadable);
+    EXPECT_EQ(cfg_.load(L".\\"), Load::kUnreadable);
+    EXPECT_EQ(tryLoad(std::string((16 << 20) - 1, ' ') + "{}"), Load::kUnreadable);
+    EXPECT_EQ(cfg_.getItems().size(), 1U);
+    EXPECT_EQ(tryLoad(std::string((16 << 20) - 2, ' ') + "{}"), Load::kLoaded);
+    EXPECT_TRUE(cfg_.getItems().empty());
+
     // These are JSON, and list nothing.
     for (const char* content :
          {"{}", "[]", "5", "null", R"("burn_items")", R"({"burn_items":null})",

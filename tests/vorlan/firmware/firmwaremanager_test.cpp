@@ -14,6 +14,7 @@
 
 #include "simulator/packagebuilder.h"
 #include "support/helpers.h"
+#include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "utils/fileutil.h"
 
@@ -146,17 +147,84 @@ TEST_F(FirmwareManagerTest, ClearsOnlyWhatItUnpackedItself) {
     EXPECT_EQ(contentOf("uart_temp_image/flashboot.bin"), "boot");
 }
 
-TEST_F(FirmwareManagerTest, TraceTellsTheItemsOfTheCfgAndThoseWithoutAFile) {
+TEST_F(FirmwareManagerTest, KeepsEveryListedImageThatCannotBeUnpackedInTheList) {
+    const simulator::PackageFile broken{.name = "font.bin", .content = "font", .declaredCrc = 1};
+    RecordingLog log;
+    ASSERT_TRUE(unpack(withCfg(R"({"name":"font.bin","addr":"300000"},)"
+                               R"({"name":"absent.bin","addr":"400000"},)"
+                               R"({"name":".\\font.bin","addr":"500000"})")
+                           .add(broken)));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x10000),
+                            ItemAt(L"font.bin", 0x300000), ItemAt(L".\\font.bin", 0x500000)));
+    EXPECT_FALSE(fs::exists("temp_image/font.bin"));
+    EXPECT_THAT(log.takeMessages(),
+                testing::Contains(
+                    "W/Firmware: the package has no entry for an item of burn.cfg: absent.bin"));
+}
+
+TEST_F(FirmwareManagerTest, IsInvalidWithoutTheAddressesThatItsCfgGives) {
+    const std::string cfg = R"({"burn_items":[{"name":"master.bin","addr":"20000"}]})";
+    const simulator::PackageFile unreadable[] = {
+        {.name = "burn.cfg", .content = cfg, .declaredCrc = 1},
+        {.name = "burn.cfg", .content = cfg, .stored = true, .declaredMethod = 99},
+        {.name = "burn.cfg", .content = cfg, .declaredFlags = 1},
+        {.name = "burn.cfg", .content = cfg + std::string(16 << 20, ' ')},
+        {.name = "burn.cfg/x", .content = "a directory"},
+    };
+    ASSERT_TRUE(unpack(smallest()));
+    for (const simulator::PackageFile& file : unreadable) {
+        SCOPED_TRACE(&file - unreadable);
+        EXPECT_FALSE(unpack(smallest().add(file)));
+        EXPECT_FALSE(manager_.isUnpacked());
+        EXPECT_TRUE(manager_.getBurnItems().empty());
+    }
+    ASSERT_TRUE(unpack(smallest().add("burn.cfg", cfg + std::string(15 << 20, ' '))));
+    EXPECT_THAT(manager_.getBurnItems(),
+                ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x20000)));
+}
+
+TEST_F(FirmwareManagerTest, IsInvalidIfTwoImagesWouldBecomeOne) {
+    const auto twoImages = [](const std::string& one, const std::string& other) {
+        return smallest().add(one, "1").add(other, "2");
+    };
+    EXPECT_FALSE(unpack(twoImages("\xB9\xCC.bin", "\xBC\xFE.bin")));  // another code page
+    EXPECT_FALSE(unpack(twoImages("sub/x.bin", "sub\\x.bin")));
+    EXPECT_FALSE(unpack(twoImages("x.bin", "./x.bin")));
+    EXPECT_TRUE(unpack(twoImages("x.bin", "X.bin")));
+    EXPECT_TRUE(unpack(twoImages("sub/", "sub\\")));
+    EXPECT_TRUE(unpack(twoImages("\xE5\x9B\xBA.bin", "\xE4\xBB\xB6.bin")));
+}
+
+TEST_F(FirmwareManagerTest, LeavesAPackageAloneThatLiesWhereItWouldBeUnpacked) {
+    fs::create_directories("temp_image/sub");
+    fs::create_directory_symlink("temp_image/sub", "way");
+    smallest().write("temp_image/sub/own.zip");
+    fs::create_symlink("temp_image/sub/own.zip", "link.zip");
+    for (const char* const path :
+         {"temp_image/sub/own.zip", "./way/../sub/own.zip", "way/own.zip", "link.zip"}) {
+        manager_.setFirmwarePath(fs::absolute(path).wstring());
+        EXPECT_FALSE(manager_.unpack(kDirectory)) << path;
+        EXPECT_TRUE(manager_.liesInUnpackDirectory(kDirectory)) << path;
+        EXPECT_TRUE(fs::exists("temp_image/sub/own.zip")) << path;
+    }
+    // The directory of the unpack before goes as well.
+    ASSERT_TRUE(unpack(smallest()));
+    smallest().write("temp_image/own.zip");
+    manager_.setFirmwarePath(L".\\temp_image\\own.zip");
+    EXPECT_FALSE(manager_.unpack(L".\\uart_temp_image\\"));
+    EXPECT_TRUE(fs::exists("temp_image/own.zip"));
+}
+
+TEST_F(FirmwareManagerTest, TraceTellsTheItemsOfTheCfg) {
     bool unpacked = false;
-    const Output atUnpack = outputOf([&] {
+    const Output output = outputOf([&] {
         unpacked = unpack(withCfg(R"({"name":"\u4E2D.bin","addr":"1F"},)"
                                   R"({"name":"absent.bin","addr":"-1"})"));
     });
     ASSERT_TRUE(unpacked);
-    EXPECT_THAT(atUnpack.traced, HasSubstr(" - name=\xE4\xB8\xAD.bin, addr=31\n"));
-    EXPECT_THAT(atUnpack.traced, HasSubstr(" - name=absent.bin, addr=-1\n"));
-    const Output atUse = outputOf([&] { EXPECT_EQ(manager_.getBurnItems().size(), 2U); });
-    EXPECT_THAT(atUse.traced, HasSubstr(" - burn.cfg: no such file, name=absent.bin\n"));
+    EXPECT_THAT(output.traced, HasSubstr(" - name=\xE4\xB8\xAD.bin, addr=31\n"));
+    EXPECT_THAT(output.traced, HasSubstr(" - name=absent.bin, addr=-1\n"));
 }
 
 TEST_F(FirmwareManagerTest, CountsTheSafeNameOfAnEntry) {
