@@ -18,9 +18,7 @@ class FirstStartFixture : public testing::Test {
         const GlobalStorage fresh;
         storage_.setSnFilePath(fresh.getSnFilePath());
         storage_.setSnBurnAddr(fresh.getSnBurnAddr());
-        // A wrong file leaves none loaded.
-        const TemporaryDirectory other;
-        storage_.getSnFile().load(text::widen(other.write("wrong.csv", "1")));
+        storage_.getSnFile().startAfresh();
     }
 
     ~FirstStartFixture() override { EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>()); }

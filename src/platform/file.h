@@ -15,7 +15,8 @@ namespace platform {
 // The system's text for the calling thread's last failed file operation.
 std::string lastErrorText();
 
-// Owns one open file. Used by one thread at a time.
+// Owns one open file. Used by one thread at a time, save that any number may read, write and sync
+// an open one.
 class File {
   public:
     File() = default;
@@ -45,15 +46,25 @@ class File {
     bool isFileAt(const std::string& path) const;
     bool isSameFile(const File& other) const;
 
+    // Differs from an earlier one if anybody has written to the file in between.
+    struct Stamp {
+        std::uint64_t size = 0;     // in bytes
+        std::int64_t modified = 0;  // in ns
+        std::int64_t changed = 0;   // in ns
+        bool operator==(const Stamp&) const = default;
+    };
+    // Nothing on an error.
+    std::optional<Stamp> stamp() const;
+
     // Reads up to `size` bytes from `offset` and gives their number, which is smaller at the end of
     // the file only; nothing on an error.
     std::optional<std::size_t> readAt(std::uint64_t offset, char* buffer, std::size_t size) const;
 
     // Writes all bytes at `offset`.
-    bool writeAt(std::uint64_t offset, std::string_view bytes);
+    bool writeAt(std::uint64_t offset, std::string_view bytes) const;
 
     // Returns once all that was written is on the disk.
-    bool syncData();
+    bool syncData() const;
 
   private:
     bool open(const std::string& path, int flags);

@@ -4,8 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
+#include <latch>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "storage/globalstorage.h"
 #include "support/childprocess.h"
@@ -17,7 +22,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int dataSyncs = 0;
+std::atomic<int> dataSyncs{0};
+std::function<void()> atDataSync;  // called while the disk is at work
 int fileSyncs = 0;
 int directorySyncs = 0;
 std::string atFileSync;  // what the state file holds when the new one is synced
@@ -31,6 +37,8 @@ int __real_fsync(int descriptor);
 
 int __wrap_fdatasync(int descriptor) {
     ++dataSyncs;
+    if (atDataSync)
+        atDataSync();
     return __real_fdatasync(descriptor);
 }
 
@@ -58,6 +66,36 @@ TEST(Durability, MarkIsSyncedWhenItReturns) {
         file.markBurned(file.takeNext());
         EXPECT_EQ(dataSyncs, before + 1);
     }
+}
+
+TEST(Durability, SixteenMarksAndTheNextNumbersDoNotWaitForEachOthersDisk) {
+    const TemporaryDirectory directory;
+    std::string rows;
+    for (int i = 10; i < 30; ++i)
+        rows += std::to_string(i) + ",0\r\n";
+    const std::wstring path = text::widen(directory.write("sn.csv", rows));
+    SerialNumFile file;
+    ASSERT_TRUE(file.load(path));
+    // The disk is done with none before it has all sixteen.
+    std::latch all(16);
+    atDataSync = [&] {
+        EXPECT_TRUE(file.isInUse());
+        auto* const other = file.takeNext();
+        EXPECT_NE(other, nullptr);
+        file.releaseRecord(other);
+        all.arrive_and_wait();
+    };
+    std::vector<SerialNumFile::SnRecord*> drawn;
+    for (int i = 0; i < 16; ++i)
+        drawn.push_back(file.takeNext());
+    {
+        std::vector<std::jthread> workers;
+        for (auto* const record : drawn)
+            workers.emplace_back([&file, record] { EXPECT_TRUE(file.markBurned(record).empty()); });
+    }
+    atDataSync = nullptr;
+    EXPECT_FALSE(file.isInUse());
+    EXPECT_EQ(occurrences(directory.read("sn.csv"), ",1\r\n"), 16U);
 }
 
 TEST(Durability, SaveIsSyncedBeforeItTakesTheOldFilesPlaceAndAfterwards) {

@@ -358,6 +358,79 @@ INSTANTIATE_TEST_SUITE_P(
                     Edit{"A,0\r\nBB,0", "A,1\r\nBB,0"},  // BB was not the last row
                     Edit{"A,0\r\nBB,0\r\nC,0\r\nD,0\r\n", "A,1\r\nBB,1\r\nC,1\r\nD,0\r\n"}));
 
+// A spreadsheet that was open all the time saves its older content in place.
+TEST_F(SerialNumFileTest, LostMarksAreToldOnceAndTheirNumbersStayOut) {
+    const std::string old = "A,0\r\nB,0\r\nC,0\r\nD,0\r\nE,1\r\n";
+    ASSERT_TRUE(load(old));
+    EXPECT_TRUE(file_.markBurned(file_.takeNext()).empty());
+    EXPECT_TRUE(file_.markBurned(file_.takeNext()).empty());
+    directory_.write(kName, old);
+    const auto unmarked = file_.markBurned(file_.takeNext());
+    ASSERT_EQ(unmarked.size(), 2U);
+    EXPECT_EQ(unmarked[0].sn, "A");
+    EXPECT_EQ(unmarked[1].sn, "B");
+    EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("SN=A "), HasSubstr("SN=B ")));
+    // C's own row was as it should be.
+    EXPECT_EQ(content(), "A,0\r\nB,0\r\nC,1\r\nD,0\r\nE,1\r\n");
+    EXPECT_TRUE(file_.markBurned(file_.takeNext()).empty());
+    EXPECT_EQ(next(), "-");
+
+    // The next imports find the marks of this run gone, and one that was there before it.
+    directory_.write(kName, "A,0\r\nB,0\r\nC,0\r\nD,1\r\nE,0\r\nF,0\r\n");
+    for (int imports = 0; imports < 2; ++imports) {
+        ASSERT_TRUE(file_.load(path()));
+        EXPECT_EQ(file_.findings().lostMarks, 4U);
+        EXPECT_EQ(file_.findings().firstLost, "A");
+        EXPECT_THAT(log_.take(hj::kError), ElementsAre(HasSubstr("4 burned numbers")));
+        EXPECT_EQ(next(), "F");
+        EXPECT_EQ(next(), "-");
+    }
+    // A new run of the program knows nothing of it.
+    file_.startAfresh();
+    ASSERT_TRUE(file_.load(path()));
+    EXPECT_EQ(file_.findings().lostMarks, 0U);
+    EXPECT_EQ(next(), "A");
+}
+
+TEST_F(SerialNumFileTest, ANumberOfSeveralRowsIsHandedOutOnceAtMost) {
+    ASSERT_TRUE(load("B,0\r\nA,0\r\n\r\nB,0\r\n,0\r\nC,0\r\n,0\r\nC,1\r\nD,x\r\nD,0\r\n"));
+    EXPECT_EQ(file_.findings().repeatedRows, 3U);
+    EXPECT_EQ(file_.findings().firstRepeatedLine, 4U);
+    EXPECT_EQ(file_.findings().firstRepeated, "B");
+    EXPECT_THAT(log_.take(hj::kWarning),
+                ElementsAre(AllOf(HasSubstr("3 rows"), HasSubstr("SN=B"))));
+    auto* const b = file_.takeNext();
+    EXPECT_EQ(b->sn, "B");
+    for (const char* const number : {"A", "", "", "D", "-"})
+        EXPECT_EQ(next(), number);
+    file_.releaseRecord(b);
+    EXPECT_EQ(next(), "B");
+    file_.markBurned(b);
+    ASSERT_TRUE(file_.load(path()));
+    EXPECT_EQ(next(), "A");
+    // Rows in order need a second look only if two of them are the same.
+    ASSERT_TRUE(load("K,0\r\nL,0\r\nM,0\r\n"));
+    EXPECT_EQ(file_.findings().repeatedRows, 0U);
+    EXPECT_THAT(log_.take(hj::kWarning), testing::SizeIs(1));
+}
+
+TEST_F(SerialNumFileTest, AByteOrderMarkBelongsToNoRow) {
+    const std::string mark = "\xEF\xBB\xBF";
+    ASSERT_TRUE(load(mark + "A,0\r\nB,0\r\n"));
+    auto* const a = file_.takeNext();
+    EXPECT_EQ(a->sn, "A");
+    file_.markBurned(file_.takeNext());
+    file_.markBurned(a);
+    EXPECT_EQ(content(), mark + "A,1\r\nB,1\r\n");
+    ASSERT_TRUE(load(mark));
+    EXPECT_EQ(next(), "-");
+    EXPECT_FALSE(load(mark + "A\r\n"));
+    ASSERT_TRUE(
+        load("\xEF\xBB"
+             ",0\r\n"));
+    EXPECT_EQ(next(), "\xEF\xBB");
+}
+
 TEST_F(SerialNumFileTest, SixteenWorkersGetEveryNumberOnce) {
     constexpr std::size_t kNumbers = 320;
     std::string rows;

@@ -125,6 +125,17 @@ bool File::isSameFile(const File& other) const {
            sameInode(mine, theirs);
 }
 
+std::optional<File::Stamp> File::stamp() const {
+    struct stat info {};
+    if (::fstat(descriptor_, &info) != 0)
+        return std::nullopt;
+    const auto nanoseconds = [](const timespec& time) {
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+    };
+    return Stamp{static_cast<std::uint64_t>(info.st_size), nanoseconds(info.st_mtim),
+                 nanoseconds(info.st_ctim)};
+}
+
 std::optional<std::size_t> File::readAt(std::uint64_t offset, char* buffer,
                                         std::size_t size) const {
     std::size_t total = 0;
@@ -142,11 +153,11 @@ std::optional<std::size_t> File::readAt(std::uint64_t offset, char* buffer,
     return total;
 }
 
-bool File::writeAt(std::uint64_t offset, std::string_view bytes) {
+bool File::writeAt(std::uint64_t offset, std::string_view bytes) const {
     return writeAll(descriptor_, offset, bytes);
 }
 
-bool File::syncData() {
+bool File::syncData() const {
     return restarting([&] { return ::fdatasync(descriptor_); }) == 0;
 }
 
