@@ -10,6 +10,7 @@
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "ui/tooltip.h"
+#include "utils/text.h"
 
 namespace {
 
@@ -92,16 +93,14 @@ void BurnPageBase::layoutTiles() {
 
 void BurnPageBase::showStoredSettings() {
     refreshBurnCount();
-    GlobalStorage& storage = GlobalStorage::getInstance();
-    const QString snPath = QString::fromStdWString(storage.getSnFilePath());
-    if (!snPath.isEmpty()) {
-        snPathBox_->setText(snPath);
-        setPlainToolTip(*snPathBox_, snPath);
-        snPathBox_->setEnabled(true);
-    }
+    showSnList();
     showSnAddress(*snAddressBox_);
-    if (storage.getSnFile().isLoaded() != 0)
-        snAddressBox_->setEnabled(true);
+}
+
+// The address can be changed as long as there are numbers to be written.
+void BurnPageBase::showSnList() {
+    showSnPath(*snPathBox_);
+    snAddressBox_->setEnabled(GlobalStorage::getInstance().getSnFile().isLoaded() != 0);
 }
 
 bool BurnPageBase::OnKillActive() {
@@ -143,8 +142,8 @@ void BurnPageBase::importSn() {
                           strings::kNotice.toString(), BoxType::kWarning);
         return;
     }
-    if (importSnFile(this, *snPathBox_))
-        snAddressBox_->setEnabled(true);
+    importSnFile(this);
+    showSnList();
 }
 
 void BurnPageBase::toggleBurn() {
@@ -243,11 +242,11 @@ void BurnPageBase::tellOnce(const QString& cause, const QString& text) {
     showLater(text, strings::kNotice.toString());
 }
 
-void BurnPageBase::tellUnmarked(const std::string& sn, const std::string& reason) {
-    if (reason.empty())
-        return;
-    const QString why = QString::fromStdString(reason);
-    tellOnce(why, QStringLiteral("SN=%1 已写入设备，但未能在SN文件中标记！\n原因：%2\n"
-                                 "该SN号在本次运行中不再分配，请查看 log\\run.log。")
-                      .arg(QString::fromStdString(sn), why));
+void BurnPageBase::tellUnmarked(const std::vector<SerialNumFile::Unmarked>& numbers) {
+    for (const SerialNumFile::Unmarked& number : numbers) {
+        const QString reason = QString::fromStdString(number.reason);
+        tellOnce(reason, QStringLiteral("SN=%1 已写入设备，但在SN文件中没有标记！\n原因：%2\n"
+                                        "该SN号本次运行中不再分配，其他SN号请查看 log\\run.log。")
+                             .arg(QString::fromStdWString(text::widen(number.sn)), reason));
+    }
 }

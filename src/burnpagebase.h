@@ -13,7 +13,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "storage/serialnumfile.h"
 #include "ui/customstatic.h"
 #include "ui/devicedisplay.h"
 #include "ui/dialogtemplate.h"
@@ -38,9 +40,13 @@ class BurnPageBase : public Page {
     // long as the program runs. Any thread.
     void tellOnce(const QString& cause, const QString& text);
 
-    // Tells the operator that a number is in a device but not marked in its file. `reason` as
-    // SerialNumFile::markBurned gives it; does nothing if that is empty. Any thread.
-    void tellUnmarked(const std::string& sn, const std::string& reason);
+    // Tells the operator of numbers that are in devices but not marked in their file, as
+    // SerialNumFile::markBurned gives them. Any thread.
+    void tellUnmarked(const std::vector<SerialNumFile::Unmarked>& numbers);
+
+    // Puts what is stored about serial numbers into the boxes. Once the page has been at the front,
+    // and not while it is burning.
+    void showStoredSettings();
 
     void OnInitDialog() override;
     bool OnKillActive() override;
@@ -75,8 +81,6 @@ class BurnPageBase : public Page {
     // Stores the flash address that the box holds. False, and the operator knows why, if it is
     // none.
     bool storeAddress();
-    // Puts what is stored about serial numbers into the boxes.
-    void showStoredSettings();
     // Greys out what must not be changed during a run, or frees it.
     void lockChoices(bool locked);
     void setBurning(bool burning);
@@ -108,6 +112,7 @@ class BurnPageBase : public Page {
     void layoutTiles();
     void chooseFirmware();
     void importSn();
+    void showSnList();
     void showNotices();
     std::optional<Notice> takeNotice();
 

@@ -4,9 +4,7 @@
 #include <QPushButton>
 
 #include "snsettings.h"
-#include "storage/globalstorage.h"
 #include "ui/dialogtemplate.h"
-#include "ui/tooltip.h"
 
 LoadSnDialog::LoadSnDialog(QWidget* parent) : QDialog(parent) {
     setWindowTitle(QStringLiteral("导入SN号"));
@@ -19,10 +17,12 @@ LoadSnDialog::LoadSnDialog(QWidget* parent) : QDialog(parent) {
     controls.label({21, 22, 44, 8}, QStringLiteral("文件路径："), path);
     controls.label({21, 49, 53, 8}, QStringLiteral("SN烧录地址："), address);
 
-    path->setText(QString::fromStdWString(GlobalStorage::getInstance().getSnFilePath()));
-    setPlainToolTip(*path, path->text());
+    showSnPath(*path);
     showSnAddress(*address);
     import->setFocus();
-    connect(import, &QPushButton::clicked, this, [this, path] { importSnFile(this, *path); });
+    connect(import, &QPushButton::clicked, this, [this, path] {
+        importSnFile(this);
+        showSnPath(*path);
+    });
     connect(set, &QPushButton::clicked, this, [this, address] { storeSnAddress(this, *address); });
 }

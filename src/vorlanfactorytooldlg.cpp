@@ -9,6 +9,7 @@
 #include "aboutdlg.h"
 #include "loadsndialog.h"
 #include "platform/serialports.h"
+#include "snsettings.h"
 #include "storage/globalstorage.h"
 #include "ui/dialogtemplate.h"
 #include "ui/prompts.h"
@@ -108,6 +109,7 @@ void CVorlanFactoryToolDlg::loadSettings() {
     const std::wstring path = storage.getSnFilePath();
     if (!path.empty() && fileutil::fileExists(path))
         storage.getSnFile().load(path);
+    tellSnFindings(this);
 }
 
 void CVorlanFactoryToolDlg::watchPorts() {
@@ -138,7 +140,16 @@ void CVorlanFactoryToolDlg::importSn() {
                           strings::kNotice.toString(), BoxType::kWarning);
         return;
     }
-    openModal(new LoadSnDialog(this));
+    auto* const dialog = new LoadSnDialog(this);
+    // What it has stored shows at once on the page behind it.
+    connect(dialog, &QDialog::finished, this, [this] {
+        for (BurnPageBase* const page :
+             {static_cast<BurnPageBase*>(&burnPage_), static_cast<BurnPageBase*>(&serialPage_)}) {
+            if (page->isVisible())
+                page->showStoredSettings();
+        }
+    });
+    openModal(dialog);
 }
 
 void CVorlanFactoryToolDlg::closeEvent(QCloseEvent* event) {

@@ -5,11 +5,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
 #include <QRegularExpression>
 #include <atomic>
+#include <optional>
 #include <set>
 #include <thread>
 
+#include "loadsndialog.h"
 #include "support/systemlimits.h"
 #include "vorlan/burn/burnadmin.h"
 #include "windowfixture.h"
@@ -182,8 +185,8 @@ TEST_F(BurnPageTest, ComesBackWithTheNumberFileOfAnEarlierRun) {
             std::filesystem::remove("numbers.csv");
         openWindow();
         ASSERT_TRUE(hands->press("USB烧录"));
-        EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("numbers.csv"));
-        EXPECT_TRUE(hands->edit("SN路径")->isEnabled());
+        EXPECT_EQ(hands->edit("SN路径")->text(), deleted ? QString() : pathOf("numbers.csv"));
+        EXPECT_EQ(hands->edit("SN路径")->isEnabled(), !deleted);
         EXPECT_EQ(hands->edit("SN烧录地址")->isEnabled(), !deleted);
     }
 }
@@ -312,24 +315,29 @@ TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {
     writeContent("no-list.csv", "x\r\n");
     writeContent("read-only.csv", row(5));
     std::filesystem::permissions("read-only.csv", std::filesystem::perms::others_read);
-    const OrdinaryUser user;
+    std::optional<OrdinaryUser> user(std::in_place);
 
+    const auto shown = [&] { return hands->edit("SN路径")->text(); };
     prompts_.choose(pathOf("vanished.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("vanished.csv"));
+    EXPECT_EQ(shown(), pathOf("numbers.csv"));
     // Neither the vanished one nor the one that cannot be marked takes the place of the good one.
     prompts_.choose(pathOf("read-only.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
     EXPECT_TRUE(GlobalStorage::getInstance().getSnFile().isLoaded());
+    EXPECT_EQ(shown(), pathOf("numbers.csv"));
+    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    user.reset();
+    // What cannot be parsed does, and then no numbers are written.
     prompts_.choose(pathOf("no-list.csv"));
     ASSERT_TRUE(hands->press("导入SN"));
     EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({wrong}));
-    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
+    EXPECT_EQ(shown(), "");
+    EXPECT_FALSE(hands->edit("SN烧录地址")->isEnabled());
     EXPECT_EQ(GlobalStorage::getInstance().getSnFilePath(), good);
     prompts_.choose(std::nullopt);
     ASSERT_TRUE(hands->press("导入SN"));
-    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("no-list.csv"));
     EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "SN文件(*.csv)"));
 }
 
@@ -343,11 +351,42 @@ TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
         plug(1);
         ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
         ASSERT_TRUE(hands->press("保存标签"));
+        // Another run does not tell the same again.
+        ASSERT_TRUE(hands->press("停止烧录"));
+        ASSERT_TRUE(hands->press("开始烧录"));
+        QCoreApplication::processEvents();
     }
     std::filesystem::permissions(directory_.path(), std::filesystem::perms::owner_all);
+    const std::vector<Box> boxes = prompts_.takeBoxes();
+    EXPECT_EQ(std::count_if(boxes.begin(), boxes.end(),
+                            [](const Box& box) {
+                                return box.text.startsWith("设置无法保存到 global_storage：");
+                            }),
+              1);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
+}
+
+TEST_F(BurnPageTest, ShowsWhatTheNumberDialogHasStoredWhenThatCloses) {
+    prepare();
+    writeContent("numbers.csv", row(1));
+    ASSERT_TRUE(hands->press("导入SN号"));
+    auto* const dialog = window->findChild<LoadSnDialog*>();
+    ASSERT_NE(dialog, nullptr);
+    simulator::WindowOperator inDialog(*dialog);
+    prompts_.choose(pathOf("numbers.csv"));
+    ASSERT_TRUE(inDialog.press("导入SN号"));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({notice("导入成功")}));
+    ASSERT_TRUE(inDialog.type(inDialog.edit("SN烧录地址"), "7F0000"));
+    ASSERT_TRUE(inDialog.press("设置"));
+    dialog->close();
+    EXPECT_EQ(hands->edit("SN路径")->text(), pathOf("numbers.csv"));
+    EXPECT_TRUE(hands->edit("SN烧录地址")->isEnabled());
+    EXPECT_EQ(hands->edit("SN烧录地址")->text(), "0x7f0000");
+    // The start writes back what the page shows.
+    ASSERT_TRUE(hands->press("开始烧录"));
+    EXPECT_EQ(storage_.getSnBurnAddr(), 0x7F0000U);
 }
 
 TEST_F(BurnPageTest, StaysWithABurnUnlessItIsToStop) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <QCoreApplication>
 #include <QTest>
 
 #include "firststartfixture.h"
@@ -46,10 +47,14 @@ TEST_F(LoadSnDialogTest, ShowsWhatIsStored) {
     EXPECT_TRUE(hands_->edit(kPath)->isReadOnly());
     EXPECT_EQ(shown(kAddress), "0x7ff004");
 
-    storage_.setSnFilePath(L"/x/列表.csv");
+    const std::wstring path = text::widen(directory_.write("列表.csv", kGoodRows));
+    storage_.setSnFilePath(path);
     storage_.setSnBurnAddr(0xFFFFFFFF);
     open();
-    EXPECT_EQ(shown(kPath), QStringLiteral("/x/列表.csv"));
+    EXPECT_EQ(shown(kPath), "") << "no list is in force";
+    ASSERT_TRUE(storage_.getSnFile().load(path));
+    open();
+    EXPECT_EQ(shown(kPath), QString::fromStdWString(path));
     EXPECT_EQ(shown(kAddress), "") << "no address is stored";
 }
 
@@ -67,26 +72,42 @@ TEST_F(LoadSnDialogTest, ImportsAndRemembersAGoodFile) {
     EXPECT_EQ(restarted.getSnFilePath(), path.toStdWString());
 }
 
-TEST_F(LoadSnDialogTest, WrongAndVanishedFilesChangeNothingThatIsStored) {
+TEST_F(LoadSnDialogTest, ShowsTheListInForceAfterAFailedImport) {
+    const QString good = QString::fromStdString(directory_.write("good.csv", kGoodRows));
     const QString wrong = QString::fromStdString(directory_.write("wrong.csv", "A1\r\n"));
-    storage_.setSnFilePath(L"/before.csv");
-    open();
-    import(wrong);
-    EXPECT_THAT(prompts_.takeBoxes(),
-                ElementsAre(notice("文件解析失败，请检查文件格式：必须是以半角','分隔，\n"
-                                   "每行两列且以CRLF结尾的csv文件！")));
-    EXPECT_EQ(shown(kPath), wrong);
-
     const QString gone = QString::fromStdString((directory_.path() / "gone.csv").string());
+    const Box badFormat = notice(
+        "文件解析失败，请检查文件格式：必须是以半角','分隔，\n每行两列且以CRLF结尾的csv文件！");
+    open();
+    import(good);
+    EXPECT_THAT(prompts_.takeBoxes(), ElementsAre(notice("导入成功")));
     import(gone);
-    EXPECT_EQ(shown(kPath), gone);
-
+    EXPECT_EQ(shown(kPath), good);
     import(std::nullopt);
-    EXPECT_EQ(shown(kPath), gone) << "nothing was chosen";
-
+    EXPECT_EQ(shown(kPath), good);
     EXPECT_THAT(prompts_.takeBoxes(), IsEmpty());
-    EXPECT_EQ(storage_.getSnFilePath(), L"/before.csv");
-    EXPECT_FALSE(std::filesystem::exists("global_storage"));
+    import(wrong);
+    EXPECT_THAT(prompts_.takeBoxes(), ElementsAre(badFormat));
+    EXPECT_EQ(shown(kPath), "") << "the old list is gone";
+    EXPECT_EQ(storage_.getSnFilePath(), good.toStdWString());
+}
+
+TEST_F(LoadSnDialogTest, TellsOfRepeatedNumbersAndOfLostMarks) {
+    const auto importRows = [&](const char* rows) {
+        import(QString::fromStdString(directory_.write("list.csv", rows)));
+        QCoreApplication::processEvents();
+        return prompts_.takeBoxes();
+    };
+    open();
+    EXPECT_THAT(importRows("A,0\r\nB,1\r\nA,0\r\nB,0\r\n"),
+                ElementsAre(notice("导入成功"),
+                            notice("SN文件中有 2 行的SN号与前面的行重复，第一处在第 3 行：SN=A。\n"
+                                   "每个SN号最多分配一次，已烧录的不再分配。")));
+    EXPECT_THAT(importRows("A,0\r\nB,0\r\n"),
+                ElementsAre(notice("导入成功"),
+                            notice("SN文件中有 1 个已烧录的SN号被改回未烧录，第一个：SN=B。\n"
+                                   "这些SN号不再分配，请检查是否有其他程序覆盖了该文件。")));
+    EXPECT_THAT(importRows("A,0\r\nB,1\r\n"), ElementsAre(notice("导入成功")));
 }
 
 TEST_F(LoadSnDialogTest, StoresHexadecimalAddressesOnly) {

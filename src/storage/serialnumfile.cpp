@@ -16,6 +16,7 @@ constexpr const char* LOG_TAG = "SerialNumFile";
 
 constexpr std::string_view kFree = "0";
 constexpr std::string_view kBurned = "1";
+constexpr std::string_view kKeptOut = "-";  // in memory only: free in the file, and not to be used
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
@@ -349,7 +350,7 @@ SerialNumFile::Findings SerialNumFile::keepOut(const platform::File& file,
         if (lost && ++findings.lostMarks == 1)
             findings.firstLost = record.sn;
         if (lost || unmarked_.count(record.sn) != 0)
-            record.burnFlag = kBurned;
+            record.burnFlag = kKeptOut;
     }
     return findings;
 }
@@ -383,7 +384,7 @@ void SerialNumFile::keepRepeatsOut(const platform::File& file, std::vector<SnRec
             ++repeat;
         for (; repeat != end; ++repeat) {
             if (isFree(*repeat))
-                (*repeat)->burnFlag = kBurned;
+                (*repeat)->burnFlag = kKeptOut;
         }
         for (auto row = begin + 1; row < end; ++row) {
             ++findings.repeatedRows;
@@ -420,7 +421,7 @@ void SerialNumFile::keepOut(const std::string& number) {
     unmarked_.insert(number);
     for (SnRecord& record : records_) {
         if (record.sn == number && record.burnFlag == kFree && record.taken == 0) {
-            record.burnFlag = kBurned;
+            record.burnFlag = kKeptOut;
             released_.erase(&record);
         }
     }

@@ -24,7 +24,7 @@ class SerialNumFile {
     struct SnRecord {
         std::uint64_t offset = 0;  // of the row's first byte in the file
         std::string sn;            // the first column, any bytes
-        std::string burnFlag;      // the second column; "0" is free, "1" is burned
+        std::string burnFlag;      // the second column; "0" is free, "1" is burned, "-" is kept out
         std::uint32_t taken = 0;   // 1 while a worker holds the record
 
         // Takes the columns out of a row without its line end. False unless there are just two.
