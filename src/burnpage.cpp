@@ -54,8 +54,6 @@ void CBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
 }
 
 bool CBurnPage::OnSetActive() {
-    if (!checkUsbDriver())
-        return false;
     showStoredSettings();
     return Page::OnSetActive();
 }

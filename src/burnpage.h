@@ -25,6 +25,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     // Writes the ports' labels to "tag_map".
     void saveTags();
 
+    bool mayComeToFront() override { return checkUsbDriver(); }
     bool OnSetActive() override;
 
     void onPlug(SesHandle session) override;

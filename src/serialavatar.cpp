@@ -2,9 +2,11 @@
 
 #include <system_error>
 
+#include "burnend.h"
 #include "storage/globalstorage.h"
 #include "tiletexts.h"
 #include "utils/interruption.h"
+#include "utils/text.h"
 #include "utils/trace.h"
 
 SerialAvatar::~SerialAvatar() {
@@ -20,6 +22,7 @@ void SerialAvatar::setPortName(const std::wstring& portName) {
 void SerialAvatar::start() {
     if (isRunning())
         return;
+    inUse_ = true;
     if (run_ != nullptr)
         run_->leaveTile();
     GlobalStorage& storage = GlobalStorage::getInstance();
@@ -31,6 +34,10 @@ void SerialAvatar::start() {
                 slot_.tile->setProgress(0);
                 slot_.tile->setStatus(tiletexts::kNumbersUsedUp);
             }
+            logBurnEnd({.place = text::narrow(slot_.portName),
+                        .good = false,
+                        .outcome = "no serial number is left",
+                        .sn = {}});
             return;
         }
     }
@@ -49,6 +56,7 @@ void SerialAvatar::start() {
 }
 
 void SerialAvatar::stop() {
+    inUse_ = false;
     if (run_ != nullptr)
         run_->stop();
     stopEvent_.set();

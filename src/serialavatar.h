@@ -33,6 +33,9 @@ class SerialAvatar {
     // From start until the run has ended or stop was called.
     bool isRunning() const { return run_ != nullptr && run_->isRunning(); }
 
+    // From start, whatever came of it, until stop was called: what the tile tells is news.
+    bool isInUse() const { return inUse_; }
+
     // Draws a serial number, if a list is loaded, and starts a run on a thread of its own, unless
     // one is running or the numbers are used up.
     void start();
@@ -52,6 +55,7 @@ class SerialAvatar {
 
     StopEvent stopEvent_;
     SerialSlot slot_{.portName = {}, .stopEvent = &stopEvent_};
+    bool inUse_ = false;
     SerialRun* run_ = nullptr;        // the latest
     std::list<ServeThread> threads_;  // the latest, and earlier ones that may still wind down
 };

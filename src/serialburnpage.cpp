@@ -136,9 +136,11 @@ void CSerialBurnPage::addPort(const std::wstring& port) {
 }
 
 void CSerialBurnPage::removePort(const std::wstring& port) {
-    SerialAvatar* const slot = findAvatar(port);
-    if (slot == nullptr)
-        return;
+    const auto slot = std::find_if(slots_.begin(), slots_.end(), [&](const SerialAvatar& avatar) {
+        return avatar.getPortName() == port;
+    });
+    if (slot == slots_.end())
+        return;  // it never got a slot, or has lost it to another port
     slot->stop();
     slot->getTile()->setActive(false);
     slot->getTile()->setStatus(tiletexts::kRemoved);
@@ -159,9 +161,10 @@ void CSerialBurnPage::onDeviceChange(const platform::PortEvent& event) {
 }
 
 void CSerialBurnPage::refreshTileArea() {
-    const bool running = std::any_of(slots_.begin(), slots_.end(),
-                                     [](const SerialAvatar& slot) { return slot.isRunning(); });
-    if (running)
+    // What a tile tells stays readable as long as its port is there.
+    const bool used = std::any_of(slots_.begin(), slots_.end(),
+                                  [](const SerialAvatar& slot) { return slot.isInUse(); });
+    if (used)
         showTiles();
     else
         showHintInsteadOfTiles();

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "burnend.h"
+#include "platform/serialdevice.h"
 #include "serialburnpage.h"
 #include "storage/globalstorage.h"
 #include "tiletexts.h"
@@ -65,6 +67,7 @@ void SerialRun::serve() {
     if (slot_.firmwareManager == nullptr) {
         LOG_I("firmware manager is NULL, serve thread stopped, port=%s", port.c_str());
         releaseSn();
+        logEnd(false);
         ended_ = true;
         return;
     }
@@ -72,17 +75,23 @@ void SerialRun::serve() {
         tile.setActive(true);
         tile.setProgress(0);
     });
-    uart_context_open_port(context_.get(), slot_.portName);
+    openPort();
+    bool good = false;
     int ret = prepareDevice();
     if (ret == kUartOk && !uart_context_stopped(context_.get())) {
         ret = burnItems();
         if (beginSn())
             ret = burnSn();
-        if (ret == kUartOk && burnedItems_ == items_.size() && isSnSettled())
+        good = ret == kUartOk && burnedItems_ == items_.size();
+        if (good)
+            useUpRowWithoutNumber();
+        good = good && isSnSettled();
+        if (good)
             context_->onFinish(context_.get());
     }
     releaseSn();
     serial_close(context_->port);
+    logEnd(good);
     LOG_I("serve thread stopped, port=%s", port.c_str());
     ended_ = true;
 }
@@ -110,6 +119,16 @@ void SerialRun::onTile(const Show& show) {
     const std::lock_guard guard(tileLock_);
     if (tile_ != nullptr)
         show(*tile_);
+}
+
+// A port that cannot be opened shows in the first exchange.
+void SerialRun::openPort() {
+    uart_context_open_port(context_.get(), slot_.portName);
+    const std::string holder = platform::serialPortHolder();
+    if (context_->port != nullptr || holder.empty() || portToldBusy_)
+        return;
+    portToldBusy_ = true;
+    LOG_W("%s is in use by %s", text::narrow(slot_.portName).c_str(), holder.c_str());
 }
 
 // Brings the device to the point where its flash proxy takes images at the full rate. A stop in
@@ -142,6 +161,9 @@ int SerialRun::connectWithRom() {
     for (int attempt = 0; attempt < kRomAttempts; ++attempt) {
         if (uart_context_stopped(context_.get()))
             break;
+        // An earlier run, or whoever has the port, may have let go of it by now.
+        if (context_->port == nullptr && attempt > 0)
+            openPort();
         onTile([](DeviceDisplay& tile) { tile.setStatus(L"准备中..."); });
         ret = ram_loader_download(context_.get());
         if (ret == kUartOk)
@@ -202,13 +224,34 @@ int SerialRun::burnSn() {
         releaseSn();
         return ret;
     }
+    markBurned();
+    return ret;
+}
+
+// A row of the list may have no number: nothing is written for it, and the next device draws the
+// next row.
+void SerialRun::useUpRowWithoutNumber() {
+    {
+        const std::lock_guard guard(lock_);
+        if (snState_ != SnState::kReserved || !sn_.empty())
+            return;
+        snState_ = SnState::kWriting;
+    }
+    LOG_W("the row of the list has no number, none is written: port=%s",
+          text::narrow(slot_.portName).c_str());
+    markBurned();
+}
+
+void SerialRun::markBurned() {
     {
         const std::lock_guard guard(lock_);
         snState_ = SnState::kBurned;
     }
-    if (snFile().isLoaded() != 0)
-        snFile().markBurned(snRecord_);
-    return ret;
+    if (snFile().isLoaded() == 0)
+        return;
+    const auto unmarked = snFile().markBurned(snRecord_);
+    if (slot_.page != nullptr)
+        slot_.page->tellUnmarked(unmarked);
 }
 
 // Whether there is a number to write. From here on the run alone decides what becomes of it.
@@ -246,6 +289,16 @@ void SerialRun::giveBack() {
         snFile().releaseRecord(snRecord_);
 }
 
+void SerialRun::logEnd(bool good) {
+    std::string outcome = lastError_;
+    if (context_->stop)
+        outcome = "stopped" + (outcome.empty() ? outcome : ", " + outcome);
+    else if (outcome.empty())
+        outcome = "an image, or the number, lies outside the flash";
+    logBurnEnd(
+        {.place = text::narrow(slot_.portName), .good = good, .outcome = outcome, .sn = sn_});
+}
+
 int SerialRun::fail(int code, const std::string& description) {
     context_->onError(context_.get(), code, text::widen(description));
     LOG_E("%s", description.c_str());
@@ -272,6 +325,7 @@ void SerialRun::onBurnFinished(UartContext* context) {
 
 void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& description) {
     SerialRun& run = *context->run;
+    run.lastError_ = text::narrow(description) + ", code " + std::to_string(code);
     if (run.slot_.tile == nullptr)
         return;
     run.onTile([&](DeviceDisplay& tile) {

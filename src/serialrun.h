@@ -61,6 +61,7 @@ class SerialRun {
     static void onBurnFinished(UartContext* context);
     static void onBurnError(UartContext* context, int code, const std::wstring& description);
 
+    void openPort();
     int prepareDevice();
     int connectWithRom();
     int burnItems();
@@ -73,8 +74,11 @@ class SerialRun {
 
     bool beginSn();
     bool isSnSettled();
+    void useUpRowWithoutNumber();
+    void markBurned();
     void releaseSn();
     void giveBack();
+    void logEnd(bool good);
 
     const SerialSlot slot_;
     const std::vector<BurnItem> items_;
@@ -83,6 +87,8 @@ class SerialRun {
     const std::uint32_t snAddr_;
     const std::unique_ptr<UartContext> context_;
     std::size_t burnedItems_ = 0;
+    bool portToldBusy_ = false;
+    std::string lastError_;  // that the operator was told of
     std::atomic<bool> ended_{false};
 
     std::mutex lock_;  // guards the state, on which a stop and the run have to agree

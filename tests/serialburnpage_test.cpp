@@ -10,6 +10,8 @@
 
 #include "simulator/virtualserialdevice.h"
 #include "simulator/virtualserialports.h"
+#include "support/helpers.h"
+#include "support/turnedclock.h"
 #include "windowfixture.h"
 
 using namespace std::chrono_literals;
@@ -103,7 +105,10 @@ class SerialBurnPageTest : public WindowFixture {
     std::vector<std::unique_ptr<VirtualSerialDevice>> serialDevices;
 };
 
-TEST_F(SerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
+// Without the time that pauses and silence take.
+class HurriedSerialBurnPageTest : private TurnedClock, public SerialBurnPageTest {};
+
+TEST_F(HurriedSerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     VirtualSerialDevice& present = plugSerial(0);
@@ -121,7 +126,7 @@ TEST_F(SerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 }
 
-TEST_F(SerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
+TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3) + row(4) + row(5));
     // Port 0 is there, but says nothing: its number stays with it to the end of its attempts.
@@ -147,8 +152,10 @@ TEST_F(SerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     EXPECT_EQ(directory_.read("numbers.csv"), row(1) + row(2, true) + row(3) + row(4) + row(5));
 
     // A device that is pulled out gives its number back, and what was free is handed out again.
+    // What the others have come to stays readable.
     leave(*serialDevices[0]);
-    EXPECT_TRUE(canRead(kConnect));
+    ASSERT_TRUE(shows(0, kRemoved));
+    EXPECT_EQ(hands->tileNamed(nameOf(1)).status, "烧录成功！SN=SN-2");
     VirtualSerialDevice& next = plugSerial(5);
     leave(rightDigest);
     ASSERT_TRUE(shows(1, kRemoved));
@@ -156,7 +163,7 @@ TEST_F(SerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     EXPECT_TRUE(holdsAll(next, "SN-1"));
 }
 
-TEST_F(SerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
+TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
     prepareSerial();
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_TRUE(canRead(kConnect));
@@ -173,14 +180,20 @@ TEST_F(SerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
     arrive(device);
     VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
     ASSERT_TRUE(hands->press("开始烧录"));
-    // With no number left no thread runs, so nothing brings the tiles up.
+    // No thread runs, and yet the operator can read why, until the last of the ports has left.
+    ASSERT_TRUE(shows(0, "SN号已耗尽，请导入新的SN号！"));
+    ASSERT_TRUE(shows(1, "SN号已耗尽，请导入新的SN号！"));
+    leave(device);
+    ASSERT_TRUE(shows(0, kRemoved));
+    EXPECT_EQ(hands->tileNamed(nameOf(1)).status, "SN号已耗尽，请导入新的SN号！");
+    leave(mute);
     EXPECT_TRUE(canRead(kConnect));
     EXPECT_TRUE(hands->tiles().empty());
     EXPECT_EQ(device.stage(), simulator::SerialStage::RomLoader);
     EXPECT_EQ(mute.traffic(), 0U);
 }
 
-TEST_F(SerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
+TEST_F(HurriedSerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     VirtualSerialDevice& inBurn = plugSerial(0, {.blockTime = 100ms});
@@ -231,7 +244,7 @@ TEST_F(SerialBurnPageTest, AStoppedRunLeavesTheTileToTheNext) {
     EXPECT_TRUE(hands->tileNamed(nameOf(0)).active);
 }
 
-TEST_F(SerialBurnPageTest, SixteenPortsAndOneTooMany) {
+TEST_F(HurriedSerialBurnPageTest, SixteenPortsAndOneTooMany) {
     prepareSerial();
     std::string numbers;
     for (int i = 10; i < 27; ++i)
@@ -251,9 +264,10 @@ TEST_F(SerialBurnPageTest, SixteenPortsAndOneTooMany) {
     }
     EXPECT_THAT(directory_.read("numbers.csv"), testing::EndsWith(row(25, true) + row(26)));
     EXPECT_EQ(serialDevices[16]->traffic(), 0U);
-    // Idle by now, the first slot takes over a port that none has known.
+    // A port that never got a slot leaves no trace; idle by now, the first slot takes it over.
     leave(*serialDevices[16]);
-    EXPECT_TRUE(canRead(kConnect));
+    for (int i = 0; i < 16; ++i)
+        EXPECT_TRUE(hands->tileNamed(nameOf(i)).status.startsWith("烧录成功！SN="));
     arrive(*serialDevices[16]);
     ASSERT_TRUE(shows(16, "烧录成功！SN=SN-26"));
     EXPECT_EQ(hands->tiles()[0].name, nameOf(16));
@@ -273,6 +287,103 @@ TEST_F(SerialBurnPageTest, ClosesAtOnceWhileBurnsWindDown) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
     EXPECT_EQ(directory_.read("numbers.csv"), row(1));
     EXPECT_FALSE(GlobalStorage::getInstance().getSnFile().isInUse());
+}
+
+TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsUsedUpByOneDevice) {
+    prepareSerial();
+    importNumbers(",0\r\n" + row(2));
+    VirtualSerialDevice& first = plugSerial(0);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！"));
+    EXPECT_EQ(hands->tileNamed(nameOf(0)).status, "烧录成功！");
+    EXPECT_TRUE(holdsAll(first, ""));
+    EXPECT_EQ(first.flash().writtenRanges().size(), 2U);
+    VirtualSerialDevice& second = plugSerial(1);
+    ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
+    EXPECT_TRUE(holdsAll(second, "SN-2"));
+    EXPECT_EQ(directory_.read("numbers.csv"), ",1\r\n" + row(2, true));
+    EXPECT_THAT(contentOf("log/run.log"),
+                testing::ContainsRegex("W/SerialAvatar.*the row of the list has no number"));
+}
+
+TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsFreeAgainBehindAFailedBurn) {
+    prepareSerial();
+    importNumbers(",0\r\n");
+    plugSerial(0).addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(0); }, kLongMs));
+    EXPECT_EQ(directory_.read("numbers.csv"), ",0\r\n");
+    EXPECT_FALSE(hands->tileNamed(nameOf(0)).status.startsWith("烧录成功！"));
+    EXPECT_FALSE(storage_.getSnFile().isInUse());
+}
+
+TEST_F(HurriedSerialBurnPageTest, StaysAwakeAndBurningWhenTheUsbPageRefusesToCome) {
+    prepareSerial();
+    ASSERT_TRUE(hands->press("开始烧录"));
+    bus.fail(simulator::UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
+    ASSERT_TRUE(hands->press("USB烧录"));
+    EXPECT_EQ(prompts_.takeBoxes(),
+              std::vector<Box>({notice("检测到libusb驱动未安装，请先安装驱动")}));
+    EXPECT_TRUE(hands->isEnabled("停止烧录"));
+    plugSerial(0);
+    ASSERT_TRUE(shows(0, "烧录成功！"));
+    // The same page in the next run.
+    ASSERT_TRUE(hands->press("停止烧录"));
+    ASSERT_TRUE(hands->press("USB烧录"));
+    EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    plugSerial(1);
+    ASSERT_TRUE(shows(1, "烧录成功！"));
+}
+
+TEST_F(HurriedSerialBurnPageTest, FindsItsPortAgainWhenItIsStoppedAndStartedAtOnce) {
+    prepareSerial();
+    importNumbers(row(1) + row(2));
+    // The stopped run holds the port until its exchange is over.
+    plugSerial(0, {.romStartUp = 900ms});
+    plugSerial(1, {.romStartUp = 900ms});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, kPreparing));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-"));
+    ASSERT_TRUE(shows(1, "烧录成功！SN=SN-"));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true));
+}
+
+TEST_F(HurriedSerialBurnPageTest, TellsTheRunLogHowEachBurnEnds) {
+    prepareSerial();
+    importNumbers(row(1) + row(2) + row(3));
+    plugSerial(0);
+    plugSerial(1).addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
+    plugSerial(2, {.romStartUp = 600s});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
+    ASSERT_TRUE(shows(1, "出错, code=-2"));
+    leave(*serialDevices[2]);
+    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(1) && !isRunning(2); }, kLongMs));
+    const std::string log = contentOf("log/run.log");
+    EXPECT_THAT(log, testing::ContainsRegex("I/BurnEnd.*:burned: ttyUSB0, SN=SN-1"));
+    EXPECT_THAT(log, testing::ContainsRegex("E/BurnEnd.*:not burned: ttyUSB1, SN=SN-2: CHANGE "
+                                            "BAUDRATE, RET=-2, code -2"));
+    EXPECT_THAT(log, testing::ContainsRegex("E/BurnEnd.*:not burned: ttyUSB2, SN=SN-3: stopped"));
+    EXPECT_EQ(occurrences(log, "burned: ttyUSB"), 3U);
+}
+
+TEST_F(HurriedSerialBurnPageTest, TellsTheOperatorOnceOfNumbersThatCouldNotBeMarked) {
+    prepareSerial();
+    importNumbers(row(1) + row(2));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    // Another program has put a file of its own in the list's place.
+    std::filesystem::rename("numbers.csv", "old.csv");
+    plugSerial(0);
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
+    plugSerial(1);
+    ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
+    const std::vector<Box> boxes = prompts_.takeBoxes();
+    ASSERT_EQ(boxes.size(), 1U);
+    EXPECT_TRUE(boxes[0].text.startsWith("SN=SN-1 已写入设备，但在SN文件中没有标记！"));
+    EXPECT_EQ(directory_.read("old.csv"), row(1) + row(2));
 }
 
 TEST_F(SerialBurnPageTest, AListThatFailsLeavesThePageUsable) {

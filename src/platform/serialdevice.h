@@ -13,7 +13,7 @@ namespace platform {
 
 // What can be set on the line beside the 8 data bits.
 struct SerialLine {
-    std::uint32_t baudrate;  // any rate that the port's clock can make
+    std::uint32_t baudrate;  // in bit/s, any rate that the port's clock can make
     std::uint32_t stopBits;  // 0: one, 2: two
     std::uint32_t parity;    // 0: none, 1: odd, 2: even
 };
@@ -35,10 +35,17 @@ class SerialDevice {
     SerialDevice(const SerialDevice&) = delete;
     SerialDevice& operator=(const SerialDevice&) = delete;
 
+    // The path that it was opened by.
+    virtual const std::string& path() const = 0;
+
     // Takes the line's settings from the port; setLine changes what it is told to in them and
-    // writes them back, at once and without dropping a byte.
+    // writes them back, at once and without dropping a byte. A rate counts as set only if the
+    // driver, asked afterwards, has it within 3 %; else the port is put back to what it had.
     virtual bool fetchSettings() = 0;
     virtual bool setLine(const SerialLine& line) = 0;
+
+    // What the driver made of the rate of the last setLine, in bit/s, be it kept or not.
+    virtual std::uint32_t offeredRate() const = 0;
 
     virtual bool setTimeouts(const SerialTimeouts& timeouts) = 0;
 
@@ -53,10 +60,15 @@ class SerialDevice {
     virtual int write(const std::uint8_t* bytes, int size) = 0;
 };
 
-// Opens the port for this owner alone; null with the reason in errno if that fails, as for a port
-// that is in use. Once `interruption` is requested, every transfer under way ends, each later one
+// Opens the port for this owner alone; null with the reason in errno if that fails. A port that
+// another process has open, as far as this user may see, or holds a lock file for, is in use: EBUSY,
+// and serialPortHolder() tells by whom. Once `interruption` is requested, every transfer under way ends, each later one
 // fails, and closing drops what the device has not taken yet.
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption);
+
+// Who kept the calling thread's last openSerialDevice from opening its port, as in "minicom (4711)";
+// empty if nobody did or nobody knows.
+std::string serialPortHolder();
 
 }  // namespace platform

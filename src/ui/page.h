@@ -19,6 +19,9 @@ class Page : public QWidget {
 
     // Makes the controls; called once, before the page comes to the front for the first time.
     virtual void OnInitDialog() = 0;
+    // Whether the page could come to the front; false refuses, before the page in front has been
+    // asked to leave: it stays as it is.
+    virtual bool mayComeToFront() { return true; }
     // The page is about to come to the front; false refuses, and the page before it stays.
     virtual bool OnSetActive() { return true; }
     // The page is about to leave the front; false keeps it there.

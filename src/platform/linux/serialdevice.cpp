@@ -13,7 +13,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
+
+#include "platform/linux/portlock.h"
 
 namespace platform {
 namespace {
@@ -44,8 +47,11 @@ class Descriptor {
 
 class LinuxSerialDevice final : public SerialDevice {
   public:
-    LinuxSerialDevice(Descriptor port, Descriptor wakeup, std::stop_token interruption)
-        : port_(std::move(port)),
+    LinuxSerialDevice(std::string path, PortLock lock, Descriptor port, Descriptor wakeup,
+                      std::stop_token interruption)
+        : path_(std::move(path)),
+          lock_(std::move(lock)),
+          port_(std::move(port)),
           wakeup_(std::move(wakeup)),
           interruption_(std::move(interruption)),
           interrupt_(interruption_, Interrupt{wakeup_.get()}) {}
@@ -58,6 +64,10 @@ class LinuxSerialDevice final : public SerialDevice {
         ::ioctl(port_.get(), TIOCNXCL);
     }
 
+    const std::string& path() const override { return path_; }
+
+    std::uint32_t offeredRate() const override { return offeredRate_; }
+
     bool fetchSettings() override { return ::ioctl(port_.get(), TCGETS2, &settings_) == 0; }
 
     bool setLine(const SerialLine& line) override {
@@ -65,6 +75,7 @@ class LinuxSerialDevice final : public SerialDevice {
             errno = EINVAL;
             return false;
         }
+        const termios2 before = settings_;
         settings_.c_iflag &= ~tcflag_t{IGNBRK | BRKINT | IGNPAR | PARMRK | INPCK | ISTRIP | INLCR |
                                        IGNCR | ICRNL | IXON | IXANY | IXOFF};
         settings_.c_oflag &= ~tcflag_t{OPOST};
@@ -83,7 +94,13 @@ class LinuxSerialDevice final : public SerialDevice {
         // With a minimum of one byte a read of nothing means that the port is gone.
         settings_.c_cc[VMIN] = 1;
         settings_.c_cc[VTIME] = 0;
-        return ::ioctl(port_.get(), TCSETS2, &settings_) == 0;
+        if (::ioctl(port_.get(), TCSETS2, &settings_) == 0 && hasRate(line.baudrate))
+            return true;
+        const int error = errno;
+        ::ioctl(port_.get(), TCSETS2, &before);
+        settings_ = before;
+        errno = error;
+        return false;
     }
 
     bool setTimeouts(const SerialTimeouts& timeouts) override {
@@ -150,6 +167,19 @@ class LinuxSerialDevice final : public SerialDevice {
     };
     enum class Wait { kReady, kTimedOut, kFailed };
 
+    // Drivers take rates that they cannot make without a word.
+    bool hasRate(std::uint32_t asked) {
+        termios2 inForce{};
+        if (::ioctl(port_.get(), TCGETS2, &inForce) != 0)
+            return false;
+        offeredRate_ = inForce.c_ospeed;
+        const std::uint64_t off = std::max(asked, offeredRate_) - std::min(asked, offeredRate_);
+        if (off * 100 <= std::uint64_t{asked} * 3)
+            return true;
+        errno = EINVAL;
+        return false;
+    }
+
     bool isInterrupted() const {
         if (!interruption_.stop_requested())
             return false;
@@ -171,13 +201,18 @@ class LinuxSerialDevice final : public SerialDevice {
         return result == 0 ? Wait::kTimedOut : Wait::kFailed;
     }
 
+    const std::string path_;
+    PortLock lock_;  // given back when the port is closed
     Descriptor port_;
     Descriptor wakeup_;
     termios2 settings_{};
+    std::uint32_t offeredRate_ = 0;
     SerialTimeouts timeouts_;
     std::stop_token interruption_;
     std::stop_callback<Interrupt> interrupt_;
 };
+
+thread_local std::string holder;  // see serialPortHolder()
 
 // TIOCEXCL alone does not keep root out, and flock alone only those who ask for it.
 bool claim(int port) {
@@ -203,16 +238,33 @@ void askForLowLatency(int port) {
 
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption) {
+    holder.clear();
+    std::optional<PortLock> lock = PortLock::take(path, holder);
+    if (!lock) {
+        errno = EBUSY;
+        return nullptr;
+    }
     // O_NONBLOCK: an open that waits for a carrier would wait for good.
     Descriptor port(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     if (!port.isOpen() || !claim(port.get()))
         return nullptr;
+    // Behind the claim, so that nobody comes in between.
+    holder = otherUserOf(port.get());
+    if (!holder.empty()) {
+        ::ioctl(port.get(), TIOCNXCL);
+        errno = EBUSY;
+        return nullptr;
+    }
     Descriptor wakeup(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wakeup.isOpen())
         return nullptr;
     askForLowLatency(port.get());
-    return std::make_unique<LinuxSerialDevice>(std::move(port), std::move(wakeup),
-                                               std::move(interruption));
+    return std::make_unique<LinuxSerialDevice>(path, std::move(*lock), std::move(port),
+                                               std::move(wakeup), std::move(interruption));
+}
+
+std::string serialPortHolder() {
+    return holder;
 }
 
 }  // namespace platform

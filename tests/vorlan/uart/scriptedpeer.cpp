@@ -50,7 +50,9 @@ class ScriptedPeer::Port final : public platform::SerialDevice {
     }
 
     bool fetchSettings() override { return real_->fetchSettings(); }
+    const std::string& path() const override { return real_->path(); }
     bool setLine(const platform::SerialLine& line) override { return real_->setLine(line); }
+    std::uint32_t offeredRate() const override { return real_->offeredRate(); }
     bool setTimeouts(const platform::SerialTimeouts& timeouts) override {
         timeouts_ = timeouts;
         return real_->setTimeouts(timeouts);

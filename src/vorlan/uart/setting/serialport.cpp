@@ -7,7 +7,10 @@
 #include <system_error>
 
 #include "utils/interruption.h"
+#include "utils/logutil.h"
 #include "utils/trace.h"
+
+#define LOG_TAG "SerialPort"
 
 using std::chrono::milliseconds;
 
@@ -44,8 +47,12 @@ bool setTimeouts(const SerialPort& port, const platform::SerialTimeouts& timeout
 SerialPort serial_open(const std::string& path, std::uint32_t baudrate, std::uint32_t stopBits,
                        std::uint32_t parity) {
     SerialPort port = platform::openSerialDevice(path, interruption::current());
-    if (!report(port != nullptr, "CreateFile"))
+    if (!report(port != nullptr, "CreateFile")) {
+        const std::string holder = platform::serialPortHolder();
+        if (!holder.empty())
+            TRACE("%s is in use by %s\n", path.c_str(), holder.c_str());
         return nullptr;
+    }
     platform::SerialTimeouts timeouts;
     timeouts.readGap = gapAt(baudrate);
     timeouts.readConstant = kOpenReadConstant;
@@ -58,10 +65,13 @@ SerialPort serial_open(const std::string& path, std::uint32_t baudrate, std::uin
 
 int serial_set_params(const SerialPort& port, std::uint32_t baudrate, std::uint32_t stopBits,
                       std::uint32_t parity) {
-    return report(isOpen(port) && port->fetchSettings(), "GetCommState") &&
-                   report(port->setLine({baudrate, stopBits, parity}), "SetCommState")
-               ? 1
-               : 0;
+    if (!report(isOpen(port) && port->fetchSettings(), "GetCommState"))
+        return 0;
+    if (report(port->setLine({baudrate, stopBits, parity}), "SetCommState"))
+        return 1;
+    LOG_E("%s does not take the line's settings: asked for %u bit/s, its driver gives %u",
+          port->path().c_str(), baudrate, port->offeredRate());
+    return 0;
 }
 
 int serial_set_timeouts(const SerialPort& port, std::uint32_t baudrate,
