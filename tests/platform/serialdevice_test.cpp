@@ -1,13 +1,20 @@
 #include "platform/serialdevice.h"
 
+#include <asm/ioctls.h>
 #include <asm/termbits.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <numeric>
 #include <thread>
 #include <vector>
 
+#include "support/childprocess.h"
+#include "support/helpers.h"
 #include "support/pseudoterminal.h"
 #include "support/temporarydirectory.h"
 
@@ -18,6 +25,27 @@ using platform::SerialTimeouts;
 namespace {
 
 constexpr auto kLong = 60000ms;  // no test waits so long
+
+std::uint32_t fastestRate = UINT32_MAX;  // that the driver takes
+
+}  // namespace
+
+// The linker leads the program's calls here.
+extern "C" {
+int __real_ioctl(int descriptor, unsigned long request, void* argument);
+
+int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
+    if (request == TCSETS2) {
+        auto settings = *static_cast<termios2*>(argument);
+        settings.c_ospeed = std::min(settings.c_ospeed, fastestRate);
+        settings.c_ispeed = std::min(settings.c_ispeed, fastestRate);
+        return __real_ioctl(descriptor, request, &settings);
+    }
+    return __real_ioctl(descriptor, request, argument);
+}
+}
+
+namespace {
 
 class SerialDeviceTest : public testing::Test {
   protected:
@@ -132,6 +160,71 @@ TEST_F(SerialDeviceTest, EveryByteAndEveryRatePassesUnchanged) {
         }
         EXPECT_TRUE(terminal_.isQuiet()) << "the port echoes";
     }
+}
+
+// A plain 16550 asked for 3000000 stays at what it can, and reports success.
+TEST_F(SerialDeviceTest, ARateThatTheDriverDoesNotTakeIsRefusedAndTheOldOneStays) {
+    fastestRate = 1000000;
+    ASSERT_TRUE(port_->fetchSettings());
+    EXPECT_FALSE(port_->setLine({3000000, 0, 0}));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(port_->offeredRate(), 1000000U);
+    EXPECT_EQ(terminal_.rate(), 115200U);
+    // What the port's clock makes of a rate may be a little off.
+    EXPECT_TRUE(port_->setLine({1030000, 0, 0}));
+    EXPECT_FALSE(port_->setLine({1032000, 0, 0}));
+    EXPECT_EQ(terminal_.rate(), 1000000U);
+    fastestRate = UINT32_MAX;
+    EXPECT_TRUE(port_->setLine({3000000, 0, 0}));
+    EXPECT_EQ(terminal_.rate(), 3000000U);
+}
+
+// A terminal program that asks nobody has the port open.
+TEST_F(SerialDeviceTest, APortThatAnotherProcessHasOpenIsInUse) {
+    port_.reset();
+    const std::string path = terminal_.portPath();
+    ChildProcess other([&] {
+        if (::open(path.c_str(), O_RDWR | O_NOCTTY) < 0)
+            ::_exit(1);
+        ::pause();
+    });
+    const std::string process = "(" + std::to_string(other.id()) + ")";
+    ASSERT_TRUE(eventually([&] {
+        port_.reset();
+        port_ = platform::openSerialDevice(path, {});
+        return port_ == nullptr;
+    }));
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_NE(platform::serialPortHolder().find(process), std::string::npos);
+    EXPECT_FALSE(terminal_.isClaimed());
+    other.kill();
+    open();
+    EXPECT_EQ(platform::serialPortHolder(), "");
+}
+
+TEST_F(SerialDeviceTest, HonoursTheLockFilesOfTerminalProgramsAndMakesItsOwn) {
+    std::string name = std::filesystem::canonical(terminal_.portPath()).lexically_relative("/dev");
+    std::replace(name.begin(), name.end(), '/', '_');
+    const std::filesystem::path lock = "/run/lock/LCK.." + name;
+    if (!std::filesystem::exists(lock))
+        GTEST_SKIP() << "no lock files can be made here";
+    char own[16];
+    std::snprintf(own, sizeof own, "%10d\n", static_cast<int>(::getpid()));
+    EXPECT_EQ(contentOf(lock), own);
+    port_.reset();
+    EXPECT_FALSE(std::filesystem::exists(lock));
+
+    ChildProcess other([] { ::pause(); });
+    const std::string process = std::to_string(other.id());
+    writeContent(lock, process + "\n");
+    EXPECT_EQ(platform::openSerialDevice(terminal_.portPath(), {}), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_NE(platform::serialPortHolder().find("(" + process + ")"), std::string::npos);
+    EXPECT_EQ(contentOf(lock), process + "\n");
+    // Its process has gone, and so has its claim.
+    other.kill();
+    open();
+    EXPECT_EQ(contentOf(lock), own);
 }
 
 TEST_F(SerialDeviceTest, SetsStopBitsAndParityOfWhichItKnows) {

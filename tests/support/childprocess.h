@@ -20,6 +20,8 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    pid_t id() const { return id_; }
+
     void kill() {
         if (id_ <= 0)
             return;
