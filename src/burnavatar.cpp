@@ -2,12 +2,17 @@
 
 #include <utility>
 
+#include "burnend.h"
 #include "burnpage.h"
 #include "storage/globalstorage.h"
 #include "storage/usbtagmap.h"
 #include "tiletexts.h"
+#include "utils/interruption.h"
+#include "utils/logutil.h"
 #include "utils/text.h"
 #include "utils/trace.h"
+
+#define LOG_TAG "BurnAvatar"
 
 namespace {
 
@@ -34,14 +39,28 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
                 display_->setProgress(0);
                 display_->setStatus(tiletexts::kNumbersUsedUp);
             }
+            logBurnEnd({deviceId, false, "the serial numbers are used up", ""});
             return;
         }
+        if (snRecord_->sn.empty())
+            LOG_W("a row without a number: no number is written, device_id=%s", deviceId.c_str());
         TRACE("SN=%s, device_id=%s\n", snRecord_->sn.c_str(), deviceId.c_str());
     }
+    error_.clear();
+    step_ = "the first SYNC";
     agent_ = std::make_unique<BurnAgent>(deviceId);
     if (snRecord_ != nullptr)
         agent_->set_sn(snRecord_->sn, GlobalStorage::getInstance().getSnBurnAddr());
     agent_->run(std::move(items), this, CMD_CODE_FLASH_WRITE);
+    const bool good = agent_->is_done();
+    logBurnEnd({deviceId, good, good ? std::string() : whatWentWrong(), agent_->get_sn()});
+}
+
+std::string BurnAvatar::whatWentWrong() const {
+    if (!error_.empty())
+        return error_;
+    return (interruption::requested() ? "stopped or unplugged at " : "a command failed at ") +
+           step_;
 }
 
 void BurnAvatar::releaseSn() {
@@ -51,6 +70,7 @@ void BurnAvatar::releaseSn() {
 }
 
 void BurnAvatar::onBurnStart(BurnAgent* agent) {
+    step_ = "the first image";
     if (display_ == nullptr)
         return;
     display_->setName(text::widen(agent->get_device_id()));
@@ -66,6 +86,7 @@ void BurnAvatar::onItemProgress(BurnAgent* /*agent*/, const BurnItem* item, unsi
 }
 
 void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
+    step_ = text::narrow(name) + ", " + std::to_string(percent) + "%";
     if (display_ == nullptr)
         return;
     display_->setProgress(static_cast<int>(percent));
@@ -75,16 +96,21 @@ void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
 void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
     if (display_ == nullptr)
         return;
-    display_->setStatus(
-        tiletexts::success(agent_ != nullptr ? text::widen(agent_->get_sn()) : L""));
+    const std::string sn = agent_ != nullptr ? agent_->get_sn() : std::string();
+    // The tile comes last: what it tells is true whatever happens to the machine next.
+    std::vector<SerialNumFile::Unmarked> unmarked;
     if (snRecord_ != nullptr && snFile().isLoaded() != 0)
-        snFile().markBurned(snRecord_);
+        unmarked = snFile().markBurned(snRecord_);
     GlobalStorage::getInstance().increaseFlashCount();
-    if (page_ != nullptr)
+    if (page_ != nullptr) {
+        page_->tellUnmarked(unmarked);
         page_->refreshBurnCount();
+    }
+    display_->setStatus(tiletexts::success(text::widen(sn)));
 }
 
 void BurnAvatar::onBurnError(BurnAgent* /*agent*/, int code, const std::string& message) {
+    error_ = "code=" + std::to_string(code) + ", " + message;
     if (display_ == nullptr)
         return;
     display_->setStatus(tiletexts::failure(code, text::widen(message)));

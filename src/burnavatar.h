@@ -59,6 +59,8 @@ class BurnAvatar final : public BurnListener {
 
   private:
     void showProgress(const std::wstring& name, unsigned percent);
+    // What the run log is told of a burn that has not succeeded.
+    std::string whatWentWrong() const;
 
     bool connected_ = false;
     std::wstring deviceId_;
@@ -67,4 +69,6 @@ class BurnAvatar final : public BurnListener {
     DeviceDisplay* display_ = nullptr;
     CBurnPage* page_ = nullptr;
     SerialNumFile::SnRecord* snRecord_ = nullptr;  // reserved for the present burn
+    std::string error_;  // of the present burn, if its agent has reported one
+    std::string step_;   // how far the present burn has come
 };

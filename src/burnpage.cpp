@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "burnend.h"
 #include "tiletexts.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
@@ -77,12 +78,25 @@ void CBurnPage::startBurn() {
     std::wstring burner = firmware().getBurnerPath();
     if (burner.empty())
         burner = fileutil::inCurrentDirectory(kOwnBurnerImage);
+    tellUnlessThere(burner);
     admin->setBurnerPath(text::narrow(burner));
     admin->startMonitor(this);
     setBurning(true);
     // A device that was plugged in already may have brought up the tile area by now.
     showHintUnlessTiles();
     refresh();
+}
+
+// Without the image no device gets further than its plug-in. A box is enough: the operator may put
+// the file in its place while the run goes on.
+void CBurnPage::tellUnlessThere(const std::wstring& burner) {
+    if (fileutil::openFile(text::narrow(burner), "rb") != nullptr)
+        return;
+    const std::string path = fileutil::nativePath(burner);
+    LOG_E("the burner image %s cannot be opened", path.c_str());
+    showLater(QStringLiteral("打不开burner镜像，设备将无法烧录！\n路径：%1")
+                  .arg(QString::fromStdString(path)),
+              strings::kNotice.toString());
 }
 
 void CBurnPage::stopBurn() {
@@ -154,6 +168,8 @@ void CBurnPage::onBurnerReady(SesHandle session) {
     BurnAvatar* const slot = findAvatar(text::widen(session->device_id));
     if (slot != nullptr)
         slot->startBurn(firmware().getBurnItems());
+    else
+        logBurnEnd({session->device_id, false, "all sixteen tiles belong to other ports", ""});
 }
 
 void CBurnPage::onRemove(SesHandle session) {
@@ -188,6 +204,10 @@ void CBurnPage::onError(SesHandle session, std::uint32_t code, const std::string
         slot->getDisplay()->setError(code, text::widen(message));
 }
 
+void CBurnPage::onBurnerMissing(SesHandle session, const std::string& reason) {
+    logBurnEnd({session->device_id, false, reason, ""});
+}
+
 void CBurnPage::saveTags() {
     {
         const std::lock_guard guard(labelLock_);
@@ -198,6 +218,8 @@ void CBurnPage::saveTags() {
             tagMap_.storeTag(plugId, {static_cast<std::int32_t>(i), plugId, tile(i)->getTag()});
         }
     }
-    if (!tagMap_.save())
-        LOG_E("the labels of the ports cannot be saved to tag_map");
+    if (tagMap_.save())
+        return;
+    LOG_E("the labels of the ports cannot be saved to tag_map");
+    showLater(QStringLiteral("端口标签无法保存到tag_map！"), strings::kNotice.toString());
 }

@@ -22,7 +22,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     // Ends a burn that is still running.
     ~CBurnPage() override;
 
-    // Writes the ports' labels to "tag_map".
+    // Writes the ports' labels to "tag_map", or tells the operator that they cannot be saved.
     void saveTags();
 
     bool mayComeToFront() override { return checkUsbDriver(); }
@@ -32,6 +32,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     void onBurnerReady(SesHandle session) override;
     void onRemove(SesHandle session) override;
     void onError(SesHandle session, std::uint32_t code, const std::string& message) override;
+    void onBurnerMissing(SesHandle session, const std::string& reason) override;
 
   private:
     void startBurn() override;
@@ -40,6 +41,8 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     void addControls(const DialogTemplate& controls) override;
     void addTile(std::size_t number, DeviceDisplay& tile) override;
     bool checkUsbDriver();
+    // Tells the operator of a burner image that cannot be opened.
+    void tellUnlessThere(const std::wstring& burner);
 
     std::wstring portOf(const BurnAvatar& slot);
     BurnAvatar* claimSlot(const std::wstring& deviceId);

@@ -8,8 +8,11 @@
 #include <QCoreApplication>
 #include <QRegularExpression>
 #include <atomic>
+#include <functional>
+#include <latch>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "loadsndialog.h"
@@ -24,6 +27,23 @@ using simulator::FaultRule;
 using simulator::TileView;
 using simulator::UsbOperation;
 using simulator::WindowOperator;
+
+namespace {
+
+// Runs before the mark of a number is put on the disk, on the thread that burns.
+std::function<void()> beforeSync = [] {};
+
+}  // namespace
+
+// The linker leads the program's calls here.
+extern "C" {
+int __real_fdatasync(int descriptor);
+
+int __wrap_fdatasync(int descriptor) {
+    beforeSync();
+    return __real_fdatasync(descriptor);
+}
+}
 
 namespace {
 
@@ -61,6 +81,37 @@ class BurnPageTest : public WindowFixture {
         const QString count = QString::number(countAtStart + burned);
         EXPECT_TRUE(
             WindowOperator::waitFor([&] { return hands->edit("刷机计数")->text() == count; }));
+    }
+
+    // Whether the operator is shown a box that begins so.
+    bool hasBox(const QString& beginning) {
+        return WindowOperator::waitFor([&] {
+            const std::vector<Box> boxes = prompts_.takeBoxes();
+            return std::any_of(boxes.begin(), boxes.end(),
+                               [&](const Box& box) { return box.text.startsWith(beginning); });
+        });
+    }
+
+    // How the run log says the burns at a port have ended, without what differs from run to run.
+    static std::vector<std::string> endsAt(int number) {
+        std::vector<std::string> ends;
+        std::istringstream log(contentOf("log/run.log"));
+        const std::string device = "USB\\VID_1234&PID_5678\\" + port(number) + ", ";
+        for (std::string line; std::getline(log, line);) {
+            const std::size_t at = line.find(device);
+            const std::size_t message = line.find(" :");
+            if (line.find("burned: ") != std::string::npos && at != std::string::npos)
+                ends.push_back(line.substr(message + 2, at - message - 2) +
+                               line.substr(at + device.size()));
+        }
+        return ends;
+    }
+
+    static testing::AssertionResult endsLike(int number, const std::string& end) {
+        if (WindowOperator::waitFor([&] { return !endsAt(number).empty(); }) &&
+            endsAt(number).size() == 1 && endsAt(number)[0].starts_with(end))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << testing::PrintToString(endsAt(number));
     }
 
     // What the tiles show.
@@ -250,6 +301,121 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
 }
 
+TEST_F(BurnPageTest, MarksTheNumberBeforeTheTileTellsSuccess) {
+    prepare();
+    importNumbers(row(1) + row(2));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    std::latch marking(1);
+    std::latch seen(1);
+    beforeSync = [&] {
+        if (!marking.try_wait())
+            marking.count_down();
+        seen.wait();
+    };
+    plug(1);
+    EXPECT_TRUE(WindowOperator::waitFor([&] { return marking.try_wait(); }));
+    // This shows what the first tile has been told as well.
+    plug(2, makeDevice({.romStartUp = 60s}));
+    EXPECT_TRUE(reads(2, kPlugged));
+    EXPECT_TRUE(tile(1).status.startsWith("正在写入 SN=SN-1"));
+    seen.count_down();
+    EXPECT_TRUE(reads(1, kBurned + "SN=SN-1"));
+    expectCount(1);
+    EXPECT_TRUE(hands->press("停止烧录"));
+    beforeSync = [] {};
+}
+
+TEST_F(BurnPageTest, BurnsARowWithoutANumberAndGoesOnToTheNext) {
+    prepare();
+    importNumbers(",0\r\n" + row(2));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    const auto unnumbered = plug(1);
+    ASSERT_TRUE(reads(1, kBurned));
+    EXPECT_TRUE(isBurned(*unnumbered, ""));
+    EXPECT_EQ(unnumbered->flash().writtenRanges().size(), 2U);
+    EXPECT_EQ(directory_.read("numbers.csv"), ",1\r\n" + row(2));
+    const std::string log = contentOf("log/run.log");
+    EXPECT_THAT(log, testing::ContainsRegex("W/BurnAvatar.*a row without a number.*0-1"));
+    plug(2);
+    ASSERT_TRUE(reads(2, kBurned + "SN=SN-2"));
+    EXPECT_EQ(directory_.read("numbers.csv"), ",1\r\n" + row(2, true));
+    expectCount(2);
+}
+
+TEST_F(BurnPageTest, TellsTheRunLogOnceHowEachBurnHasEnded) {
+    prepare();
+    importNumbers(row(1) + row(2) + row(3) + row(4));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    const auto failing = [&](int number, FaultRule rule) {
+        const auto device = makeDevice();
+        device->addFault(std::move(rule));
+        plug(number, device);
+    };
+    failing(1, {FaultPoint::MemData, Fault::romStatus(0xF1)});
+    EXPECT_TRUE(endsLike(1, "not burned: no number: MEM_DATA: Return Fatal Error! (retries = 0)"));
+    std::filesystem::rename("temp_image/burner.img", "kept.img");
+    plug(2);
+    EXPECT_TRUE(endsLike(2, "not burned: no number: CANNOT open file .\\temp_image\\burner.img"));
+    std::filesystem::rename("kept.img", "temp_image/burner.img");
+    plug(3, makeDevice({.romStartUp = 60s}));
+    ASSERT_TRUE(reads(3, kPlugged));
+    bus.unplug(port(3));
+    EXPECT_TRUE(endsLike(3, "not burned: no number: stopped or unplugged in the ROM stage"));
+
+    failing(4, {FaultPoint::Sync, Fault::silence(), 0, FaultRule::kAlways});
+    EXPECT_TRUE(endsLike(4, "not burned: SN=SN-1: code=-2, Failed to sync device!"));
+    failing(5, {FaultPoint::Chunk, Fault::error("worn out"), 3});
+    EXPECT_TRUE(
+        endsLike(5, "not burned: SN=SN-1: a command failed at .\\temp_image\\master.bin, "));
+    plug(6, makeDevice(slowly()));
+    ASSERT_TRUE(readsLike(6, "正在写入"));
+    bus.unplug(port(6));
+    EXPECT_TRUE(endsLike(6, "not burned: SN=SN-2: "));
+    ASSERT_TRUE(reads(6, kRemoved));
+    plug(7);
+    EXPECT_TRUE(endsLike(7, "burned: SN=SN-2"));
+    plug(8);
+    EXPECT_TRUE(endsLike(8, "burned: SN=SN-3"));
+    plug(9, makeDevice(slowly()));
+    ASSERT_TRUE(readsLike(9, "正在写入"));
+    plug(10);
+    EXPECT_TRUE(endsLike(10, "not burned: no number: the serial numbers are used up"));
+    ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_TRUE(endsLike(9, "not burned: SN=SN-4: stopped or unplugged at "));
+    // The stop told of none a second time.
+    for (int i = 1; i <= 10; ++i)
+        EXPECT_EQ(endsAt(i).size(), 1U) << i;
+}
+
+TEST_F(BurnPageTest, TellsOfANumberThatIsInADeviceButNotInItsFile) {
+    prepare();
+    // The process remembers the number as burned: no other test may use it.
+    importNumbers(row(901));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    writeContent("numbers.csv", row(901));  // somebody has put another in its place
+    plug(1);
+    ASSERT_TRUE(reads(1, kBurned + "SN=SN-901"));
+    EXPECT_TRUE(hasBox("SN=SN-901 已写入设备，但在SN文件中没有标记！"));
+}
+
+TEST_F(BurnPageTest, TellsOfAMissingBurnerImageAtEachStart) {
+    simulator::PackageBuilder()
+        .add("flashboot.bin", flashboot)
+        .add("master.bin", master)
+        .write("package.vrk");
+    prepare();
+    const Box missing{"打不开burner镜像，设备将无法烧录！\n路径：" + pathOf("images/burner.img"),
+                      "提示", BoxType::kPlain};
+    for (const bool there : {false, false, true}) {
+        if (there)
+            writeContent("images/burner.img", std::string(5000, 'b'));
+        ASSERT_TRUE(hands->press("开始烧录"));
+        EXPECT_TRUE(hintReads(kConnect));
+        EXPECT_EQ(prompts_.takeBoxes(), there ? std::vector<Box>() : std::vector<Box>({missing}));
+        ASSERT_TRUE(hands->press("停止烧录"));
+    }
+}
+
 TEST_F(BurnPageTest, ReadsTheAddressAsAPersonWritesIt) {
     prepare();
     importNumbers(row(1));
@@ -349,20 +515,24 @@ TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
         const OrdinaryUser user;
         ASSERT_TRUE(hands->press("开始烧录"));
         plug(1);
+        EXPECT_TRUE(hasBox("设置无法保存到 global_storage："));
         ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
-        ASSERT_TRUE(hands->press("保存标签"));
         // Another run does not tell the same again.
         ASSERT_TRUE(hands->press("停止烧录"));
         ASSERT_TRUE(hands->press("开始烧录"));
         QCoreApplication::processEvents();
+        EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>());
+        ASSERT_TRUE(hands->press("保存标签"));
+        EXPECT_TRUE(hasBox("端口标签无法保存到tag_map！"));
+        // Whoever tries again is told again.
+        ASSERT_TRUE(hands->press("保存标签"));
+        EXPECT_TRUE(hasBox("端口标签无法保存到tag_map！"));
+        // The same when the window closes, before it is gone.
+        prompts_.answer(true);
+        EXPECT_TRUE(window->close());
+        EXPECT_TRUE(hasBox("端口标签无法保存到tag_map！"));
     }
     std::filesystem::permissions(directory_.path(), std::filesystem::perms::owner_all);
-    const std::vector<Box> boxes = prompts_.takeBoxes();
-    EXPECT_EQ(std::count_if(boxes.begin(), boxes.end(),
-                            [](const Box& box) {
-                                return box.text.startsWith("设置无法保存到 global_storage：");
-                            }),
-              1);
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
@@ -561,6 +731,7 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     ASSERT_TRUE(WindowOperator::waitFor([&] { return burnedMeanwhile; }));
     EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
     EXPECT_EQ(tile(17).name, "");
+    EXPECT_TRUE(endsLike(17, "not burned: no number: all sixteen tiles belong to other ports"));
     expectCount(17);
 }
 

@@ -256,3 +256,8 @@ void BurnAdmin::notifyError(SesHandle session, std::uint32_t code, const std::st
     if (listener_ != nullptr)
         listener_->onError(session, code, message);
 }
+
+void BurnAdmin::notifyBurnerMissing(SesHandle session, const std::string& reason) {
+    if (listener_ != nullptr)
+        listener_->onBurnerMissing(session, reason);
+}

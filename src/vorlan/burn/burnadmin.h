@@ -57,6 +57,7 @@ class BurnAdmin {
     // For the workers: pass on to the listener.
     void notifyBurnerReady(SesHandle session);
     void notifyError(SesHandle session, std::uint32_t code, const std::string& message);
+    void notifyBurnerMissing(SesHandle session, const std::string& reason);
 
   private:
     BurnAdmin();

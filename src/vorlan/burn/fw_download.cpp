@@ -32,8 +32,10 @@ class Download {
 
     bool openImage() {
         file_ = fileutil::openFile(path_, "rb");
-        if (file_ == nullptr)
-            TRACE("CANNOT open file %s!\n", path_.c_str());
+        if (file_ == nullptr) {
+            reason_ = "CANNOT open file " + path_ + "!";
+            TRACE("%s\n", reason_.c_str());
+        }
         return file_ != nullptr;
     }
 
@@ -47,12 +49,16 @@ class Download {
         }
         buffer_.reset(new (std::nothrow) std::uint8_t[kRomBufferSize]);
         if (buffer_ == nullptr) {
+            reason_ = "no memory for the data buffer";
             TRACE("CANNOT allocate %d bytes for data buffer!\n", static_cast<int>(kRomBufferSize));
             return false;
         }
         waitForRom();
         return begin(*size) && sendImage() && end();
     }
+
+    // Why it has failed; empty if it has not.
+    const std::string& reason() const { return reason_; }
 
   private:
     void waitForRom() {
@@ -85,6 +91,7 @@ class Download {
                 if (std::feof(file_.get()) == 0) {
                     TRACE("%s: error(%08Xh) occurs in reading file %s! readBytes = %u\n",
                           kOperation, static_cast<unsigned>(errno), path_.c_str(), count);
+                    reason_ = "file " + path_ + " cannot be read";
                     return false;
                 }
                 TRACE("%s: end reading file %s! readBytes = %u\n", kOperation, path_.c_str(),
@@ -120,10 +127,12 @@ class Download {
             return true;
         TRACE("FAILED to send %s command for %s!\n", command, session_.device_id.c_str());
         fail(result, errorText);
+        reason_ = std::string(command) + ": " + errorText;
         return false;
     }
 
     void fail(std::uint32_t code, const std::string& text) {
+        reason_ = text;
         if (!interruption::requested())
             admin_.notifyError(&session_, code, text);
     }
@@ -132,6 +141,7 @@ class Download {
     BURN_SESSION& session_;
     libusbk::OverlappedSlot* slot_;
     std::string path_;
+    std::string reason_;
     fileutil::FilePtr file_;
     std::unique_ptr<std::uint8_t[]> buffer_;
 };
@@ -156,6 +166,7 @@ unsigned FwDownloadProc(SesHandle sesHandle) {
     if (sesHandle->ovlPool == nullptr || !usb.OvlK_Acquire(&slot, sesHandle->ovlPool))
         slot = nullptr;
     bool started = false;
+    std::string reason;
     {
         const HandleInterruption interruptible(sesHandle->usbHandle);
         Download download(*admin, *sesHandle, slot);
@@ -163,9 +174,11 @@ unsigned FwDownloadProc(SesHandle sesHandle) {
             // The session keeps its handle and its pool until its removal.
             if (slot != nullptr)
                 usb.OvlK_Release(slot);
+            admin->notifyBurnerMissing(sesHandle, download.reason());
             return 1;
         }
         started = download.run();
+        reason = download.reason();
     }
     usb.UsbK_Free(std::exchange(sesHandle->usbHandle, nullptr));
     if (slot != nullptr)
@@ -173,9 +186,14 @@ unsigned FwDownloadProc(SesHandle sesHandle) {
     if (sesHandle->ovlPool != nullptr)
         usb.OvlK_Free(std::exchange(sesHandle->ovlPool, nullptr));
 
-    started = started && !interruption::requested();
+    if (interruption::requested()) {
+        started = false;
+        reason = "stopped or unplugged in the ROM stage";
+    }
     if (started)
         admin->notifyBurnerReady(sesHandle);
+    else
+        admin->notifyBurnerMissing(sesHandle, reason);
     TRACE("Exit FwDownload for %s...\n", sesHandle->device_id.c_str());
     return started ? 0 : 1;
 }

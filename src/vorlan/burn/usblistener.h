@@ -18,6 +18,9 @@ class UsbListener {
     virtual void onRemove(SesHandle session) = 0;
     // The ROM stage has failed. The session's worker.
     virtual void onError(SesHandle session, std::uint32_t code, const std::string& message) = 0;
+    // The ROM stage has ended and no burner image runs: for the run log, also where nobody has been
+    // told of a failure, and after an interruption. The session's worker, as its last call.
+    virtual void onBurnerMissing(SesHandle /*session*/, const std::string& /*reason*/) {}
 
   protected:
     ~UsbListener() = default;
