@@ -119,6 +119,10 @@ bool LstK_Free(libusbk::DeviceList* list);
 // Opens the device; its pipes work at once: the first use of one claims interface 0 unless the
 // handle has claimed one, and fails with kBusy if somebody else has it. Fails with
 // kDeviceNotConnected, kAccessDenied, kNotEnoughMemory or kGeneralFailure.
+//
+// Rights often come a moment after the device, or when an operator puts them right. So a device
+// whose opening fails with kAccessDenied in the callback of its arrival is reported as removed and
+// as arrived anew as soon as it may be opened, without holding up others meanwhile.
 bool UsbK_Init(libusbk::UsbHandle** handle, const libusbk::DeviceEntry* entry);
 // Closes the handle, and cancels what is still under way on it. Its pools may be freed before or
 // after, but nothing can be started with their slots any more.

@@ -1,10 +1,13 @@
 #include "support/systemlimits.h"
 
+#include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -40,4 +43,18 @@ OrdinaryUser::OrdinaryUser()
 
 OrdinaryUser::~OrdinaryUser() {
     setfsuid(previous_);
+}
+
+void runBoundByPermissions(const std::function<void()>& body) {
+    std::thread([&] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct rights[2] = {};
+        syscall(SYS_capget, &header, rights);
+        for (const unsigned right : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
+            rights[0].effective &= ~(1U << right);
+            rights[0].permitted &= ~(1U << right);
+        }
+        syscall(SYS_capset, &header, rights);
+        body();
+    }).join();
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 // Writing a file beyond `bytes` fails, as on a full disk. Counts for the whole process.
 class FullDisk {
@@ -27,3 +28,7 @@ class OrdinaryUser {
   private:
     unsigned previous_;
 };
+
+// Runs the body on a thread whom file permissions bind even if the test runs as root, and with it
+// all threads that the body starts.
+void runBoundByPermissions(const std::function<void()>& body);

@@ -7,11 +7,14 @@
 #include <utility>
 
 #include "utils/interruption.h"
+#include "utils/logutil.h"
 #include "utils/sysutil.h"
 #include "utils/text.h"
 #include "utils/trace.h"
 #include "vorlan/burn/fw_download.h"
 #include "vorlan/burn/usb_protocol.h"
+
+#define LOG_TAG "BurnAdmin"
 
 std::atomic<BurnAdmin*> BurnAdmin::instance{nullptr};
 
@@ -140,13 +143,19 @@ void BurnAdmin::onHotPlug(libusbk::Monitor* /*monitor*/, const libusbk::DeviceEn
 void BurnAdmin::arrived(const libusbk::DeviceEntry& entry) {
     if (getSessionCount() >= kMaxSessions) {
         TRACE("Support at most %d vorlan devices cocurrently!\n", static_cast<int>(kMaxSessions));
+        LOG_W("%s gets no burn: %u devices are connected already", entry.deviceId, kMaxSessions);
         return;
     }
     const LibusbkTable& usb = libusbkTable();
     libusbk::UsbHandle* usbHandle = nullptr;
     if (!usb.UsbK_Init(&usbHandle, &entry)) {
-        TRACE("Init device failed (ErrorCode: %08Xh) and CANNOT start FwDownload for %s!!\n",
-              usb.LibK_LastError(), entry.instanceId);
+        const std::uint32_t code = usb.LibK_LastError();
+        TRACE("Init device failed (ErrorCode: %08Xh) and CANNOT start FwDownload for %s!!\n", code,
+              entry.instanceId);
+        if (code == libusbk::kAccessDenied)
+            LOG_W("no permission to open %s: it is taken up as soon as there is", entry.deviceId);
+        else
+            LOG_E("%s cannot be opened (ErrorCode: %08Xh)", entry.deviceId, code);
         return;
     }
     TRACE("Vorlan %s opened successfully!\n", entry.instanceId);

@@ -117,6 +117,7 @@ TEST_P(BurnAdminTest, ForeignAndBrokenDevicesGetNoSession) {
     ASSERT_TRUE(listener.waitFor("remove 0-3"));
     EXPECT_THAT(listener.events(),
                 ElementsAre("plug 0-3", "ready 0-3", "burned 0-3", "remove 0-3"));
+    EXPECT_TRUE(log.contains("no permission to open USB\\VID_1234&PID_5678\\0-2"));
     EXPECT_EQ(foreign->traffic(), 0U);
     EXPECT_FALSE(BurnAdmin::peekInstance()->Burn_Session_Remove("nobody"));
 }

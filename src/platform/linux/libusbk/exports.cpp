@@ -73,10 +73,8 @@ bool interfaceNumber(UsbHandle& handle, std::uint8_t& numberOrIndex, bool isInde
 
 void traceOpenFailure(const DeviceEntry& entry, int result) {
     if (result == LIBUSB_ERROR_ACCESS)
-        TRACE(
-            "%s: no permission to open %s: install the udev rule of this program and plug the "
-            "device in again\n",
-            entry.deviceId, entry.devicePath);
+        TRACE("%s: no permission to open %s: the udev rule of this program gives it\n",
+              entry.deviceId, entry.devicePath);
     else
         TRACE("%s: %s cannot be opened (%s)\n", entry.deviceId, entry.devicePath,
               libusb_error_name(result));
@@ -171,6 +169,8 @@ bool UsbK_Init(UsbHandle** handle, const DeviceEntry* entry) {
         libusb_device_handle* opened = nullptr;
         const int result = libusb_open(device.get(), &opened);
         if (result != 0) {
+            if (result == LIBUSB_ERROR_ACCESS)
+                library->hotPlug().openingDenied(device.get());
             traceOpenFailure(*entry, result);
             return fail(codeOfResult(result));
         }

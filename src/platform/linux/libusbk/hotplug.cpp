@@ -1,5 +1,7 @@
 #include "platform/linux/libusbk/hotplug.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <system_error>
 #include <utility>
@@ -7,6 +9,19 @@
 #include "platform/linux/libusbk/lasterror.h"
 
 namespace libusbk {
+namespace {
+
+// How often it is looked whether a device may be opened by now. Rights change in many ways, not
+// all of which the system tells.
+constexpr std::chrono::milliseconds kLookAgain{100};
+// If the node says that it may be opened and it still may not, something else forbids it.
+constexpr int kMaximumRenewals = 20;
+
+bool mayBeOpened(const DeviceEntry& entry) {
+    return ::access(entry.devicePath, R_OK | W_OK) == 0;
+}
+
+}  // namespace
 
 HotPlug::HotPlug(libusb_context* context, KernelDrivers& kernelDrivers)
     : context_(context), kernelDrivers_(kernelDrivers) {
@@ -73,12 +88,50 @@ void HotPlug::post(Event event) {
 void HotPlug::run() noexcept {
     Lock lock(mutex_);
     for (;;) {
-        posted_.wait(lock, [&] { return stopping_ || !events_.empty(); });
+        const auto wakes = [&] { return stopping_ || !events_.empty(); };
+        if (awaitsRights())
+            posted_.wait_for(lock, kLookAgain, wakes);
+        else
+            posted_.wait(lock, wakes);
         if (stopping_)
             return;
-        Event event = std::move(events_.front());
-        events_.pop_front();
-        handle(lock, std::move(event));
+        if (!events_.empty()) {
+            Event event = std::move(events_.front());
+            events_.pop_front();
+            handle(lock, std::move(event));
+        } else {
+            renewThoseWithRights(lock);
+        }
+    }
+}
+
+void HotPlug::openingDenied(libusb_device* device) {
+    if (std::this_thread::get_id() != thread_.get_id())
+        return;
+    for (Connected& connected : connected_) {
+        if (connected.device.get() == device)
+            connected.denied = true;
+    }
+}
+
+bool HotPlug::awaitsRights() const {
+    return std::any_of(connected_.begin(), connected_.end(), [](const Connected& connected) {
+        return connected.denied && connected.renewals < kMaximumRenewals;
+    });
+}
+
+void HotPlug::renewThoseWithRights(Lock& lock) {
+    for (Connected& connected : connected_) {
+        if (!connected.denied || connected.renewals >= kMaximumRenewals ||
+            !mayBeOpened(connected.entry))
+            continue;
+        connected.denied = false;
+        ++connected.renewals;
+        for (Monitor& monitor : monitors_) {
+            reportRemoval(lock, monitor, connected.device.get());
+            if (monitor.started)
+                reportArrival(lock, monitor, connected);
+        }
     }
 }
 

@@ -1,6 +1,7 @@
 // Hot-plug: one thread that tells every monitor, in order, which devices arrive and leave.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <list>
@@ -40,6 +41,10 @@ class HotPlug {
     void addMonitor(const MonitorParameters& parameters, Monitor** monitor);
     bool removeMonitor(Monitor* monitor);
 
+    // The user may not open the device. If it is an arrival's callback that has tried, the device
+    // is reported anew once that has changed. Any thread.
+    void openingDenied(libusb_device* device);
+
   private:
     struct Event {
         enum class Kind { Arrived, Left, MonitorAdded };
@@ -50,6 +55,8 @@ class HotPlug {
     struct Connected {
         DeviceReference device;
         DeviceEntry entry;
+        bool denied = false;  // its last arrival's callback could not open it
+        int renewals = 0;     // how often it has been reported anew
     };
     using Lock = std::unique_lock<std::mutex>;
 
@@ -61,6 +68,8 @@ class HotPlug {
     void arrived(Lock& lock, DeviceReference device);
     void left(Lock& lock, libusb_device* device);
     void startMonitor(Lock& lock, Monitor& monitor);
+    bool awaitsRights() const;
+    void renewThoseWithRights(Lock& lock);
     void reportArrival(Lock& lock, Monitor& monitor, const Connected& connected);
     void reportRemoval(Lock& lock, Monitor& monitor, libusb_device* device);
     // Runs a call on behalf of the monitor without the lock; the monitor stays until it returns.

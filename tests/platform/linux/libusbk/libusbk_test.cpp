@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "platform/linux/libusbk/accessrule.h"
+#include "support/systemlimits.h"
 #include "tests/platform/linux/libusbk/mockusbbus.h"
 #include "vorlan/burn/libusbktable.h"
 
@@ -536,6 +537,55 @@ TEST_F(LibusbkTest, TellsMissingPermissionFromAMissingDevice) {
     bus.unplug(*device);
     EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
+    const auto locked = [](MockUsbDevice& fresh) {
+        ASSERT_EQ(::chmod(fresh.node().c_str(), 0), 0);
+    };
+    MockUsbDevice& early = bus.plugIn("3", locked);
+    runBoundByPermissions([&] { bind(); });
+    Reports reports;
+    // As the engine does.
+    std::vector<std::uint32_t> opened;
+    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report& report) {
+        libusbk::UsbHandle* handle = nullptr;
+        if (report.kind != libusbk::kArrival)
+            return;
+        opened.push_back(Opened::error(usb().UsbK_Init(&handle, &report.entry)));
+        if (handle != nullptr)
+            usb().UsbK_Free(handle);
+    });
+    reports.await(1);
+    MockUsbDevice& late = bus.plugIn("4", locked);
+    reports.await(2);
+    // Nobody else has to wait.
+    MockUsbDevice& open = bus.plugIn("5");
+    reports.await(3);
+    ASSERT_EQ(::chmod(late.node().c_str(), 0666), 0);
+    reports.await(5);
+    bus.unplug(early);
+    reports.await(6);
+    // What has been opened, and what has left, is not reported again.
+    bus.unplug(late);
+    bus.unplug(open);
+    bus.plugIn("6");
+    const auto all = reports.await(9);
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+
+    using Event = std::pair<std::int32_t, int>;
+    std::vector<Event> events;
+    for (const Reports::Report& report : all)
+        events.emplace_back(report.kind, report.entry.deviceAddress);
+    EXPECT_THAT(events,
+                testing::ElementsAre(Event{libusbk::kArrival, 3}, Event{libusbk::kArrival, 4},
+                                     Event{libusbk::kArrival, 5}, Event{libusbk::kRemoval, 4},
+                                     Event{libusbk::kArrival, 4}, Event{libusbk::kRemoval, 3},
+                                     Event{libusbk::kRemoval, 4}, Event{libusbk::kRemoval, 5},
+                                     Event{libusbk::kArrival, 6}));
+    EXPECT_THAT(opened,
+                testing::ElementsAre(libusbk::kAccessDenied, libusbk::kAccessDenied,
+                                     libusbk::kNoError, libusbk::kNoError, libusbk::kNoError));
 }
 
 TEST_F(LibusbkTest, RootNeedsNoDriverAndOthersAreToldTheyDo) {

@@ -1,6 +1,7 @@
 // One whole burn through everything that a real device would see: the administrator, the ROM stage,
 // the agent, libusbK.so and the real libusb; only the kernel's bus and the chip are made up.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -9,6 +10,9 @@
 #include <vector>
 
 #include "simulator/virtualusbdevice.h"
+#include "support/helpers.h"
+#include "support/recordinglog.h"
+#include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
 #include "tests/platform/linux/libusbk/mockusbbus.h"
 #include "utils/text.h"
@@ -76,35 +80,61 @@ class Burner final : public UsbListener {
     std::vector<std::string> steps_;
 };
 
-}  // namespace
+class WholeBurn : public testing::Test {
+  protected:
+    WholeBurn() : burner({{text::widen(directory.write("master.bin", image)), 0x10000}}) {}
 
-TEST(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
+    void start() {
+        BurnAdmin* const admin = BurnAdmin::getInstance();
+        ASSERT_TRUE(LibusbkBinding::isBound());
+        admin->setRomWait(10);
+        admin->setBurnerPath(directory.write("burner.img", burnerImage));
+        admin->startMonitor(&burner);
+    }
+
+    MockUsbDevice& plugIn(const std::function<void(MockUsbDevice&)>& prepare) {
+        return bus.plugIn("2.4", [&](MockUsbDevice& device) {
+            connect(device, chip);
+            prepare(device);
+        });
+    }
+
+    void TearDown() override {
+        BurnAdmin::destroyInstance();
+        const std::string sn = "VRL260000000001";
+        EXPECT_TRUE(chip.flash().holds(0x10000, Bytes(image.begin(), image.end())));
+        EXPECT_TRUE(chip.flash().holds(0x7FF004, Bytes(sn.begin(), sn.end())));
+        EXPECT_EQ(chip.downloadedBurner().size(), burnerImage.size());
+        EXPECT_EQ(chip.errors(), std::vector<std::string>());
+    }
+
     const TemporaryDirectory directory;
-    const std::string image(100'001, 'v');
-    const std::string burnerImage(5'000, 'b');
-    const std::string burnerPath = directory.write("burner.img", burnerImage);
-    Burner burner({{text::widen(directory.write("master.bin", image)), 0x10000}});
-
+    const std::string image = std::string(100'001, 'v');
+    const std::string burnerImage = std::string(5'000, 'b');
+    Burner burner;
     MockUsbBus bus;
     simulator::VirtualUsbDevice chip;
-    BurnAdmin* const admin = BurnAdmin::getInstance();
-    ASSERT_TRUE(LibusbkBinding::isBound());
-    admin->setRomWait(10);
-    admin->setBurnerPath(burnerPath);
-    admin->startMonitor(&burner);
+};
 
-    MockUsbDevice& wire = bus.plugIn("2.4", [&](MockUsbDevice& device) { connect(device, chip); });
+}  // namespace
+
+TEST_F(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
+    start();
+    MockUsbDevice& wire = plugIn([](MockUsbDevice&) {});
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");
     bus.unplug(wire);
     EXPECT_EQ(burner.next(), "remove");
-    BurnAdmin::destroyInstance();
+}
 
-    const std::vector<std::uint8_t> imageBytes(image.begin(), image.end());
-    const std::string sn = "VRL260000000001";
-    const std::vector<std::uint8_t> snBytes(sn.begin(), sn.end());
-    EXPECT_TRUE(chip.flash().holds(0x10000, imageBytes));
-    EXPECT_TRUE(chip.flash().holds(0x7FF004, snBytes));
-    EXPECT_EQ(chip.downloadedBurner().size(), burnerImage.size());
-    EXPECT_EQ(chip.errors(), std::vector<std::string>());
+TEST_F(WholeBurn, WaitsForTheRightToOpenADeviceThatIsThereAtTheStart) {
+    RecordingLog log;
+    const MockUsbDevice& wire =
+        plugIn([](MockUsbDevice& device) { ASSERT_EQ(::chmod(device.node().c_str(), 0), 0); });
+    runBoundByPermissions([&] { start(); });
+    EXPECT_TRUE(eventually([&] { return log.contains("no permission"); }));
+    ASSERT_EQ(::chmod(wire.node().c_str(), 0666), 0);
+    EXPECT_EQ(burner.next(), "plug");
+    EXPECT_EQ(burner.next(), "done");
+    EXPECT_TRUE(log.contains("no permission to open USB\\VID_1234&PID_5678\\0000:00:14.0-2.4"));
 }
