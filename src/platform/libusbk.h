@@ -43,8 +43,9 @@ struct DeviceEntry {
     std::int32_t driverId;
     std::int32_t busNumber;
     std::int32_t deviceAddress;
-    // "USB\VID_1234&PID_5678\CONTROLLER-PORT.PORT": names the physical port, so it survives
-    // re-enumeration and reboots.
+    // "USB\VID_1234&PID_5678\CONTROLLER-PORT.PORT": names the physical port and no other, so it
+    // survives re-enumeration and reboots. Behind a controller's second root hub, which numbers its
+    // ports as the first does, "CONTROLLER#1-PORT.PORT", and so on.
     char deviceId[kTextSize];
     char instanceId[kTextSize];
     char deviceInterfaceGuid[kTextSize];

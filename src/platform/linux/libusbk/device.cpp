@@ -38,15 +38,27 @@ std::string sysfsDirectory(libusb_device* device) {
     return kSysfsDevices + (chain.empty() ? "usb" + bus : bus + '-' + chain);
 }
 
-// The name of the host controller that owns the bus: unlike the bus number it is the same after
-// every start of the machine.
-std::string controllerName(std::uint8_t bus) {
-    const std::string number = std::to_string(bus);
+// The sysfs directory of the host controller that owns the bus; empty if there is none.
+std::filesystem::path controllerOf(int bus) {
     std::error_code error;
     const std::filesystem::path rootHub =
-        std::filesystem::canonical(kSysfsDevices + ("usb" + number), error);
-    const std::string name = error ? std::string() : rootHub.parent_path().filename().string();
-    return name.empty() || name == "devices" ? number : name;
+        std::filesystem::canonical(kSysfsDevices + ("usb" + std::to_string(bus)), error);
+    const std::filesystem::path owner = error ? std::filesystem::path() : rootHub.parent_path();
+    return owner.filename() == "devices" ? std::filesystem::path() : owner;
+}
+
+// A name of the bus that, unlike its number, is the same after every start of the machine: that of
+// its host controller. A controller can have several, whose ports are numbered alike, such as one
+// for USB 2 and one for USB 3: they always come in the same order, and from the second on the name
+// tells the place, as in "0000:00:14.0#1".
+std::string busName(std::uint8_t bus) {
+    const std::filesystem::path controller = controllerOf(bus);
+    if (controller.filename().empty())
+        return std::to_string(bus);
+    int before = 0;
+    for (int other = 1; other < bus; ++other)
+        before += controllerOf(other) == controller ? 1 : 0;
+    return controller.filename().string() + (before == 0 ? "" : "#" + std::to_string(before));
 }
 
 std::string readLine(const std::string& path) {
@@ -104,8 +116,8 @@ DeviceEntry identify(libusb_device* device) {
     std::snprintf(text.data(), text.size(), "USB\\VID_%04X&PID_%04X\\", entry.vendorId,
                   entry.productId);
     const std::string chain = portChain(device);
-    const std::string id = text.data() + controllerName(libusb_get_bus_number(device)) +
-                           (chain.empty() ? "" : "-" + chain);
+    const std::string id =
+        text.data() + busName(libusb_get_bus_number(device)) + (chain.empty() ? "" : "-" + chain);
     setText(entry.deviceId, id);
     setText(entry.instanceId, id);
     setText(entry.service, "usbfs");

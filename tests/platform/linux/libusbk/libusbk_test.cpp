@@ -291,6 +291,33 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
 }
 
+TEST_F(LibusbkTest, EachPortOfTheMachineHasAnIdOfItsOwn) {
+    // USB 2 and USB 3 ports of one controller are numbered alike; another controller comes between,
+    // as when its driver was loaded first.
+    bus.addRootHub(2, "0000:00:1a.0");
+    bus.addRootHub(10);
+    bus.addRootHub(11);
+    const std::pair<int, const char*> expected[] = {{1, "0000:00:14.0-3"},
+                                                    {2, "0000:00:1a.0-3"},
+                                                    {10, "0000:00:14.0#1-3"},
+                                                    {11, "0000:00:14.0#2-3"}};
+    bind();
+    Reports reports;
+    libusbk::Monitor* const monitor = reports.watch();
+    std::size_t count = 0;
+    for (const auto& [number, place] : expected) {
+        bus.plugIn("3", nullptr, 0x1234, 0x5678, number);
+        const Reports::Report report = reports.await(count + 1).at(count);
+        const std::string id = std::string("USB\\VID_1234&PID_5678\\") + place;
+        EXPECT_EQ(report.entry.deviceId, id);
+        // By its id an agent opens that device and no other.
+        ASSERT_EQ(list(id).size(), 1U);
+        EXPECT_EQ(list(id)[0].busNumber, number);
+        ++count;
+    }
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+}
+
 TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     bus.plugIn("1");
     bind();

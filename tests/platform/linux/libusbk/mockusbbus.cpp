@@ -16,13 +16,15 @@ extern "C" const char* __tsan_default_suppressions() {
 
 namespace {
 
-constexpr char kController[] = "/devices/pci0000:00/0000:00:14.0";
-constexpr char kRootHub[] = "/devices/pci0000:00/0000:00:14.0/usb1";
-
-std::string nodeName(int address) {
+std::string nodeName(int bus, int address) {
     char text[32];
-    std::snprintf(text, sizeof text, "/dev/bus/usb/001/%03d", address);
+    std::snprintf(text, sizeof text, "/dev/bus/usb/%03d/%03d", bus, address);
     return text;
+}
+
+// The bus that a name like "1-2.4" begins with.
+int busOf(const std::string& sysfsName) {
+    return std::stoi(sysfsName);
 }
 
 // Device, configuration and interface descriptor as hexadecimal digits, with four bulk endpoints of
@@ -52,11 +54,13 @@ void add(UMockdevTestbed* testbed, const std::string& description) {
     }
 }
 
-std::string describeDevice(const std::string& path, int address, const std::string& product,
-                           const std::string& descriptors) {
-    return "P: " + path + "\nE: DEVNAME=" + nodeName(address) +
-           "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=001\nE: DEVNUM=" +
-           nodeName(address).substr(17) + "\nA: busnum=1\\n\nA: devnum=" + std::to_string(address) +
+std::string describeDevice(const std::string& path, int bus, int address,
+                           const std::string& product, const std::string& descriptors) {
+    const std::string node = nodeName(bus, address);
+    return "P: " + path + "\nE: DEVNAME=" + node +
+           "\nE: DEVTYPE=usb_device\nE: SUBSYSTEM=usb\nE: BUSNUM=" + node.substr(13, 3) +
+           "\nE: DEVNUM=" + node.substr(17) + "\nA: busnum=" + std::to_string(bus) +
+           "\\n\nA: devnum=" + std::to_string(address) +
            "\\n\nA: speed=480\\n\nA: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n"
            "\nA: manufacturer=Vorlan\\n\nA: product=" +
            product + "\\n\nH: descriptors=" + descriptors + "\n\n";
@@ -68,32 +72,31 @@ MockUsbBus::MockUsbBus() : testbed_(umockdev_testbed_new()) {
     gchar* const root = umockdev_testbed_get_root_dir(testbed_);
     root_ = root;
     g_free(root);
-    std::filesystem::create_directories(root_ + "/dev/bus/usb/001");
-    add(testbed_, std::string("P: ") + kController + "\nE: SUBSYSTEM=pci\n\n");
-    addHub(kRootHub, 1);
-    addHub(sysfsPath("1-2"), 2);
+    addRootHub(1);
+    addHub(sysfsPath("1-2"), 1, 2);
 }
 
 MockUsbBus::~MockUsbBus() {
     for (const auto& device : devices_)
-        umockdev_testbed_detach_ioctl(testbed_, nodeName(device->address()).c_str(), nullptr);
+        umockdev_testbed_detach_ioctl(
+            testbed_, nodeName(busOf(device->sysfsName()), device->address()).c_str(), nullptr);
     g_object_unref(testbed_);  // ends the thread that the devices' handlers run on
 }
 
 MockUsbDevice& MockUsbBus::plugIn(const std::string& port,
                                   const std::function<void(MockUsbDevice&)>& prepare,
-                                  std::uint16_t vendorId, std::uint16_t productId) {
+                                  std::uint16_t vendorId, std::uint16_t productId, int bus) {
     const int address = ++lastAddress_;
-    const std::string name = "1-" + port;
-    MockUsbDevice& device = *devices_.emplace_back(
-        std::make_unique<MockUsbDevice>(name, address, root_ + nodeName(address)));
+    const std::string name = std::to_string(bus) + "-" + port;
+    const std::string node = nodeName(bus, address);
+    MockUsbDevice& device =
+        *devices_.emplace_back(std::make_unique<MockUsbDevice>(name, address, root_ + node));
     if (prepare)
         prepare(device);
     GError* error = nullptr;
-    if (umockdev_testbed_attach_ioctl(testbed_, nodeName(address).c_str(), device.handler(),
-                                      &error) == 0)
+    if (umockdev_testbed_attach_ioctl(testbed_, node.c_str(), device.handler(), &error) == 0)
         throw std::runtime_error(error->message);
-    add(testbed_, describeDevice(sysfsPath(name), address, "Vorlan device",
+    add(testbed_, describeDevice(sysfsPath(name), bus, address, "Vorlan device",
                                  descriptors(vendorId, productId, false)));
     return device;
 }
@@ -106,12 +109,21 @@ void MockUsbBus::unplug(MockUsbDevice& device, bool loseEvent) {
     umockdev_testbed_remove_device(testbed_, path.c_str());
 }
 
-void MockUsbBus::addHub(const std::string& path, int address) {
-    add(testbed_, describeDevice(path, address, "Hub", descriptors(0x1D6B, 0x0002, true)));
+void MockUsbBus::addRootHub(int bus, const std::string& controller) {
+    const std::string owner = "/devices/pci0000:00/" + controller;
+    if (!std::filesystem::exists(root_ + "/sys" + owner))
+        add(testbed_, "P: " + owner + "\nE: SUBSYSTEM=pci\n\n");
+    std::filesystem::create_directories((root_ + nodeName(bus, 0)).substr(0, root_.size() + 16));
+    rootHubs_[bus] = owner + "/usb" + std::to_string(bus);
+    addHub(rootHubs_[bus], bus, 1);
+}
+
+void MockUsbBus::addHub(const std::string& path, int bus, int address) {
+    add(testbed_, describeDevice(path, bus, address, "Hub", descriptors(0x1D6B, 0x0002, true)));
 }
 
 std::string MockUsbBus::sysfsPath(const std::string& name) const {
     const std::size_t dot = name.find('.');
     const std::string behindHub = dot == std::string::npos ? "" : "/" + name.substr(0, dot);
-    return kRootHub + behindHub + "/" + name;
+    return rootHubs_.at(busOf(name)) + behindHub + "/" + name;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,16 +24,21 @@ class MockUsbBus {
     // `prepare` is called before the host can see it. The device lives as long as the bus.
     MockUsbDevice& plugIn(const std::string& port,
                           const std::function<void(MockUsbDevice&)>& prepare = nullptr,
-                          std::uint16_t vendorId = 0x1234, std::uint16_t productId = 0x5678);
+                          std::uint16_t vendorId = 0x1234, std::uint16_t productId = 0x5678,
+                          int bus = 1);
+    // Gives the machine one more root hub, under this number of a bus: of the one controller, or of
+    // another.
+    void addRootHub(int bus, const std::string& controller = "0000:00:14.0");
     // What is under way fails, and the host is told, unless its event is to be lost.
     void unplug(MockUsbDevice& device, bool loseEvent = false);
 
   private:
-    void addHub(const std::string& path, int address);
+    void addHub(const std::string& path, int bus, int address);
     std::string sysfsPath(const std::string& name) const;
 
     _UMockdevTestbed* testbed_;
     std::string root_;
+    std::map<int, std::string> rootHubs_;  // paths, by the number of the bus
     int lastAddress_ = 2;
     std::vector<std::unique_ptr<MockUsbDevice>> devices_;
 };
