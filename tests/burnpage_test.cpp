@@ -2,12 +2,16 @@
 // tile, and what the operator can do meanwhile.
 #include "burnpage.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QRegularExpression>
+#include <array>
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <latch>
 #include <optional>
@@ -16,6 +20,7 @@
 #include <thread>
 
 #include "loadsndialog.h"
+#include "platform/process.h"
 #include "support/systemlimits.h"
 #include "vorlan/burn/burnadmin.h"
 #include "windowfixture.h"
@@ -65,6 +70,32 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
         ++count;
     return count;
 }
+
+// Standard output and error go to the file, for as long as it lives.
+class OutputInto {
+  public:
+    explicit OutputInto(int file) {
+        for (std::size_t i = 0; i < kept_.size(); ++i) {
+            std::fflush(nullptr);
+            kept_[i] = ::dup(static_cast<int>(i) + 1);
+            ::dup2(file, static_cast<int>(i) + 1);
+        }
+    }
+    ~OutputInto() {
+        std::fflush(nullptr);
+        for (std::size_t i = 0; i < kept_.size(); ++i) {
+            ::dup2(kept_[i], static_cast<int>(i) + 1);
+            ::close(kept_[i]);
+        }
+        std::clearerr(stdout);
+        std::clearerr(stderr);
+    }
+    OutputInto(const OutputInto&) = delete;
+    OutputInto& operator=(const OutputInto&) = delete;
+
+  private:
+    std::array<int, 2> kept_{};
+};
 
 class BurnPageTest : public WindowFixture {
   protected:
@@ -583,6 +614,25 @@ TEST_F(BurnPageTest, StaysWithABurnUnlessItIsToStop) {
     ASSERT_TRUE(hands->press("USB烧录"));
     EXPECT_TRUE(hintReads(kStopped));
     ASSERT_TRUE(hands->press("串口烧录"));
+}
+
+TEST_F(BurnPageTest, BurnsWithAnOutputThatIsClosedOrFull) {
+    platform::surviveClosedPipes();
+    prepareAndStart();
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    ::close(ends[0]);
+    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    bool burned[] = {false, false};
+    for (const int number : {1, 2}) {
+        // What fails meanwhile could not be read.
+        const OutputInto output(number == 1 ? ends[1] : full);
+        plug(number);
+        burned[number - 1] = bool(reads(number, kBurned));
+    }
+    ::close(ends[1]);
+    ::close(full);
+    EXPECT_THAT(burned, testing::Each(true));
 }
 
 TEST_F(BurnPageTest, AsksBeforeTheWindowCloses) {

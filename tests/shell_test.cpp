@@ -1,5 +1,6 @@
 // The window's frame: size, menus, start, closing; and the program with its one copy.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <QAction>
 #include <QApplication>
@@ -7,10 +8,13 @@
 #include <QMenuBar>
 #include <QPointer>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QPushButton>
 #include <QTabBar>
 #include <QTest>
+#include <csignal>
 #include <filesystem>
+#include <functional>
 #include <memory>
 
 #include "firststartfixture.h"
@@ -200,7 +204,12 @@ namespace {
 // A copy of the program in a directory of its own.
 class Copy {
   public:
-    Copy() {
+    // `prepare` runs in the process before the program does.
+    explicit Copy(
+        const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+        const std::function<void()>& prepare = [] {}) {
+        process_.setProcessEnvironment(environment);
+        process_.setChildProcessModifier(prepare);
         process_.setWorkingDirectory(QString::fromStdString(directory_.path().string()));
         process_.start(QApplication::applicationDirPath() + "/vorlanfactorytool", {});
     }
@@ -246,4 +255,23 @@ TEST(ProgramTest, SecondCopyEndsSilentlyAndAKilledOneIsNotInTheWay) {
     Copy third;
     EXPECT_TRUE(third.hasStarted());
     EXPECT_TRUE(third.isRunning());
+}
+
+TEST(ProgramTest, GoesOnWhenNobodyReadsItsOutputAnyMore) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    ::close(ends[0]);
+    const auto prepare = [&] {
+        ::signal(SIGPIPE, SIG_DFL);
+        ::dup2(ends[1], STDOUT_FILENO);
+        ::dup2(ends[1], STDERR_FILENO);
+    };
+    // Without a place for its lock the program has something to trace when it starts.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), QStringLiteral("/none"));
+    environment.insert(QStringLiteral("TMPDIR"), QStringLiteral("/none"));
+    Copy copy(environment, prepare);
+    EXPECT_TRUE(copy.hasStarted());
+    EXPECT_TRUE(copy.isRunning());
+    ::close(ends[1]);
 }

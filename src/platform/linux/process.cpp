@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 
 namespace platform {
@@ -12,6 +13,14 @@ std::uint32_t processId() {
 
 std::uint32_t threadId() {
     return static_cast<std::uint32_t>(::gettid());
+}
+
+void surviveClosedPipes() {
+    struct sigaction action {};
+    // Not SIG_IGN: that would be handed on to the programs that are started.
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGPIPE, &action, nullptr);
 }
 
 std::string executableDirectory() {
