@@ -336,7 +336,7 @@ TEST_F(HurriedSerialBurnPageTest, StaysAwakeAndBurningWhenTheUsbPageRefusesToCom
     ASSERT_TRUE(shows(1, "烧录成功！"));
 }
 
-TEST_F(HurriedSerialBurnPageTest, FindsItsPortAgainWhenItIsStoppedAndStartedAtOnce) {
+TEST_F(SerialBurnPageTest, FindsItsPortAgainWhenItIsStoppedAndStartedAtOnce) {
     prepareSerial();
     importNumbers(row(1) + row(2));
     // The stopped run holds the port until its exchange is over.
