@@ -2,8 +2,18 @@
 
 #include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <QWheelEvent>
 
-PageSheet::PageSheet() : tabs_(new QTabBar), stack_(new QStackedWidget) {
+namespace {
+
+// One notch of the wheel, on its way over the tabs, must not ask to stop a burn.
+class Tabs final : public QTabBar {
+    void wheelEvent(QWheelEvent* event) override { event->ignore(); }
+};
+
+}  // namespace
+
+PageSheet::PageSheet() : tabs_(new Tabs), stack_(new QStackedWidget) {
     tabs_->setExpanding(false);
     auto* const layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QTest>
+#include <QWheelEvent>
 
 namespace {
 
@@ -105,6 +107,21 @@ TEST_F(PageSheetTest, PageThatStaysKeepsTheOthersUnasked) {
     EXPECT_EQ(front(), 0);
     EXPECT_EQ(first_.askedToLeave, 3);
     EXPECT_EQ(second_.asked + third_.asked, 0);
+}
+
+TEST_F(PageSheetTest, WheelOverTheTabsMovesNothing) {
+    const auto turn = [&](QWidget& under, int notches) {
+        const QPointF at = under.rect().center();
+        QWheelEvent event(at, under.mapToGlobal(at), {}, {0, 120 * notches}, Qt::NoButton, {},
+                          Qt::NoScrollPhase, false);
+        QApplication::sendEvent(&under, &event);
+    };
+    click(1);
+    for (const int notches : {-1, 1, -3}) {
+        turn(tabs(), notches);
+        EXPECT_EQ(front(), 1);
+    }
+    EXPECT_EQ(second_.askedToLeave, 0);
 }
 
 TEST_F(PageSheetTest, PageAtTheFrontIsNotAskedAgain) {
