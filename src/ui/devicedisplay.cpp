@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "ui/rowtext.h"
 #include "ui/tooltip.h"
 
 namespace {
@@ -15,10 +16,10 @@ constexpr int kTopMargin = 2;
 constexpr int kRightMargin = 4;
 constexpr int kBottomMargin = 2;
 constexpr int kRowGap = 2;
-constexpr int kTextRise = 2;  // of a label, half of which the centring takes
+constexpr int kThinFrame = 1;
 
 // The style's own frame is so thick that a row's text would be cut off.
-const QString kThinFrame = QStringLiteral(
+const QString kThinFrameStyle = QStringLiteral(
     "QLineEdit { border: 1px solid #b4b4b4; background: white; }"
     "QLineEdit:focus { border-color: palette(highlight); }"
     "QLineEdit:disabled { background: palette(window); }");
@@ -67,9 +68,7 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
     tagBox_ = new TagBox(parent_);
     tagBox_->setGeometry(fromEdges(split, top, right, top + rowHeight));
     tagBox_->setAccessibleName(QStringLiteral("标签"));
-    tagBox_->setStyleSheet(kThinFrame);
-    // A line is higher than the box: what is above the letters may go, what hangs below must stay.
-    tagBox_->setTextMargins(0, -kTextRise, 0, 0);
+    tagBox_->setStyleSheet(kThinFrameStyle);
     // Unlike textEdited, it also tells what assistive tools and input devices put in.
     QObject::connect(tagBox_, &QLineEdit::textChanged, [this](const QString& tag) { typed(tag); });
 
@@ -90,9 +89,14 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
         control->show();
     }
     const QFont font(QStringLiteral("宋体"), 10);
-    titleBox_->setFont(font);
-    tagBox_->setFont(font);
-    statusLine_->setFont(font);
+    const RowText inRow(font, rowHeight);
+    const RowText inFrame(font, rowHeight - 2 * kThinFrame);
+    titleBox_->setFont(inRow.font());
+    titleBox_->setTextMargins(inRow.editMargins());
+    tagBox_->setFont(inFrame.font());
+    tagBox_->setTextMargins(inFrame.editMargins());
+    statusLine_->setFont(inRow.font());
+    statusLine_->setBaseLine(inRow.baseLine());
     return id;
 }
 

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <QAccessible>
+#include <QImage>
+#include <QPainter>
 #include <QTest>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -69,6 +72,33 @@ void PrintTo(const Layout& layout, std::ostream* out) {
     *out << layout.rectangle.width() << "x" << layout.rectangle.height();
 }
 
+// How many rows of pixels differ from the picture's background, `border` pixels on each side apart.
+int inkedRows(const QImage& picture, int border = 0) {
+    const QRgb background = picture.pixel(picture.width() - 1 - border, border);
+    int rows = 0;
+    for (int y = border; y < picture.height() - border; ++y) {
+        for (int x = border; x < picture.width() - border; ++x) {
+            if (std::abs(qGray(picture.pixel(x, y)) - qGray(background)) > 40) {
+                ++rows;
+                break;
+            }
+        }
+    }
+    return rows;
+}
+
+// The same for the text where it has all the room that it wants.
+int inkedRows(const QString& text, const QFont& font, const QColor& colour) {
+    QImage picture(1000, 200, QImage::Format_RGB32);
+    picture.fill(Qt::white);
+    QPainter painter(&picture);
+    painter.setFont(font);
+    painter.setPen(colour);
+    painter.drawText(10, 100, text);
+    painter.end();
+    return inkedRows(picture);
+}
+
 class DeviceDisplayGeometryTest : public DeviceDisplayTest,
                                   public testing::WithParamInterface<Layout> {};
 
@@ -99,6 +129,32 @@ INSTANTIATE_TEST_SUITE_P(
                {51, 12, 66, 12},
                {14, 14, 66, 14},
                {14, 16, 66, 16}}));
+
+TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRows) {
+    const QString text = QStringLiteral("国警_gyj(Q)");
+    for (const int row : {24, 20, 17, 15, 14, 13, 12, 11}) {
+        for (QWidget* const old : area_.findChildren<QWidget*>())
+            delete old;
+        create({0, 0, 401, 3 * row + 8});
+        display_.setName(text.toStdWString());
+        display_.setStatus(text.toStdWString());
+        settle();
+        tag()->clearFocus();
+        const auto inTag = [&] { return inkedRows(tag()->grab().toImage(), 1); };
+        const QColor colour = area_.palette().color(QPalette::Text);
+        EXPECT_EQ(inkedRows(status()->grab().toImage()), inkedRows(text, status()->font(), colour))
+            << "status in " << row;
+        EXPECT_EQ(inkedRows(title()->grab().toImage()), inkedRows(text, title()->font(), colour))
+            << "title in " << row;
+        EXPECT_EQ(inTag(), inkedRows(tag()->placeholderText(), tag()->font(),
+                                     tag()->palette().color(QPalette::PlaceholderText)))
+            << "cue in " << row;
+        display_.setTag(text.toStdWString());
+        settle();
+        EXPECT_EQ(inTag(), inkedRows(text, tag()->font(), colour)) << "label in " << row;
+        EXPECT_GT(QFontInfo(status()->font()).pixelSize(), row / 2) << "smaller than it need be";
+    }
+}
 
 TEST_F(DeviceDisplayTest, ShowsTheLastOfSeveralCalls) {
     create();
