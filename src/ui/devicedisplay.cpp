@@ -17,6 +17,7 @@ constexpr int kRightMargin = 4;
 constexpr int kBottomMargin = 2;
 constexpr int kRowGap = 2;
 constexpr int kThinFrame = 1;
+constexpr int kEditIndent = 2;  // of an edit's text, by the toolkit
 
 // The style's own frame is so thick that a row's text would be cut off.
 const QString kThinFrameStyle = QStringLiteral(
@@ -92,7 +93,8 @@ int DeviceDisplay::create(const QRect& rectangle, int firstId) {
     const RowText inRow(font, rowHeight);
     const RowText inFrame(font, rowHeight - 2 * kThinFrame);
     titleBox_->setFont(inRow.font());
-    titleBox_->setTextMargins(inRow.editMargins());
+    // The name begins where bar and status line begin.
+    titleBox_->setTextMargins(inRow.editMargins() - QMargins(kEditIndent, 0, 0, 0));
     tagBox_->setFont(inFrame.font());
     tagBox_->setTextMargins(inFrame.editMargins());
     statusLine_->setFont(inRow.font());
@@ -123,6 +125,7 @@ void DeviceDisplay::setTag(const std::wstring& tag) {
 }
 
 void DeviceDisplay::typed(const QString& tag) {
+    setPlainToolTip(*tagBox_, tag);
     const std::lock_guard guard(lock_);
     tag_ = tag.toStdWString();
     changes_.tag.reset();
@@ -165,13 +168,16 @@ void DeviceDisplay::refresh() {
     if (changes.name) {
         const QString name = QString::fromStdWString(*changes.name);
         titleBox_->setText(name);
+        setPlainToolTip(*titleBox_, name);
         // Assistive tools tell by it which of the sixteen a control belongs to.
         for (QWidget* const control : others)
             control->setAccessibleDescription(name);
     }
     if (changes.tag) {
         const QSignalBlocker nobodyTyped(tagBox_);
-        tagBox_->setText(QString::fromStdWString(*changes.tag));
+        const QString tag = QString::fromStdWString(*changes.tag);
+        tagBox_->setText(tag);
+        setPlainToolTip(*tagBox_, tag);
     }
     if (changes.status) {
         const QString status = QString::fromStdWString(*changes.status);

@@ -1,6 +1,5 @@
 #include "ui/rowtext.h"
 
-#include <QFontDatabase>
 #include <QFontInfo>
 #include <QFontMetrics>
 #include <QGlyphRun>
@@ -21,14 +20,13 @@ const QString kSample = QStringLiteral("中国警请Åg_yj(Q)");
 // Where the font has no Chinese, the face that stands in for it takes over the whole line: else its
 // letters would stand on a line whose height is another font's.
 QFont withChineseFace(QFont font) {
-    if (QFontDatabase::families().isEmpty())
-        return font;
     QTextLayout layout(kChinese, font);
     layout.beginLayout();
     layout.createLine();
     layout.endLayout();
     const QList<QGlyphRun> runs = layout.glyphRuns();
-    if (!runs.isEmpty())
+    // Glyph 0 stands for what no font has.
+    if (!runs.isEmpty() && runs.front().glyphIndexes().value(0) != 0)
         font.setFamilies({font.family(), runs.front().rawFont().familyName()});
     return font;
 }

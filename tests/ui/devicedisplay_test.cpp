@@ -6,6 +6,7 @@
 #include <QImage>
 #include <QPainter>
 #include <QTest>
+#include <QTextDocumentFragment>
 #include <cstdlib>
 #include <thread>
 #include <vector>
@@ -154,6 +155,42 @@ TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRows) {
         EXPECT_EQ(inTag(), inkedRows(text, tag()->font(), colour)) << "label in " << row;
         EXPECT_GT(QFontInfo(status()->font()).pixelSize(), row / 2) << "smaller than it need be";
     }
+}
+
+TEST_F(DeviceDisplayTest, NameStandsOverTheStatus) {
+    create();
+    display_.setName(L"HELLO");
+    display_.setStatus(L"HELLO");
+    settle();
+    const auto firstInked = [](const QImage& picture) {
+        for (int x = 0; x < picture.width(); ++x) {
+            for (int y = 0; y < picture.height(); ++y) {
+                if (qGray(picture.pixel(x, y)) < 128)
+                    return x;
+            }
+        }
+        return -1;
+    };
+    EXPECT_GE(firstInked(title()->grab().toImage()), 0);
+    EXPECT_EQ(firstInked(title()->grab().toImage()), firstInked(status()->grab().toImage()));
+}
+
+TEST_F(DeviceDisplayTest, TextsThatMayNotFitCanBeReadInATip) {
+    create();
+    const auto tipOf = [](const QWidget* control) {
+        return QTextDocumentFragment::fromHtml(control->toolTip()).toPlainText();
+    };
+    const QString name = QStringLiteral("<b>USB-SERIAL & (ttyUSB0)");
+    display_.setName(name.toStdWString());
+    display_.setTag(L"<i>工位");
+    settle();
+    EXPECT_EQ(tipOf(title()), name);
+    EXPECT_EQ(tipOf(tag()), QStringLiteral("<i>工位"));
+    QTest::keyClicks(tag(), "-7");
+    EXPECT_EQ(tipOf(tag()), QStringLiteral("<i>工位-7"));
+    display_.setTag(L"");
+    settle();
+    EXPECT_EQ(tipOf(tag()), "");
 }
 
 TEST_F(DeviceDisplayTest, ShowsTheLastOfSeveralCalls) {
