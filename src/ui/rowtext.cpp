@@ -25,8 +25,8 @@ QFont withChineseFace(QFont font) {
     layout.createLine();
     layout.endLayout();
     const QList<QGlyphRun> runs = layout.glyphRuns();
-    // Glyph 0 stands for what no font has.
-    if (!runs.isEmpty() && runs.front().glyphIndexes().value(0) != 0)
+    // On a desktop with no font at all the toolkit draws boxes, which are of no size and no family.
+    if (!runs.isEmpty() && runs.front().rawFont().pixelSize() > 0)
         font.setFamilies({font.family(), runs.front().rawFont().familyName()});
     return font;
 }
