@@ -1,10 +1,12 @@
 #!/bin/sh
-# installers_test.sh DRIVERS: the driver installers of that directory, with a pkexec and a udevadm of
-# the test's own in the place of the machine's. Nothing outside a temporary directory is written.
+# installers_test.sh DRIVERS: the driver installers of that directory, with a pkexec, a udevadm and a
+# show-notice of the test's own in the place of the true ones. Nothing outside a temporary directory
+# is written.
 set -eu
 
-drivers=$1
 work=$(mktemp -d)
+cp -R "$1" "$work/drivers"
+drivers=$work/drivers
 trap 'rm -rf "$work"' EXIT
 failed=0
 
@@ -32,16 +34,25 @@ cat >"$work/bin/udevadm" <<'END'
 echo "$*" >>"$CALLS"
 exit "${UDEV_STATUS:-0}"
 END
-chmod +x "$work/bin/pkexec" "$work/bin/udevadm"
+[ -x "$drivers/show-notice" ] || { echo "FAILED: no show-notice beside the installers" && failed=1; }
+cat >"$drivers/show-notice" <<'END'
+#!/bin/sh
+printf '%s\n' "$@" >>"$SHOWN"
+END
+chmod +x "$work/bin/pkexec" "$work/bin/udevadm" "$drivers/show-notice"
 
 RULES=$work/etc/rules.d
 CALLS=$work/calls
-export RULES CALLS
+SHOWN=$work/shown
+DISPLAY=:test
+export RULES CALLS SHOWN DISPLAY
+unset WAYLAND_DISPLAY
 umask 077 # the rule has to be readable for udev all the same
 
 # Runs an installer by its path and tells "STATUS: what it said".
 run() {
     : >"$CALLS"
+    : >"$SHOWN"
     status=0
     said=$(PATH="$work/bin:$PATH" "$@" 2>&1) || status=$?
     printf '%s: %s' "$status" "$said"
@@ -79,16 +90,39 @@ cmp "$drivers/$usb" "$RULES/$usb" || failed=1
 same "no left-overs" "$uart 644
 $usb 644" "$(installed)"
 
-# What goes wrong is told, and nothing is half done.
+same "nothing to tell" "" "$(cat "$SHOWN")"
+
+# What goes wrong is told, on the screen too, and nothing is half done.
 rm "$RULES/$usb"
+# The window begins with that text and goes on with commands that do what the installer could not.
+as_root="请系统管理员在终端中以root身份运行："
+shows() {
+    same "$1 on the screen" "$2" "$(head -n 1 "$SHOWN")"
+    grep -q "$as_root" "$SHOWN" || same "$1, with commands" "$as_root" "$(cat "$SHOWN")"
+    sed "1,/$as_root/d; s#/etc/udev/rules.d#$RULES#" "$SHOWN" >"$work/commands"
+    : >"$CALLS"
+    PATH="$work/bin:$PATH" sh -e "$work/commands" || same "$1, commands" "run" "fail"
+    cmp "$3" "$RULES/${3##*/}" || failed=1
+    same "$1, udev takes it in" "control --reload
+trigger --action=change --subsystem-match=$4" "$(cat "$CALLS")"
+    rm -f "$RULES/$usb"
+}
 REFUSAL=126
 export REFUSAL
 same "refused by the user" \
     "126: $usb: not installed: the administrator's password was not given" \
     "$(run "$drivers/InstallDriver")"
+shows "refused by the user" "驱动未安装：没有输入管理员密码。" "$drivers/$usb" usb
 REFUSAL=127
 same "refused by the system" "127: $usb: not installed: pkexec refused" \
-    "$(run "$drivers/InstallDriver")"
+    "$(run "$odd/InstallDriver")"
+shows "refused by the system" "驱动未安装：系统没有给予管理员权限。" "$odd/$usb" usb
+same "UART refused" "127: $uart: not installed: pkexec refused" \
+    "$(cd "$drivers" && run ./InstallUartDriver)"
+shows "UART refused" "驱动未安装：系统没有给予管理员权限。" "$drivers/$uart" tty
+same "refused without a screen" "127: $usb: not installed: pkexec refused" \
+    "$(unset DISPLAY && run "$drivers/InstallDriver")"
+same "nowhere to show it" "" "$(cat "$SHOWN")"
 REFUSAL=0
 mv "$RULES" "$RULES.away"
 : >"$RULES"
@@ -99,12 +133,14 @@ esac
 rm "$RULES"
 mv "$RULES.away" "$RULES"
 same "nothing installed by failures" "$uart 644" "$(installed)"
+shows "no directory of rules" "驱动未安装：无法写入/etc/udev/rules.d。" "$drivers/$usb" usb
 
 UDEV_STATUS=1
 export UDEV_STATUS
 same "udev does not run" \
     "2: $usb: installed, but udev did not take it in; start the machine again" \
     "$(run "$drivers/InstallDriver")"
+same "udev does not run, on the screen" "驱动已安装，重新启动电脑后生效。" "$(cat "$SHOWN")"
 same "the rule is there" "$uart 644
 $usb 644" "$(installed)"
 UDEV_STATUS=0
@@ -112,9 +148,13 @@ UDEV_STATUS=0
 rm "$odd/$uart"
 same "no rule" "1: $uart: the rule is missing beside the installer" \
     "$(run "$odd/InstallUartDriver")"
-mv "$work/bin/pkexec" "$work/pkexec"
-if ! command -v pkexec >/dev/null; then
-    same "no pkexec" "127: $usb: pkexec is missing; install it to install drivers" \
-        "$(run "$drivers/InstallDriver")"
-fi
+same "no rule, on the screen" "驱动未安装：缺少文件$uart，请重新安装本软件。" "$(cat "$SHOWN")"
+
+mkdir "$work/poor"
+for tool in cat sed; do
+    ln -s "$(command -v "$tool")" "$work/poor/$tool"
+done
+same "no pkexec" "127: $usb: pkexec is missing; install it to install drivers" \
+    "$(run env PATH="$work/poor" "$drivers/InstallDriver")"
+shows "no pkexec" "驱动未安装：本机缺少pkexec。" "$drivers/$usb" usb
 exit "$failed"
