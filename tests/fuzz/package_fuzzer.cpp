@@ -22,7 +22,7 @@ void require(bool holds) {
         std::abort();
 }
 
-void extractAll(PackageArchive& archive, std::int64_t count) {
+void extractAll(PackageArchive& archive, std::int64_t count, const fs::path& unpacked) {
     std::uint64_t total = 0;
     PackageEntry entry;
     for (std::int64_t i = 0; i < count && archive.readEntry(i, entry); ++i) {
@@ -34,7 +34,7 @@ void extractAll(PackageArchive& archive, std::int64_t count) {
         if (!archive.extractEntry(i, entry.name))
             archive.discardEntry(entry.name);
     }
-    for (const auto& file : fs::recursive_directory_iterator("work/unpack")) {
+    for (const auto& file : fs::recursive_directory_iterator(unpacked)) {
         require(file.is_regular_file() || file.is_directory());
         require(file.is_directory() || file.file_size() <= total);
     }
@@ -43,23 +43,23 @@ void extractAll(PackageArchive& archive, std::int64_t count) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static TemporaryDirectory directory;
-    static const bool entered = (directory.enter(), true);
-    require(entered);
-    writeContent("work/package.zip", std::string(reinterpret_cast<const char*>(data), size));
-    fs::create_directory("work/unpack");
+    static const TemporaryDirectory directory;
+    const fs::path work = directory.path() / "work";
+    const fs::path unpacked = work / "unpack";
+    writeContent(work / "package.zip", std::string(reinterpret_cast<const char*>(data), size));
+    fs::create_directory(unpacked);
 
     PackageArchive archive;
     PackageEntry entry;
-    archive.setExtractDir(L".\\work\\unpack\\");
-    if (archive.openArchive(L".\\work\\package.zip") &&
+    archive.setExtractDir(unpacked.wstring());
+    if (archive.openArchive((work / "package.zip").wstring()) &&
         archive.readEntry(PackageArchive::kArchive, entry))
-        extractAll(archive, std::min(entry.index, kEntryLimit));
+        extractAll(archive, std::min(entry.index, kEntryLimit), unpacked);
     archive.closeArchive();
 
-    fs::remove_all("work/unpack");
-    fs::remove("work/package.zip");
-    require(fs::remove("work"));  // only works if it is empty
-    require(fs::is_empty("."));
+    fs::remove_all(unpacked);
+    fs::remove(work / "package.zip");
+    require(fs::remove(work));  // only works if it is empty
+    require(fs::is_empty(directory.path()));
     return 0;
 }
