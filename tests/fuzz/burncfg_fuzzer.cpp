@@ -1,13 +1,14 @@
 // Any bytes as "burn.cfg".
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "fuzzing.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 #include "vorlan/firmware/burncfg.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    silenceOutput();
     static const TemporaryDirectory directory;
     static const std::wstring path = text::widen((directory.path() / "burn.cfg").string());
     writeContent(directory.path() / "burn.cfg",
@@ -15,14 +16,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     BurnCfg cfg;
     const bool loaded = cfg.load(path) == BurnCfg::Load::kLoaded;
     const auto items = cfg.getItems();
-    if (!loaded && !items.empty())
-        std::abort();
+    require(loaded || items.empty(), "no items of a file that did not load");
     std::size_t used = 0;
     for (const BurnItem& item : items)
         cfg.markUsed(item.file);
     for (const BurnItem& item : cfg.getItems())
         used += item.used;
-    if (used > items.size() || (used == 0) != items.empty())
-        std::abort();
+    require(used <= items.size() && (used == 0) == items.empty(), "items are marked once");
     return 0;
 }

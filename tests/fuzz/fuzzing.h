@@ -1,5 +1,5 @@
-// What the fuzz targets that play a device share: the input read as a script, the end of a run that
-// broke a rule, quiet streams.
+// What the fuzz targets share: the end of a run that broke a rule, quiet streams, and for those
+// that play a device the input read as a script.
 #pragma once
 
 #include <unistd.h>
@@ -26,9 +26,11 @@ inline void require(bool holds, const char* rule) {
 // Sends the trace and what is printed nowhere from now on: a fuzzer makes millions of lines. The
 // fuzzer's own reports are not touched.
 inline void silenceOutput() {
-    static std::FILE* const nowhere = std::fopen("/dev/null", "w");
-    stdout = nowhere;
-    stderr = nowhere;
+    static const bool silenced = [] {
+        stdout = stderr = std::fopen("/dev/null", "w");
+        return true;
+    }();
+    (void)silenced;
 }
 
 // The input, taken from its start byte by byte.

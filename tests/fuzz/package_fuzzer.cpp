@@ -2,10 +2,10 @@
 // anything appears outside the unpack directory or an entry grows beyond what it declared.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 
+#include "fuzzing.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/firmware/entryname.h"
 #include "vorlan/firmware/packagearchive.h"
@@ -17,17 +17,12 @@ namespace {
 constexpr std::uint64_t kSizeLimit = 1 << 20;  // bytes that one input may make us write
 constexpr std::int64_t kEntryLimit = 100;
 
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
-
 void extractAll(PackageArchive& archive, std::int64_t count, const fs::path& unpacked) {
     std::uint64_t total = 0;
     PackageEntry entry;
     for (std::int64_t i = 0; i < count && archive.readEntry(i, entry); ++i) {
-        require(entry.name.size() <= PackageArchive::kNameLimit);
-        require(entryname::makeSafe(entry.name) == entry.name);
+        require(entry.name.size() <= PackageArchive::kNameLimit, "no over-long name");
+        require(entryname::makeSafe(entry.name) == entry.name, "safe names only");
         if (entry.size > kSizeLimit - total)
             return;
         total += entry.size;
@@ -35,14 +30,15 @@ void extractAll(PackageArchive& archive, std::int64_t count, const fs::path& unp
             archive.discardEntry(entry.name);
     }
     for (const auto& file : fs::recursive_directory_iterator(unpacked)) {
-        require(file.is_regular_file() || file.is_directory());
-        require(file.is_directory() || file.file_size() <= total);
+        require(file.is_regular_file() || file.is_directory(), "files and folders only");
+        require(file.is_directory() || file.file_size() <= total, "no more than declared");
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    silenceOutput();
     static const TemporaryDirectory directory;
     const fs::path work = directory.path() / "work";
     const fs::path unpacked = work / "unpack";
@@ -59,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     fs::remove_all(unpacked);
     fs::remove(work / "package.zip");
-    require(fs::remove(work));  // only works if it is empty
-    require(fs::is_empty(directory.path()));
+    require(fs::remove(work), "nothing beside the unpack directory");  // only works if empty
+    require(fs::is_empty(directory.path()), "nothing above the unpack directory");
     return 0;
 }

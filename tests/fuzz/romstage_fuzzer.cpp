@@ -180,7 +180,6 @@ std::vector<Image> makeImages(const TemporaryDirectory& directory) {
 
 BurnAdmin& makeAdmin(Listener& listener) {
     FuzzedUsb::install();
-    silenceOutput();
     BurnAdmin* const admin = BurnAdmin::getInstance();
     admin->setRomWait(kRomWait.count());
     admin->startMonitor(&listener);
@@ -190,6 +189,7 @@ BurnAdmin& makeAdmin(Listener& listener) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    silenceOutput();
     static const TemporaryDirectory directory;
     static const std::vector<Image> images = makeImages(directory);
     static Listener listener;

@@ -519,9 +519,11 @@ class Burn {
     }
 
     bool raiseRate() {
-        return check(flash_loader_handshake(context_.get()), expected_.handshake()) &&
-               check(flash_loader_change_baudrate(context_.get(), 3000000),
-                     expected_.changeRate(3000000));
+        int result = flash_loader_handshake(context_.get());
+        if (!check(result, expected_.handshake()))
+            return false;
+        result = flash_loader_change_baudrate(context_.get(), 3000000);
+        return check(result, expected_.changeRate(3000000));
     }
 
     void write(const Image& image, std::uint32_t address, bool md5Check) {
@@ -566,8 +568,7 @@ class Burn {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const TemporaryDirectory directory;
-    static const bool silenced = (silenceOutput(), true);
-    (void)silenced;
+    silenceOutput();
     static const std::array<Image, 4> ramImages{
         Image(directory, "0/ramloader/flash_proxy.img", 1),
         Image(directory, "1/ramloader/flash_proxy.img", 0),

@@ -1,26 +1,15 @@
 // Any bytes as a serial number file: whatever loads is handed out as it stands in the file, and a
 // mark changes its flag and nothing else.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "fuzzing.h"
 #include "storage/serialnumfile.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 
-namespace {
-
-void require(bool condition, const char* what) {
-    if (condition)
-        return;
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    silenceOutput();
     static const TemporaryDirectory directory;
     std::string expected(reinterpret_cast<const char*>(data), size);
     const std::string path = directory.write("sn.csv", expected);
