@@ -2,6 +2,7 @@
 // over the wire is held against the commands as they are meant to be: every record, chunk and read
 // has its reason, its pause and its place, and a burn counts as done exactly when the device has
 // confirmed each image and the number.
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -318,7 +319,7 @@ class Expectation {
             const float value = static_cast<float>(data) + credit;
             if (value - static_cast<float>(last) <= 0.5F)
                 return;
-            last = static_cast<unsigned>(value + 0.5F);
+            last = static_cast<unsigned>(std::lround(value));
             report(last);
         };
         const std::uint32_t maxWait = startedMiB(bytes.size()) * 15;
