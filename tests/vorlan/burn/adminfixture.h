@@ -20,6 +20,7 @@
 #include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
+#include "support/turnedclock.h"
 #include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/usblistener.h"
 
@@ -125,6 +126,7 @@ class AdminFixture : public testing::Test {
             EXPECT_EQ(device->errors(), std::vector<std::string>());
     }
 
+    const TurnedClock clock;
     TemporaryDirectory directory;
     std::string burner = imageBytes(5000, 9);
     std::string burnerPath = directory.write("burner.img", burner);

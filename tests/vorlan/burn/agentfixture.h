@@ -8,13 +8,16 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
+#include "support/turnedclock.h"
 #include "usbtap.h"
+#include "utils/interruption.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnagent.h"
 #include "vorlan/burn/libusbktable.h"
@@ -66,12 +69,16 @@ class AgentFixture : public testing::Test {
         return {text::widen(directory.write(name, content)), address};
     }
 
-    // Burns in mode `mode`; true if all of it succeeded.
-    bool run(std::vector<BurnItem> items, const std::string& sn = {},
+    // Burns in mode `mode`; true if all of it succeeded. On a thread of its own, whose clock is the
+    // turned one.
+    bool run(const std::vector<BurnItem>& items, const std::string& sn = {},
              unsigned mode = CMD_CODE_FLASH_WRITE) {
         BurnAgent agent(deviceId);
         agent.set_sn(sn, kSnAddress);
-        agent.run(std::move(items), &listener, mode);
+        std::thread([&, token = interruption::current()] {
+            const interruption::Scope scope(token);
+            agent.run(items, &listener, mode);
+        }).join();
         return agent.is_done();
     }
 
@@ -91,6 +98,7 @@ class AgentFixture : public testing::Test {
 
     static constexpr std::uint32_t kSnAddress = 0x7FF004;
 
+    const TurnedClock clock;
     TemporaryDirectory directory;
     simulator::VirtualUsbBus bus;
     UsbTap tap;
