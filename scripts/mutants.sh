@@ -98,7 +98,8 @@ worker() {
     find "$tree" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
     git ls-files -z --cached --others --exclude-standard | tar --null -cf - -T - | tar -xf - -C "$tree"
     cd "$tree"
-    scripts/build.sh dev
+    # shellcheck disable=SC2046
+    scripts/build.sh dev $(sed -n 's/^tests: //p' "$work"/queue/* "$work"/taken/* 2>/dev/null | tr ' ' '\n' | sort -u)
     for mistake in "$work"/queue/*; do
         taken=$work/taken/$(basename "$mistake")
         mv -n "$mistake" "$taken" 2>/dev/null || continue

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -126,7 +127,7 @@ class AdminFixture : public testing::Test {
             EXPECT_EQ(device->errors(), std::vector<std::string>());
     }
 
-    const TurnedClock clock;
+    std::optional<TurnedClock> clock{std::in_place};
     TemporaryDirectory directory;
     std::string burner = imageBytes(5000, 9);
     std::string burnerPath = directory.write("burner.img", burner);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -98,7 +99,7 @@ class AgentFixture : public testing::Test {
 
     static constexpr std::uint32_t kSnAddress = 0x7FF004;
 
-    const TurnedClock clock;
+    std::optional<TurnedClock> clock{std::in_place};
     TemporaryDirectory directory;
     simulator::VirtualUsbBus bus;
     UsbTap tap;

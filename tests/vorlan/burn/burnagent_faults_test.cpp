@@ -51,8 +51,10 @@ TEST_P(BurnAgentFaults, EndTheBurnWithoutAReportOrAreGotOver) {
                                   ? imageBytes(test.imageSize)
                                   : std::string(test.imageSize, '\xFF');
     testing::internal::CaptureStdout();
+    const auto start = std::chrono::steady_clock::now();
     const bool done = run({item("image.bin", 0x1000, image)}, "SN-1", test.mode);
     EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr(test.printed));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s) << "it waits for what never comes";
     EXPECT_EQ(done, test.succeeds);
     EXPECT_EQ(listener.has("done"), test.succeeds);
     EXPECT_THAT(listener.reports, Not(Contains(HasSubstr("error "))));
@@ -112,6 +114,8 @@ const std::vector<FaultCase> kBurnFaults = {
     {"SyncTakenInPart", FaultPoint::Sync, Fault::shortWrite(15), 0, 1, true, 2, ""},
     {"SyncBusyTwice", FaultPoint::Sync, Fault::response(4), 0, 2, true, 3, ""},
     {"SyncAnsweredByNobody", FaultPoint::Sync, Fault::wrongCmdorg(0), 0, 1, true, 1, ""},
+    {"SyncAnsweredShort", FaultPoint::Sync, Fault::shortAnswer(15), 0, 1, true, 2, ""},
+    {"ResultAnsweredShort", FaultPoint::GetResult, Fault::shortAnswer(15), 0, 1, true, 3, ""},
     {"CrcNotTaken", FaultPoint::SetCrc64, Fault::refuseWrite(), 0, 1, false, 1,
      "BurnAgent::vorlan_burn: FAILED to set crc64 value into vorlan device!"},
     {"CrcBusyTwice", FaultPoint::SetCrc64, Fault::response(4), 0, 2, true, 4, ""},

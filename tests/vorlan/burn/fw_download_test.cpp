@@ -62,7 +62,7 @@ TEST_P(FwDownloadTest, ResetsThePipesBeforeItsMessages) {
 
 struct RomFaultCase {
     const char* name;
-    FaultRule rule;
+    std::vector<FaultRule> rules;
     const char* reported;  // empty: the download succeeds
 };
 
@@ -76,7 +76,7 @@ TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
     start();
     for (const bool deferred : {false, true}) {
         bus.deferTransfers(deferred);
-        plug("0-1", {}, {GetParam().rule});
+        plug("0-1", {}, GetParam().rules);
         const std::string reported = GetParam().reported;
         if (reported.empty()) {
             ASSERT_TRUE(listener.waitFor("ready 0-1"));
@@ -96,31 +96,35 @@ constexpr std::uint32_t kAlways = FaultRule::kAlways;
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FwDownloadFaults,
-    testing::Values(
-        RomFaultCase{"FatalStatus",
-                     {FaultPoint::MemData, Fault::romStatus(0xF0)},
-                     "error f0 Return Fatal Error! (retries = 0)"},
-        RomFaultCase{"FatalStatusAfterAnError",
-                     {FaultPoint::MemData, Fault::romStatus(0xFF), 1},
-                     "error ff Return Fatal Error! (retries = 0)"},
-        RomFaultCase{
-            "ErrorStatusNineTimes", {FaultPoint::MemData, Fault::romStatus(0x05), 0, 9}, ""},
-        RomFaultCase{"ErrorStatusForGood",
-                     {FaultPoint::MemBegin, Fault::romStatus(0xEF), 0, kAlways},
-                     "error ef Retry WritePipe has reaches max (10)!"},
-        RomFaultCase{"NoAnswerToTheEnd",
-                     {FaultPoint::MemEnd, Fault::swallow(), 0, kAlways},
-                     "error 4c7 Retry WritePipe has reaches max (10)!"},
-        RomFaultCase{"AnswerLostOnce", {FaultPoint::MemData, Fault::silence(), 1, 1}, ""},
-        RomFaultCase{"ShortAnswer", {FaultPoint::MemData, Fault::shortAnswer(9), 0, 2}, ""},
-        RomFaultCase{"LateAnswer", {FaultPoint::MemBegin, Fault::lateAnswer(205ms)}, ""},
+    testing::ValuesIn(std::vector<RomFaultCase>{
+        {"FatalStatus",
+         {{FaultPoint::MemData, Fault::romStatus(0xF0)}},
+         "error f0 Return Fatal Error! (retries = 0)"},
+        {"FatalStatusAfterAnError",
+         {{FaultPoint::MemData, Fault::romStatus(0x05), 1},
+          {FaultPoint::MemData, Fault::romStatus(0xFF), 1}},
+         "error ff Return Fatal Error! (retries = 1)"},
+        {"ErrorStatusNineTimes", {{FaultPoint::MemData, Fault::romStatus(0x05), 0, 9}}, ""},
+        {"ErrorStatusForGood",
+         {{FaultPoint::MemBegin, Fault::romStatus(0xEF), 0, kAlways}},
+         "error ef Retry WritePipe has reaches max (10)!"},
+        {"ErrorStatusBehindALostAnswer",
+         {{FaultPoint::MemBegin, Fault::silence()},
+          {FaultPoint::MemBegin, Fault::romStatus(0x05), 0, kAlways}},
+         "error 4c7 Retry WritePipe has reaches max (10)!"},
+        {"ShortAnswersForGood",
+         {{FaultPoint::MemBegin, Fault::shortAnswer(9), 0, kAlways}},
+         "error 1f Retry WritePipe has reaches max (10)!"},
+        {"NoAnswerToTheEnd",
+         {{FaultPoint::MemEnd, Fault::swallow(), 0, kAlways}},
+         "error 4c7 Retry WritePipe has reaches max (10)!"},
+        {"AnswerLostOnce", {{FaultPoint::MemData, Fault::silence(), 1, 1}}, ""},
+        {"ShortAnswer", {{FaultPoint::MemData, Fault::shortAnswer(9), 0, 2}}, ""},
+        {"LateAnswer", {{FaultPoint::MemBegin, Fault::lateAnswer(205ms)}}, ""},
         // Nothing clears the halt before the device is plugged in again.
-        RomFaultCase{"Stall",
-                     {FaultPoint::MemData, Fault::stall(), 1, 2},
-                     "error 1f Retry WritePipe has reaches max (10)!"},
-        RomFaultCase{"StallForGood",
-                     {FaultPoint::MemBegin, Fault::stall(), 0, kAlways},
-                     "error 1f Retry WritePipe has reaches max (10)!"}),
+        {"Stall",
+         {{FaultPoint::MemData, Fault::stall(), 1, 2}},
+         "error 1f Retry WritePipe has reaches max (10)!"}}),
     [](const auto& test) { return std::string(test.param.name); });
 
 TEST_P(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {

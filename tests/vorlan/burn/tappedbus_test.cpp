@@ -3,14 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <stop_token>
 #include <vector>
 
 #include "adminfixture.h"
 #include "usbtap.h"
+#include "utils/fileutil.h"
 
 using namespace std::chrono_literals;
 using simulator::Fault;
@@ -41,6 +45,67 @@ TEST_F(TappedBusTest, TheRomGetsItsTimeBeforeAndAfterEachMessage) {
     EXPECT_GE(tap.first(kMessage) - plugged, 60ms);
     EXPECT_GE(tap.shortest(kMessage, kMessage), 10ms);
     EXPECT_GE(tap.freed - tap.last(kMessage), 100ms);
+}
+
+TEST_F(TappedBusTest, AFailedAttemptIsGivenTimeAndThenItsPipeIsEmptied) {
+    constexpr int kReply = UsbTap::kEndpoint + EP_ADDR_CMD_RESP_IN;
+    const struct {
+        Fault fault;
+        int failed;
+        std::vector<int> emptied;         // endpoints
+        std::chrono::milliseconds least;  // from the start of what failed
+    } cases[] = {
+        {Fault::shortAnswer(9), kReply, {EP_ADDR_CMD_RESP_IN}, 10ms},
+        {Fault::silence(), kReply, {EP_ADDR_CMD_RESP_IN}, 210ms},
+        {Fault::refuseWrite(), kMessage, {EP_ADDR_DATA_RESP_OUT}, 210ms},
+        {Fault::stallAnswer(), kReply, std::vector<int>(10, EP_ADDR_CMD_RESP_IN), 10ms},
+    };
+    start();
+    for (const auto& c : cases) {
+        plug("0-1", {}, {{FaultPoint::MemBegin, c.fault}});
+        ASSERT_TRUE(eventually([&] { return listener.count("ready") + listener.count("error"); }));
+        bus.unplug("0-1");
+        ASSERT_TRUE(listener.waitFor("remove 0-1"));
+        EXPECT_EQ(tap.flushes, c.emptied);
+        EXPECT_GE(tap.shortest(c.failed, UsbTap::kFlush + c.emptied[0]), c.least);
+        EXPECT_LT(tap.shortest(c.failed, UsbTap::kFlush + c.emptied[0]), 1h) << "none";
+        EXPECT_GE(tap.shortest(kMessage, kMessage), 10ms);
+        tap.clear();
+        listener.clear();
+    }
+}
+
+// A part of a burner image is never started.
+TEST_F(TappedBusTest, AnImageThatCannotBeReadToItsEndIsNotStarted) {
+    burnerPath = directory.write("long.img", imageBytes(20'000));
+    const fileutil::FilePtr writeOnly = fileutil::openFile("/dev/null", "wb");
+    std::shared_ptr<simulator::VirtualUsbDevice> device;
+    tap.afterRead = [&] {
+        if (device->count(FaultPoint::MemData) != 1)
+            return;
+        for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd"))
+            if (std::filesystem::read_symlink(open.path()) == burnerPath)
+                ::dup2(::fileno(writeOnly.get()), std::stoi(open.path().filename()));
+    };
+    device = plug("0-1");
+    start();
+    ASSERT_TRUE(listener.waitFor("plug 0-1"));
+    ASSERT_TRUE(eventually([&] { return listener.session("0-1")->workerEnded.load(); }));
+    EXPECT_EQ(device->count(FaultPoint::MemEnd), 0U);
+    EXPECT_LT(device->downloadedBurner().size(), 20'000U);
+    EXPECT_THAT(listener.events(), ElementsAre("plug 0-1"));
+    EXPECT_EQ(bus.openHandles(), 0U);
+}
+
+TEST_F(TappedBusTest, ForeignDevicesGetNoSessionThoughTheyAreReported) {
+    start();
+    const auto foreign = std::make_shared<simulator::VirtualUsbDevice>();
+    bus.plug("0-1", foreign, {.vendorId = 0x1234, .productId = 0x9999});
+    bus.plug("0-2", foreign, {.vendorId = 0x4321, .productId = 0x5678});
+    plug("0-3");
+    ASSERT_TRUE(listener.waitFor("ready 0-3"));
+    EXPECT_EQ(foreign->traffic(), 0U);
+    EXPECT_EQ(listener.count("plug"), 1U);
 }
 
 TEST_F(TappedBusTest, NoBurnAfterAStopBehindTheLastMessage) {

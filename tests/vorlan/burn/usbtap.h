@@ -18,8 +18,10 @@ class UsbTap {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // What a transfer is for: the code of a command to the burner image, or this and the endpoint.
+    // What a transfer is for: the code of a command to the burner image, or this and the endpoint;
+    // and the emptying of a pipe.
     static constexpr int kEndpoint = 0x100;
+    static constexpr int kFlush = 0x200;
     static constexpr int kChunk = kEndpoint + EP_ADDR_DATA_RESP_OUT;
     static constexpr int kChunkAnswer = kEndpoint + EP_ADDR_DATA_RESP_IN;
 
@@ -30,6 +32,7 @@ class UsbTap {
             below_ = libusbkTable();
         }
         table_ = below_;
+        table_.HotK_Init = initMonitor;
         table_.UsbK_Free = free;
         table_.UsbK_ReadPipe = readPipe;
         table_.UsbK_WritePipe = writePipe;
@@ -76,6 +79,14 @@ class UsbTap {
     std::vector<int> flushes;                     // endpoints
 
   private:
+    // Monitors are told of every device, whatever they ask for.
+    static bool initMonitor(libusbk::Monitor** monitor,
+                            const libusbk::MonitorParameters* parameters) {
+        libusbk::MonitorParameters everything = *parameters;
+        everything.pattern = {};
+        return tap->below_.HotK_Init(monitor, &everything);
+    }
+
     static bool readPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint, std::uint8_t* buffer,
                          std::uint32_t length, std::uint32_t* transferred,
                          libusbk::OverlappedSlot* slot) {
@@ -102,6 +113,7 @@ class UsbTap {
 
     static bool flushPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint) {
         tap->flushes.push_back(endpoint);
+        tap->starts_.emplace_back(kFlush + endpoint, Clock::now());
         return tap->below_.UsbK_FlushPipe(handle, endpoint);
     }
 

@@ -49,6 +49,7 @@ TEST_P(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
     open();
     device->addFault({.where = FaultPoint::Sync, .what = Fault::cutAnswer(8, 150ms)});
     ASSERT_EQ(writeSync(), kRecordSize);
+    EXPECT_EQ(error, libusbk::kNoError);
     tap.waits.clear();
     EXPECT_EQ(readAnswer(), kRecordSize);
     EXPECT_EQ(error, libusbk::kNoError);
