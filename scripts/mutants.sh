@@ -34,9 +34,9 @@ perl -e '
         local $/ = "";
         while (my $mistake = <$in>) {
             $mistake =~ s/^#.*\n//mg;
-            next if $mistake !~ /^mistake: (.+)$/m;
-            my $about = $1 . "\n" . ($mistake =~ /^file: (.+)$/m ? $1 : "");
-            next if $about !~ /$pattern/;
+            my ($name) = $mistake =~ /^mistake: (.+)$/m;
+            my ($file) = $mistake =~ /^file: (.+)$/m;
+            next if !defined $name || "$name\n$file" !~ /$pattern/;
             open(my $out, ">", sprintf("%s/%04d", $queue, $count++)) or die $!;
             print $out $mistake;
         }

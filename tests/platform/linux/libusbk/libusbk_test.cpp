@@ -1,13 +1,16 @@
 // libusbK.so as the USB engine binds it, on the real libusb, with fake devices on a fake bus.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -18,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/libusbk/accessrule.h"
@@ -41,10 +45,21 @@ const LibusbkTable& usb() {
     return libusbkTable();
 }
 
+// How many more waits of the thread that runs libusb's events are to fail, and how often libusb was
+// asked to open a device.
+std::atomic<int> failingPolls = 0;
+std::atomic<int> opens = 0;
+
+template <typename Function>
+Function below(const char* library, const char* name) {
+    return reinterpret_cast<Function>(::dlsym(::dlopen(library, RTLD_LAZY | RTLD_NOLOAD), name));
+}
+
 // What a monitor has reported. The callback has no argument of its own, so there is one at a time.
 class Reports {
   public:
     struct Report {
+        libusbk::Monitor* monitor;
         std::int32_t kind;
         std::thread::id thread;
         libusbk::DeviceEntry entry;
@@ -58,8 +73,13 @@ class Reports {
     // Starts a monitor for the chip, and takes `hook` along for each report.
     libusbk::Monitor* watch(std::function<void(const Report&)> hook = nullptr) {
         hook_ = std::move(hook);
+        return add(libusbk::kReportConnected);
+    }
+
+    // One more monitor, of which nothing is taken along.
+    static libusbk::Monitor* add(std::uint32_t flags) {
         libusbk::MonitorParameters parameters{};
-        parameters.flags = libusbk::kReportConnected;
+        parameters.flags = flags;
         std::string("USB\\VID_1234&PID_5678\\*").copy(parameters.pattern.deviceId, 255);
         parameters.callback = &Reports::onEvent;
         libusbk::Monitor* monitor = nullptr;
@@ -75,8 +95,9 @@ class Reports {
     }
 
   private:
-    static void onEvent(libusbk::Monitor*, const libusbk::DeviceEntry* entry, std::int32_t kind) {
-        const Report report{kind, std::this_thread::get_id(), *entry};
+    static void onEvent(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
+                        std::int32_t kind) {
+        const Report report{monitor, kind, std::this_thread::get_id(), *entry};
         {
             const std::lock_guard guard(current_->mutex_);
             current_->reports_.push_back(report);
@@ -223,6 +244,27 @@ class LibusbkTest : public testing::Test {
 
 }  // namespace
 
+// libusbK.so and libusb find these before those of the libraries.
+extern "C" {
+
+[[gnu::visibility("default")]] int poll(pollfd* waits, nfds_t count, int timeoutMs) {
+    constexpr int kEventThreads = 60'000;  // nobody else waits so long
+    if (timeoutMs == kEventThreads && failingPolls > 0) {
+        --failingPolls;
+        errno = ENOMEM;
+        return -1;
+    }
+    const timespec limit{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
+    return ::ppoll(waits, count, timeoutMs < 0 ? nullptr : &limit, nullptr);
+}
+
+[[gnu::visibility("default")]] int libusb_open(void* device, void** handle) {
+    ++opens;
+    static const auto real = below<int (*)(void*, void**)>("libusb-1.0.so.0", "libusb_open");
+    return real(device, handle);
+}
+}
+
 TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     MockUsbDevice& first = bus.plugIn("2.4");
     bus.plugIn("5", nullptr, 0x1234, 0x0001);
@@ -238,7 +280,7 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     EXPECT_EQ(start[0].entry.driverId, libusbk::kDriverIdLibusb);
     EXPECT_EQ(start[0].entry.busNumber, 1);
 
-    bus.plugIn("6", nullptr, 0x4321, 0x5678);
+    bus.unplug(bus.plugIn("6", nullptr, 0x4321, 0x5678));
     MockUsbDevice& second = bus.plugIn("2.11");
     reports.await(2);  // what leaves before libusb has looked at it has never been there
     bus.unplug(first);
@@ -340,6 +382,83 @@ TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     EXPECT_EQ(reports.await(1).size(), 1U);
 }
 
+TEST_F(LibusbkTest, AMonitorThatHasEndedLeavesNothingToTheOneBehindIt) {
+    bus.plugIn("1");
+    bind();
+    Reports reports;
+    std::latch gate(1);
+    libusbk::Monitor* const first = reports.watch([&](const Reports::Report& report) {
+        EXPECT_FALSE(usb().HotK_Free(report.monitor)) << "it would wait for its own end";
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kInvalidParameter);
+        gate.wait();
+    });
+    reports.await(1);
+    // These wait for their turn behind the callback, and the second may get the memory of the one
+    // before it.
+    EXPECT_TRUE(usb().HotK_Free(Reports::add(libusbk::kReportConnected)));
+    libusbk::Monitor* const second = Reports::add(libusbk::kReportConnected);
+    libusbk::Monitor* const onlyNews = Reports::add(0);
+    gate.count_down();
+    bus.plugIn("3");
+    const auto all = reports.await(5);
+    ASSERT_EQ(all.size(), 5U);
+    const auto told = [&](std::size_t i) {
+        return std::make_pair(all[i].monitor, std::string(all[i].entry.deviceId).back());
+    };
+    EXPECT_EQ(told(1), std::make_pair(second, '1'));
+    EXPECT_EQ(told(2), std::make_pair(first, '3'));
+    EXPECT_EQ(told(3), std::make_pair(second, '3'));
+    EXPECT_EQ(told(4), std::make_pair(onlyNews, '3'));
+    for (libusbk::Monitor* const monitor : {first, second, onlyNews}) {
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
+    }
+}
+
+TEST_F(LibusbkTest, EventsGoOnAfterAnErrorOfLibusb) {
+    Opened opened(plugInAndBind());
+    const auto start = Clock::now();
+    failingPolls = 3;
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    EXPECT_TRUE(usb().HotK_Free(Reports::add(0)));
+    bus.plugIn("5");  // wakes the thread that runs the events
+    device->send(kIn, pattern(8));
+    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+    EXPECT_EQ(failingPolls, 0);
+    EXPECT_GE(Clock::now() - start, 200ms) << "it spins";
+}
+
+TEST_F(LibusbkTest, SlotsAreCheckedAndUsedAgain) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+    libusbk::OverlappedPool* pool = nullptr;
+    libusbk::OverlappedSlot* slots[3] = {};
+    ASSERT_TRUE(usb().OvlK_Init(&pool, opened.handle, 2, 0));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[0], pool));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[1], pool));
+    EXPECT_NE(slots[0], slots[1]);
+    EXPECT_FALSE(usb().OvlK_Acquire(&slots[2], pool));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+    EXPECT_TRUE(usb().OvlK_Release(slots[0]));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[2], pool));
+    EXPECT_EQ(slots[2], slots[0]);
+    EXPECT_TRUE(usb().OvlK_Free(pool));
+
+    EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "nothing was started";
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    EXPECT_EQ(opened.startRead(16), libusbk::kBusy);
+    EXPECT_FALSE(usb().OvlK_ReUse(opened.slot));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+    device->send(kIn, {});
+    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "it was waited for already";
+
+    Opened other(entry);
+    std::swap(opened.slot, other.slot);
+    EXPECT_EQ(opened.startRead(16), libusbk::kInvalidParameter);
+    std::swap(opened.slot, other.slot);
+}
+
 TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     Opened opened(plugInAndBind());
 
@@ -386,6 +505,11 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     EXPECT_EQ(opened.moved, 4096U);
     EXPECT_EQ(opened.read(8), Bytes{1});
     EXPECT_EQ(received, pattern(4096));
+    // All that was to move has moved, though nobody was told of the end before the cancellation.
+    device->withholdEnd(kOut);
+    EXPECT_EQ(opened.startWrite(pattern(1024)), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 1024U);
 
     // Without a slot the time limit is the library's own.
     std::uint32_t moved = 1;
@@ -527,12 +651,20 @@ TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
         bus.plugIn("4", [](MockUsbDevice& fresh) { fresh.bindDriver("usbserial"); });
     bind();
     {
-        Opened opened(list("*").at(0));
-        EXPECT_EQ(opened.write({1}), libusbk::kNoError);
-        EXPECT_EQ(leaving.boundDriver(), "");
+        Reports reports;
+        libusbk::Monitor* const monitor = reports.watch();
+        {
+            Opened opened(reports.await(1)[0].entry);
+            EXPECT_EQ(opened.write({1}), libusbk::kNoError);
+            EXPECT_EQ(leaving.boundDriver(), "");
+        }
+        bus.unplug(leaving);
+        reports.await(2);
+        EXPECT_TRUE(usb().HotK_Free(monitor));
     }
-    bus.unplug(leaving);
+    const int before = opens;
     unbind();
+    EXPECT_EQ(opens, before) << "a device that has left is still remembered";
 
     const libusbk::DeviceEntry entry =
         plugInAndBind([](MockUsbDevice& fresh) { fresh.bindDriver("cdc_acm"); });

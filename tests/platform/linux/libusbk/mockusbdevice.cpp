@@ -107,6 +107,11 @@ void MockUsbDevice::takeOnly(std::uint8_t endpoint, int packets) {
     room_[endpoint] = packets;
 }
 
+void MockUsbDevice::withholdEnd(std::uint8_t endpoint) {
+    const std::lock_guard guard(mutex_);
+    endless_.insert(endpoint);
+}
+
 void MockUsbDevice::stall(std::uint8_t endpoint) {
     const std::lock_guard guard(mutex_);
     halted_.insert(endpoint);
@@ -410,7 +415,7 @@ void MockUsbDevice::moveOut(Urb& urb) {
     }
     if (urb.buffer != nullptr)
         urb.moved.assign(urb.buffer->data, urb.buffer->data + size);
-    if (size == urb.length)
+    if (size == urb.length && endless_.count(urb.endpoint) == 0)
         finish(urb, 0);
 }
 

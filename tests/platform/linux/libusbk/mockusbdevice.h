@@ -58,6 +58,9 @@ class MockUsbDevice {
 
     // From now on takes only this many more packets on an OUT endpoint; -1 is no limit.
     void takeOnly(std::uint8_t endpoint, int packets);
+    // From now on takes all bytes of an OUT transfer, but lets it end only when the host cancels
+    // it.
+    void withholdEnd(std::uint8_t endpoint);
     // Transfers fail until the host clears the halt.
     void stall(std::uint8_t endpoint);
     // From now on no request to the device itself is answered.
@@ -136,6 +139,7 @@ class MockUsbDevice {
     std::map<std::uint8_t, Bytes> onCancel_;
     std::map<std::uint8_t, int> room_;  // packets that an OUT endpoint still takes
     std::set<std::uint8_t> halted_;
+    std::set<std::uint8_t> endless_;
     bool mute_ = false;
     std::string driver_;
     std::string detachedDriver_;
