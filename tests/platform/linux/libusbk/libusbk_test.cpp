@@ -329,6 +329,16 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     const auto last = reports.await(8);
     ASSERT_EQ(last.size(), 8U);
     EXPECT_EQ(last[7].kind, libusbk::kRemoval);
+
+    // Whoever has left is forgotten, also when another gets its memory.
+    for (std::size_t i = 1; i <= 20; ++i) {
+        MockUsbDevice& visitor = bus.plugIn("2." + std::to_string(20 + i));
+        reports.await(7 + 2 * i);
+        bus.unplug(visitor);
+        const auto visits = reports.await(8 + 2 * i);
+        EXPECT_EQ(visits.back().kind, libusbk::kRemoval);
+        EXPECT_EQ(visits.back().entry.deviceAddress, visitor.address());
+    }
     EXPECT_TRUE(usb().HotK_Free(monitor));
     EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
 }
@@ -362,6 +372,7 @@ TEST_F(LibusbkTest, EachPortOfTheMachineHasAnIdOfItsOwn) {
 
 TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     bus.plugIn("1");
+    bus.plugIn("4");
     bind();
     Reports reports;
     std::latch gate(1);
@@ -371,7 +382,7 @@ TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
         callbackEnded = true;
     });
     reports.await(1);
-    bus.plugIn("3");  // its report waits behind the callback, and must never be made
+    bus.plugIn("3");  // its report and that of "4" wait behind the callback: never to be made
     std::thread opener([&] {
         std::this_thread::sleep_for(50ms);  // gives a wrong HotK_Free time to come back too soon
         gate.count_down();
