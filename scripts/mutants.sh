@@ -81,7 +81,7 @@ try_mistake() {
     if ! cmake --build --preset dev --target $tests >build.log 2>&1; then
         verdict="misfit (does not build)"
     elif ctest --preset dev --label-regex "^($(tests_of "$tests"))\$" --parallel 2 --stop-on-failure \
-        --timeout 120 >ctest.log 2>&1; then
+        --timeout 60 >ctest.log 2>&1; then
         verdict=survived
     else
         verdict=killed

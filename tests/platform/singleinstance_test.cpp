@@ -102,7 +102,7 @@ TEST_F(SingleInstanceTest, StartedProgramDoesNotTakeTheClaimOver) {
 
 TEST_F(SingleInstanceTest, WithoutASessionDirectoryTheTemporaryOneServes) {
     const mode_t mask = ::umask(0);  // as careless as an account can be set up
-    for (const char* const session : {static_cast<const char*>(nullptr), "", "relative", "/none"}) {
+    for (const char* const session : {static_cast<const char*>(nullptr), "", "relative", "/dev/null"}) {
         SCOPED_TRACE(session == nullptr ? "none" : session);
         sessionVariable_.set(session);
         SingleInstance first;
@@ -149,6 +149,6 @@ TEST_F(SingleInstanceTest, WithNoPlaceAtAllTheProgramMayRun) {
     for (const TemporaryDirectory* directory : {&session_, &temporary_})
         fs::permissions(directory->path(), fs::perms::owner_all);
     sessionVariable_.set(nullptr);
-    temporaryVariable_.set("/none");
+    temporaryVariable_.set((temporary_.path() / "none").c_str());
     EXPECT_EQ(claimOnce(), Claim::kUnguarded);
 }
