@@ -89,36 +89,38 @@ TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSyncAndEachChunkHasItsOwnLimit) {
     EXPECT_LT(listener.reports.size(), 110U) << "half percents are not worth a report";
 }
 
-TEST_F(BurnAgentTest, AnswersOfOtherCommandsAreNoAnswersToSync) {
-    plug();
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::wrongCmdorg(2), .times = 9});
-    EXPECT_TRUE(run({}));
-    EXPECT_EQ(device->count(FaultPoint::Sync), 10U);
-    EXPECT_LT(tap.shortest(CMD_CODE_SYNC, CMD_CODE_SYNC), 10ms) << "it waits for no reason";
-}
-
-TEST_F(BurnAgentTest, ADeviceThatNeverSpeaksFailsTheFirstSync) {
-    plug();
-    device->addFault(
-        {.where = FaultPoint::Sync, .what = Fault::swallow(), .times = FaultRule::kAlways});
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(run({item("image.bin", 0, "x")}, "SN-1"));
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_THAT(listener.reports, ElementsAre("error -2 Failed to sync device!"));
-    EXPECT_TRUE(log.contains("vorlan SYNC command has been retried for 10 times, FAILED!"));
-    EXPECT_GE(elapsed, 2s);
-    EXPECT_LT(elapsed, 10s);
-}
-
-TEST_F(BurnAgentTest, ARefusedSyncIsNotRepeated) {
-    plug();
-    device->addFault({.where = FaultPoint::Sync, .what = Fault::error("not today")});
-    EXPECT_FALSE(run({}));
-    EXPECT_THAT(listener.reports, ElementsAre("error -2 Failed to sync device!"));
-    EXPECT_TRUE(
-        log.contains("vorlan SYNC command failed! in response, cmdorg = 4, "
-                     "BurnAgent::vorlan_sync: not today"));
-    EXPECT_EQ(device->count(FaultPoint::Sync), 1U);
+TEST_F(BurnAgentTest, TheFirstSyncIsTriedTenTimesUnlessItIsRefused) {
+    const struct {
+        FaultRule rule;
+        std::uint32_t tries;
+        bool done;
+        std::chrono::milliseconds least;
+        const char* logged;
+    } cases[] = {
+        // The answers of other commands are none.
+        {{FaultPoint::Sync, Fault::wrongCmdorg(2), 0, 9}, 10, true, 0ms, ""},
+        {{FaultPoint::Sync, Fault::silence(), 0, FaultRule::kAlways},
+         10,
+         false,
+         2100ms,
+         "vorlan SYNC command has been retried for 10 times, FAILED!"},
+        {{FaultPoint::Sync, Fault::error("not today")},
+         1,
+         false,
+         0ms,
+         "vorlan SYNC command failed! in response, cmdorg = 4, BurnAgent::vorlan_sync: not today"},
+    };
+    for (const auto& c : cases) {
+        plug();
+        listener.reports.clear();
+        device->addFault(c.rule);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(run({}), c.done);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, c.least);
+        EXPECT_EQ(device->count(FaultPoint::Sync), c.tries);
+        EXPECT_EQ(listener.has("error -2 Failed to sync device!"), !c.done);
+        EXPECT_TRUE(log.contains(c.logged)) << c.logged;
+    }
 }
 
 TEST_F(BurnAgentTest, AMissingImageStopsTheBurnThere) {
