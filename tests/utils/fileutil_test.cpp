@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "support/helpers.h"
@@ -151,33 +153,43 @@ TEST_F(FileUtilTest, FindsFilesOneLevelDeep) {
     writeContent("drivers/vorlan_libusb0.inf_1/amd64/libusb0.sys", "");
     writeContent("drivers/other/deeper/amd64/libusb0.sys", "");
     writeContent("drivers/amd64/file", "");
-    const struct {
-        const wchar_t* prefix;
-        const wchar_t* file;
-        bool found;
-    } searches[] = {
-        {L"vorlan_libusb0", L"\\amd64\\libusb0.sys", true},
-        {L"", L"\\amd64", true},
-        {L"Vorlan_libusb0", L"\\amd64\\libusb0.sys", false},
-        {L"vorlan_libusb0", L"\\x86\\libusb0.sys", false},
-        {L"other", L"\\amd64\\libusb0.sys", false},         // a level too deep
-        {L"drivers", L"\\amd64\\file", false},              // the parent itself
-        {L"vorlan_libusb0", L"amd64\\libusb0.sys", false},  // no separator is added
+    const auto finds = [](const wchar_t* prefix, const wchar_t* file) {
+        return fileutil::findInSubdirs(L".\\drivers\\", prefix, file);
     };
-    for (const auto& search : searches)
-        for (const wchar_t* const parent : {L"drivers", L".\\drivers\\"})
-            EXPECT_EQ(fileutil::findInSubdirs(parent, search.prefix, search.file), search.found)
-                << text::narrow(search.prefix) << text::narrow(search.file);
+    EXPECT_TRUE(finds(L"vorlan_libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_TRUE(finds(L"", L"\\amd64"));
+    EXPECT_FALSE(finds(L"libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_FALSE(finds(L"Vorlan_libusb0", L"\\amd64\\libusb0.sys"));
+    EXPECT_FALSE(finds(L"other", L"\\amd64\\libusb0.sys")) << "a level too deep";
+    EXPECT_FALSE(finds(L"drivers", L"\\amd64\\file")) << "the parent itself";
+    EXPECT_FALSE(finds(L"vorlan_libusb0", L"amd64\\libusb0.sys")) << "no separator is added";
     EXPECT_FALSE(fileutil::findInSubdirs(L"missing", L"", L"\\amd64"));
 }
 
 TEST_F(FileUtilTest, TraceSaysWhyAFileCannotBeRead) {
     directory_.write("file", "");
-    fs::create_directory("folder");
-    const auto traceOf = [](const wchar_t* path, bool readable) {
-        return outputOf([&] { EXPECT_EQ(fileutil::isFileReadable(path), readable); }).traced;
-    };
-    EXPECT_EQ(traceOf(L"file", true), "");
-    EXPECT_TRUE(traceOf(L"missing", false).ends_with("error=No such file or directory\n"));
-    EXPECT_TRUE(traceOf(L"folder", false).ends_with("error=Is a directory\n"));
+    const Output output = outputOf([] {
+        EXPECT_TRUE(fileutil::isFileReadable(L"file"));
+        EXPECT_FALSE(fileutil::isFileReadable(L"missing"));
+        EXPECT_FALSE(fileutil::isFileReadable(L"."));
+    });
+    EXPECT_EQ(occurrences(output.traced, "error="), 2U);
+    EXPECT_NE(output.traced.find("error=No such file or directory\n"), std::string::npos);
+    EXPECT_TRUE(output.traced.ends_with("error=Is a directory\n"));
+}
+
+TEST_F(FileUtilTest, SizesAreThoseThatImagesCanHave) {
+    const struct {
+        std::uintmax_t size;
+        std::optional<std::uint32_t> told;
+    } cases[] = {{0, 0U}, {0x80000000, 0x80000000U}, {0xFFFFFFFF, 0xFFFFFFFFU}, {0x100000000, {}}};
+    for (const auto& c : cases) {
+        directory_.write("file", "");
+        fs::resize_file("file", c.size);
+        const fileutil::FilePtr file = fileutil::openFile("file", "rb");
+        EXPECT_EQ(fileutil::sizeOf(file.get()), c.told);
+        if (c.told) {
+            EXPECT_EQ(std::ftell(file.get()), 0);
+        }
+    }
 }

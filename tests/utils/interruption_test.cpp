@@ -24,6 +24,11 @@ TEST(Interruption, EndsEverySleepOfItsThreadAndOfNoOther) {
     {
         const interruption::Scope scope(source.get_token());
         EXPECT_TRUE(interruption::requested());
+        {
+            const interruption::Scope inner{std::stop_token()};
+            EXPECT_FALSE(interruption::requested());
+        }
+        EXPECT_TRUE(interruption::requested());
     }
     EXPECT_FALSE(interruption::requested());
 }
