@@ -283,6 +283,7 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     bus.unplug(bus.plugIn("6", nullptr, 0x4321, 0x5678));
     MockUsbDevice& second = bus.plugIn("2.11");
     reports.await(2);  // what leaves before libusb has looked at it has never been there
+    EXPECT_TRUE(list("USB\\VID_1234&PID_5678\\0000:00:14.0-2.1").empty()) << "not 2.11";
     bus.unplug(first);
     bus.unplug(second);
     MockUsbDevice& again = bus.plugIn("2.4");
