@@ -17,6 +17,7 @@
 #include "support/helpers.h"
 #include "support/pseudoterminal.h"
 #include "support/temporarydirectory.h"
+#include "support/turnedclock.h"
 
 using namespace std::chrono_literals;
 using platform::SerialDevice;
@@ -94,14 +95,19 @@ TEST_F(SerialDeviceTest, AReadEndsByNumberOrGapOrTotal) {
     late.join();
 
     // And it begins anew behind each byte.
-    std::thread slow([this] {
-        for (int i = 0; i < 10; ++i) {
-            std::this_thread::sleep_for(40ms);
-            terminal_.send("x");
-        }
-    });
-    EXPECT_EQ(timedRead({.readGap = 300ms, .readConstant = kLong}, 10).first, 10);
-    slow.join();
+    {
+        const TurnedClock clock;
+        std::thread slow([this] {
+            for (int i = 0; i < 10; ++i) {
+                std::this_thread::sleep_for(4s);
+                terminal_.send("x");
+            }
+        });
+        std::thread([this] {
+            EXPECT_EQ(timedRead({.readGap = 30s, .readConstant = kLong}, 10).first, 10);
+        }).join();
+        slow.join();
+    }
 
     terminal_.send("abc");
     const auto [some, totalTime] = timedRead({.readGap = kLong, .readConstant = 40ms}, 64);

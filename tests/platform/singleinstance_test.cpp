@@ -102,7 +102,8 @@ TEST_F(SingleInstanceTest, StartedProgramDoesNotTakeTheClaimOver) {
 
 TEST_F(SingleInstanceTest, WithoutASessionDirectoryTheTemporaryOneServes) {
     const mode_t mask = ::umask(0);  // as careless as an account can be set up
-    for (const char* const session : {static_cast<const char*>(nullptr), "", "relative", "/dev/null"}) {
+    for (const char* const session :
+         {static_cast<const char*>(nullptr), "", "relative", "/dev/null"}) {
         SCOPED_TRACE(session == nullptr ? "none" : session);
         sessionVariable_.set(session);
         SingleInstance first;

@@ -62,14 +62,16 @@ TEST(Archive, ReadsUnmarkedStringsOfSingleBytes) {
 TEST(Archive, RefusesDamagedStringsAndLeavesTheValue) {
     for (const std::string& bytes : {
              ""s,
-             "\xFF\xFE"s,                                      // cut in the mark
-             "\xFF\xFE\xFF"s,                                  // no length
-             "\xFF\xFE\xFF\x02\x61\x00\x62"s,                  // half a character
-             "\xFF\xFE\xFF\xFF\x05"s,                          // cut in the 16-bit length
-             "\xFF\xFE\xFF\xFF\xFF\xFF\x01\x00"s,              // cut in the 32-bit length
-             "\xFF\xFE\xFF\xFF\xFF\xFF\xFE\xFF\xFF\xFF\x61"s,  // 8 GiB announced
-             "\xFF\xFE\xFF\xFF\xFE\xFF\x00\x00"s,              // a second mark for a length
-             "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x61"s,              // 4 GiB without a mark
+             "\xFF\xFE"s,                                          // cut in the mark
+             "\xFF\xFE\xFF"s,                                      // no length
+             "\xFF\xFE\xFF\x02\x61\x00\x62"s,                      // half a character
+             "\xFF\xFE\xFF\xFF\x05"s,                              // cut in the 16-bit length
+             "\xFF\xFE\xFF\xFF\xFF\xFF\x01\x00"s,                  // cut in the 32-bit length
+             "\xFF\xFE\xFF\xFF\xFF\xFF\xFE\xFF\xFF\xFF\x61"s,      // 8 GiB announced
+             "\xFF\xFE\xFF\xFF\xFF\xFF\x01\x00\x00\x80\x61\x00"s,  // 4 GiB and one character
+             // A second mark for a length.
+             "\xFF\xFE\xFF\xFF\xFE\xFF"s + std::string(std::size_t{2} * 0xFFFE, 'x'),
+             "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x61"s,  // 4 GiB without a mark
              "\x04"
              "abc"s,
          }) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QAccessible>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QPainter>
 #include <QTest>
@@ -300,6 +301,8 @@ TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
 
 TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
     create();
+    QElapsedTimer time;
+    time.start();
     {
         std::vector<std::jthread> workers;
         workers.reserve(16);
@@ -319,5 +322,5 @@ TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
     EXPECT_TRUE(QTest::qWaitFor([&] { return status()->text() == "done"; }));
     EXPECT_EQ(bar()->value(), 100);
     EXPECT_FALSE(bar()->isEnabled());
-    EXPECT_LT(refreshes_, 100);
+    EXPECT_LE(refreshes_, time.elapsed() / 100 + 1);
 }

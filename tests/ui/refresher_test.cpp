@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTest>
 #include <atomic>
@@ -41,15 +42,12 @@ TEST(RefresherTest, FloodFromAllWorkersCostsFewRefreshesAndLosesNothing) {
 }
 
 TEST(RefresherTest, LoneRequestIsShownAtOnce) {
-    QElapsedTimer time;
-    qint64 shownAfter = -1;
-    Refresher refresher([&] { shownAfter = time.elapsed(); });
-    for (int i = 0; i < 2; ++i) {
-        shownAfter = -1;
-        time.start();
+    int refreshes = 0;
+    Refresher refresher([&] { ++refreshes; });
+    for (int i = 1; i <= 2; ++i) {
         refresher.request();
-        ASSERT_TRUE(QTest::qWaitFor([&] { return shownAfter >= 0; }));
-        EXPECT_LT(shownAfter, 50);
+        QCoreApplication::processEvents();
+        EXPECT_EQ(refreshes, i);
         QTest::qWait(120);  // an idle period
     }
 }
