@@ -104,7 +104,7 @@ TEST(Log, EachOperationHasItsLevelAndDRanksAboveI) {
 
 TEST(Log, WithoutAPrinterLinesGoToTheTraceWithTagAndSourceLine) {
     constexpr const char* LOG_TAG = "ThisModule";
-    hj::clearLogPrinter();
+    { RecordingLog gone; }
     const std::string here = std::to_string(__LINE__ + 1);
     const Output output = outputOf([] { LOG_W("in the trace"); });
     EXPECT_THAT(output.traced, MatchesRegex("logutil.cpp\\([0-9]+\\): atlTraceGeneral - \\[.*\\] "

@@ -37,8 +37,8 @@ TEST(Text, EveryByteThatIsNoUtf8ShowsAsOneReplacement) {
 TEST(Text, Utf16UsesPairsAndReplacesHalves) {
     EXPECT_EQ(text::toUtf16(L"a\u4E2D\U00010000\U0010FFFF"), u"a\u4E2D\xD800\xDC00\xDBFF\xDFFF");
     EXPECT_EQ(text::fromUtf16(u"a\u4E2D\xD800\xDC00\xDBFF\xDFFF"), L"a\u4E2D\U00010000\U0010FFFF");
-    const char16_t halves[] = {0xD83D, u'x', 0xDE00, 0xD83D};
-    EXPECT_EQ(text::fromUtf16({halves, 4}), L"\uFFFDx\uFFFD\uFFFD");
+    const char16_t halves[] = {0xD83D, u'x', 0xDE00, 0xD83D, 0xE000, 0xD83D};
+    EXPECT_EQ(text::fromUtf16({halves, 6}), L"\uFFFDx\uFFFD\uFFFD\uE000\uFFFD");
 }
 
 TEST(Text, WhatIsNoCodePointIsReplaced) {
