@@ -285,6 +285,7 @@ TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
     MockUsbDevice& second = bus.plugIn("2.11");
     reports.await(2);  // what leaves before libusb has looked at it has never been there
     EXPECT_TRUE(list("USB\\VID_1234&PID_5678\\0000:00:14.0-2.1").empty()) << "not 2.11";
+    EXPECT_TRUE(list("USB\\VID_1234&PID_0001\\*").empty()) << "not of the chip";
     bus.unplug(first);
     bus.unplug(second);
     MockUsbDevice& again = bus.plugIn("2.4");
