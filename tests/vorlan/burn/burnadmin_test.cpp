@@ -82,6 +82,7 @@ TEST_P(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
     ASSERT_TRUE(listener.waitFor("remove 0-3"));
     EXPECT_EQ(BurnAdmin::peekInstance()->getSessionCount(), 15U);
     EXPECT_EQ(late->traffic(), 0U);
+    EXPECT_TRUE(log.contains("0-17 gets no burn"));
 
     bus.unplug("0-17");
     plug("0-17");

@@ -746,6 +746,7 @@ TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
 
     using Event = std::pair<std::int32_t, int>;
     std::vector<Event> events;
+    events.reserve(all.size());
     for (const Reports::Report& report : all)
         events.emplace_back(report.kind, report.entry.deviceAddress);
     EXPECT_THAT(events,
