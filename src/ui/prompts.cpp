@@ -1,8 +1,12 @@
 #include "ui/prompts.h"
 
+#include <QDir>
 #include <QFileDialog>
 #include <QGuiApplication>
 #include <QMessageBox>
+#include <utility>
+
+#include "ui/filecolumns.h"
 
 namespace {
 
@@ -23,9 +27,21 @@ class ScreenPrompts final : public Prompts {
     }
 
     std::optional<QString> chooseFile(QWidget* parent, const QString& filter) override {
-        const QString path = QFileDialog::getOpenFileName(parent, {}, {}, filter);
-        return path.isEmpty() ? std::nullopt : std::optional(path);
+        const QString start = QDir(lastDirectory_).exists() ? lastDirectory_ : QDir::currentPath();
+        QFileDialog dialog(parent, {}, start, filter);
+        // The desktop's own dialog would speak the desktop's language.
+        dialog.setOption(QFileDialog::DontUseNativeDialog);
+        dialog.setFileMode(QFileDialog::ExistingFile);
+        dialog.setProxyModel(new FileColumns(&dialog));
+        if (dialog.exec() != QDialog::Accepted)
+            return std::nullopt;
+        QString path = dialog.selectedFiles().value(0);
+        lastDirectory_ = QFileInfo(path).path();
+        return path.isEmpty() ? std::nullopt : std::optional(std::move(path));
     }
+
+  private:
+    QString lastDirectory_ = QStringLiteral(".");
 };
 
 ScreenPrompts screenPrompts;

@@ -5,12 +5,17 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QRegularExpression>
 #include <QTest>
 #include <QTimer>
+#include <QTreeView>
 #include <functional>
 
 #include "support/temporarydirectory.h"
@@ -101,4 +106,71 @@ TEST_F(PromptsTest, ChoosesAFileAndStaysInTheDirectory) {
     whenAsked<QFileDialog>([](QFileDialog& dialog) { QTest::keyClick(&dialog, Qt::Key_Escape); });
     EXPECT_EQ(choose(), std::nullopt);
     EXPECT_EQ(QDir::currentPath().toStdString(), current.path());
+}
+
+TEST_F(PromptsTest, FileDialogSpeaksChineseOnEveryDesktop) {
+    const EnteredDirectory current;
+    QDir().mkdir("folder");
+    current.write("a.vrk", "12");
+    current.write("b.vrk", std::string(9'000, 'x'));
+    for (const char* const file : {"a.vrk", "b.vrk"}) {
+        QFile opened(file);
+        ASSERT_TRUE(opened.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(opened.setFileTime(QDateTime({2026, 3, 4}, {15, 6, 7}),
+                                       QFileDevice::FileModificationTime));
+    }
+    whenAsked<QFileDialog>([](QFileDialog& dialog) {
+        dialog.setDirectory(QDir::currentPath());
+        // A dialog of the desktop's own would speak the desktop's language.
+        EXPECT_TRUE(dialog.testOption(QFileDialog::DontUseNativeDialog));
+        auto* const files = dialog.findChild<QTreeView*>("treeView");
+        const auto row = [&](int number) {
+            QStringList texts;
+            for (int column = 0; column < 3; ++column)
+                texts << files->rootIndex()
+                             .model()
+                             ->index(number, column, files->rootIndex())
+                             .data()
+                             .toString();
+            return texts.join('|').toStdString();
+        };
+        EXPECT_TRUE(
+            QTest::qWaitFor([&] { return files->model()->rowCount(files->rootIndex()) == 3; }));
+        files->sortByColumn(1, Qt::AscendingOrder);
+        EXPECT_EQ(row(0), "folder||文件夹");
+        EXPECT_EQ(row(1), "a.vrk|2 字节|VRK 文件");
+        EXPECT_EQ(row(2), "b.vrk|8.79 kB|VRK 文件");
+        const QModelIndex date = files->model()->index(1, 3, files->rootIndex());
+        EXPECT_EQ(date.data().toString(), "2026-03-04 15:06");
+
+        QStringList texts{dialog.windowTitle()};
+        for (const QAbstractButton* const button : dialog.findChildren<QAbstractButton*>())
+            texts << button->text() << button->toolTip();
+        for (const QLabel* const label : dialog.findChildren<QLabel*>())
+            texts << label->text();
+        for (int column = 0; column < 4; ++column)
+            texts << files->model()->headerData(column, Qt::Horizontal).toString();
+        for (const QString& text : texts)
+            EXPECT_FALSE(text.contains(QRegularExpression("[A-Za-z]{2}"))) << text.toStdString();
+        dialog.reject();
+    });
+    prompts().chooseFile(&parent_, QStringLiteral("刷机固件(*.vrk *.zip)"));
+}
+
+TEST_F(PromptsTest, FileDialogComesBackToWhereTheLastFileWas) {
+    const EnteredDirectory current;
+    const TemporaryDirectory other;
+    const QString file = QString::fromStdString(other.write("a.csv", "x"));
+    const auto choose = [this] { return prompts().chooseFile(&parent_, "(*.csv)"); };
+    whenAsked<QFileDialog>([&](QFileDialog& dialog) {
+        auto* const name = dialog.findChild<QLineEdit*>("fileNameEdit");
+        name->setText(file);
+        QTest::keyClick(name, Qt::Key_Return);
+    });
+    EXPECT_EQ(choose(), std::optional(file));
+    whenAsked<QFileDialog>([&](QFileDialog& dialog) {
+        EXPECT_EQ(dialog.directory().path().toStdString(), other.path());
+        dialog.reject();
+    });
+    EXPECT_EQ(choose(), std::nullopt);
 }
