@@ -107,8 +107,6 @@ void VirtualSerialDevice::run() {
 
 Clock::time_point VirtualSerialDevice::step(Clock::time_point now) {
     advance(now);
-    if (line_->opened())
-        hostOpens();
     receive(now);
     Clock::time_point next = Clock::time_point::max();
     while (!leaving_ || leavesAt_ > now) {
@@ -183,9 +181,12 @@ void VirtualSerialDevice::hostOpens() {
 }
 
 void VirtualSerialDevice::receive(Clock::time_point now) {
-    if (leaving_ || inPace_.freeAt() > now + kReadAhead)
-        return;
-    std::size_t size = line_->read(buffer_);
+    const bool reads = !leaving_ && inPace_.freeAt() <= now + kReadAhead;
+    std::size_t size = reads ? line_->read(buffer_) : 0;
+    // Behind the read: a host that has opened the port by then may be the one whose bytes these
+    // are, and they must not go the way of what the host before it has left.
+    if (line_->opened())
+        hostOpens();
     if (size == 0)
         return;
     const bool leaves = size >= bytesUntilUnplugged();

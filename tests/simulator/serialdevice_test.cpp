@@ -258,6 +258,18 @@ TEST_F(SerialDevice, TakesRepeatsOfWhatFailed) {
     EXPECT_EQ(device->errors().at(1), "FLASH_END before FLASH_DATA was acknowledged");
 }
 
+// A host speaks at once where another has just left: the device may see both at the same moment.
+TEST_F(SerialDevice, HearsEachHostThatFollowsAnother) {
+    startInSync();
+    for (int i = 0; i < 300; ++i) {
+        host->ask(begin(kUartFlashBegin, 3, 0));
+        host.reset();
+        host = std::make_unique<SerialHost>(device->portPath());
+        ASSERT_EQ(host->ask(syncRequest()), "ok") << "host " << i;
+    }
+    EXPECT_THAT(device->errors(), IsEmpty());
+}
+
 TEST_F(SerialDevice, ShapesItsAnswers) {
     const std::string frame = "\xC0\x01\x08\x02" + std::string(1, '\0') +
                               "\xA5\xDB\xDC\xDB\xDD\x5A" + std::string(2, '\0') + "\xC0";
