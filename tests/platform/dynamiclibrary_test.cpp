@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <string>
 
 #include "platform/process.h"
 #include "support/temporarydirectory.h"
@@ -10,16 +11,18 @@
 namespace fs = std::filesystem;
 
 TEST(DynamicLibrary, TellsOfTheFileThatIsThereAndCannotBeLoaded) {
-    const fs::path file = fs::path(platform::executableDirectory()) / "vorlan-no-library.so";
+    // Of a name of its own: another copy of this test may run beside it.
+    const std::string name = "vorlan-no-library-" + std::to_string(platform::processId());
+    const fs::path file = fs::path(platform::executableDirectory()) / (name + ".so");
     writeContent(file, "no library");
     platform::DynamicLibrary library;
-    EXPECT_FALSE(library.load("vorlan-no-library"));
+    EXPECT_FALSE(library.load(name.c_str()));
     fs::remove(file);
     EXPECT_FALSE(library.isLoaded());
     EXPECT_EQ(library.symbol("anything"), nullptr);
     EXPECT_NE(library.error().find(file.string() + ": "), std::string::npos) << library.error();
 
     // The earlier failure is forgotten.
-    EXPECT_FALSE(library.load("vorlan-no-library"));
-    EXPECT_TRUE(library.error().starts_with("vorlan-no-library.so: ")) << library.error();
+    EXPECT_FALSE(library.load(name.c_str()));
+    EXPECT_TRUE(library.error().starts_with(name + ".so: ")) << library.error();
 }
