@@ -16,13 +16,13 @@ TEST(DynamicLibrary, TellsOfTheFileThatIsThereAndCannotBeLoaded) {
     const fs::path file = fs::path(platform::executableDirectory()) / (name + ".so");
     writeContent(file, "no library");
     platform::DynamicLibrary library;
-    EXPECT_FALSE(library.load(name.c_str()));
+    EXPECT_FALSE(library.load(name));
     fs::remove(file);
     EXPECT_FALSE(library.isLoaded());
     EXPECT_EQ(library.symbol("anything"), nullptr);
     EXPECT_NE(library.error().find(file.string() + ": "), std::string::npos) << library.error();
 
     // The earlier failure is forgotten.
-    EXPECT_FALSE(library.load(name.c_str()));
+    EXPECT_FALSE(library.load(name));
     EXPECT_TRUE(library.error().starts_with(name + ".so: ")) << library.error();
 }
