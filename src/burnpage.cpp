@@ -55,6 +55,8 @@ void CBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
 }
 
 bool CBurnPage::OnSetActive() {
+    if (!checkUsbDriver())
+        return false;
     showStoredSettings();
     return Page::OnSetActive();
 }

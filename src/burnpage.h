@@ -25,7 +25,6 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     // Writes the ports' labels to "tag_map", or tells the operator that they cannot be saved.
     void saveTags();
 
-    bool mayComeToFront() override { return checkUsbDriver(); }
     bool OnSetActive() override;
 
     void onPlug(SesHandle session) override;

@@ -106,11 +106,14 @@ void BurnPageBase::showSnList() {
 bool BurnPageBase::OnKillActive() {
     if (!burning_)
         return Page::OnKillActive();
-    if (!prompts().showBox(this, QStringLiteral("进入其他页将会停止烧录，确认吗？"),
-                           strings::kBurning.toString(), BoxType::kWarningOkCancel))
-        return false;
-    toggleBurn();
-    return Page::OnKillActive();
+    return prompts().showBox(this, QStringLiteral("进入其他页将会停止烧录，确认吗？"),
+                             strings::kBurning.toString(), BoxType::kWarningOkCancel) &&
+           Page::OnKillActive();
+}
+
+void BurnPageBase::OnLeft() {
+    if (burning_)
+        toggleBurn();
 }
 
 void BurnPageBase::chooseFirmware() {

@@ -50,6 +50,7 @@ class BurnPageBase : public Page {
 
     void OnInitDialog() override;
     bool OnKillActive() override;
+    void OnLeft() override;
 
   protected:
     // Where the templates of the pages differ. Rectangles are in dialog units.

@@ -56,13 +56,10 @@ bool CSerialBurnPage::OnSetActive() {
     return Page::OnSetActive();
 }
 
-bool CSerialBurnPage::OnKillActive() {
-    const bool wasBurning = isBurning();
-    if (!BurnPageBase::OnKillActive())
-        return false;
-    if (wasBurning)
+void CSerialBurnPage::OnLeft() {
+    if (isBurning())
         activated_ = false;
-    return true;
+    BurnPageBase::OnLeft();
 }
 
 void CSerialBurnPage::onStartButton() {

@@ -25,7 +25,7 @@ class CSerialBurnPage final : public BurnPageBase {
     void onDeviceChange(const platform::PortEvent& event);
 
     bool OnSetActive() override;
-    bool OnKillActive() override;
+    void OnLeft() override;
 
   private:
     void startBurn() override;

@@ -321,9 +321,12 @@ TEST_F(HurriedSerialBurnPageTest, StaysAwakeAndBurningWhenTheUsbPageRefusesToCom
     prepareSerial();
     ASSERT_TRUE(hands->press("开始烧录"));
     bus.fail(simulator::UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
+    prompts_.answer(true);
     ASSERT_TRUE(hands->press("USB烧录"));
     EXPECT_EQ(prompts_.takeBoxes(),
-              std::vector<Box>({notice("检测到libusb驱动未安装，请先安装驱动")}));
+              std::vector<Box>(
+                  {{"进入其他页将会停止烧录，确认吗？", "烧录进行中", BoxType::kWarningOkCancel},
+                   notice("检测到libusb驱动未安装，请先安装驱动")}));
     EXPECT_TRUE(hands->isEnabled("停止烧录"));
     plugSerial(0);
     ASSERT_TRUE(shows(0, "烧录成功！"));

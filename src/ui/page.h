@@ -19,13 +19,13 @@ class Page : public QWidget {
 
     // Makes the controls; called once, before the page comes to the front for the first time.
     virtual void OnInitDialog() = 0;
-    // Whether the page could come to the front; false refuses, before the page in front has been
-    // asked to leave: it stays as it is.
-    virtual bool mayComeToFront() { return true; }
     // The page is about to come to the front; false refuses, and the page before it stays.
     virtual bool OnSetActive() { return true; }
-    // The page is about to leave the front; false keeps it there.
+    // Whether the page lets another one come to the front; false keeps it there. What it gives up
+    // then waits for OnLeft, as the other one may still refuse.
     virtual bool OnKillActive() { return true; }
+    // The other page has accepted, and this one leaves the front.
+    virtual void OnLeft() {}
 
   private:
     const QString caption_;

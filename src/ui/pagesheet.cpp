@@ -48,20 +48,16 @@ bool PageSheet::setActivePage(int index) {
 }
 
 bool PageSheet::exchange(int index) {
-    Entry& next = at(index);
-    if (!next.page->mayComeToFront())
-        return false;
     if (active_ >= 0 && !at(active_).page->OnKillActive())
         return false;
+    Entry& next = at(index);
     if (!next.initialised)
         next.page->OnInitDialog();
     next.initialised = true;
-    if (!next.page->OnSetActive()) {
-        // It has refused after all: the page in front never left.
-        if (active_ >= 0)
-            at(active_).page->OnSetActive();
+    if (!next.page->OnSetActive())
         return false;
-    }
+    if (active_ >= 0)
+        at(active_).page->OnLeft();
     active_ = index;
     stack_->setCurrentIndex(index);
     return true;

@@ -17,7 +17,8 @@ class PageSheet final : public QWidget {
     void addPage(Page* page);
 
     // Asks the page at the front and then the one at `index`; false, and nothing moves, if one
-    // refuses. While one is being asked, nothing else moves.
+    // refuses: the page at the front is then as it was before. While one is being asked, nothing
+    // else moves.
     bool setActivePage(int index);
     // -1 while no page has been at the front.
     int activePage() const { return active_; }

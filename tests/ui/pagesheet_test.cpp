@@ -22,12 +22,14 @@ class TestPage final : public Page {
         ++askedToLeave;
         return leaves;
     }
+    void OnLeft() override { ++left; }
 
     bool accepts = true;
     bool leaves = true;
     int initialised = 0;
     int asked = 0;
     int askedToLeave = 0;
+    int left = 0;
     std::function<void()> whileAsked = [] {};
 };
 
@@ -93,10 +95,13 @@ TEST_F(PageSheetTest, RefusingPageIsNeverShown) {
     EXPECT_EQ(front(), 0);
     EXPECT_EQ(second_.asked, 3);
     EXPECT_EQ(second_.initialised, 1);
+    EXPECT_EQ(first_.askedToLeave, 3);
+    EXPECT_EQ(first_.left, 0) << "given up for a page that did not come";
 
     second_.accepts = true;
     click(1);
     EXPECT_EQ(front(), 1);
+    EXPECT_EQ(first_.left, 1);
 }
 
 TEST_F(PageSheetTest, PageThatStaysKeepsTheOthersUnasked) {
