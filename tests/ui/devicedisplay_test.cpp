@@ -322,5 +322,6 @@ TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
     EXPECT_TRUE(QTest::qWaitFor([&] { return status()->text() == "done"; }));
     EXPECT_EQ(bar()->value(), 100);
     EXPECT_FALSE(bar()->isEnabled());
-    EXPECT_LE(refreshes_, time.elapsed() / 100 + 1);
+    // One may be left from the tile's making, and a timer of 100 ms may come a little early.
+    EXPECT_LE(refreshes_, time.elapsed() / 90 + 2);
 }
