@@ -61,14 +61,14 @@ class SerialDevice {
 };
 
 // Opens the port for this owner alone; null with the reason in errno if that fails. A port that
-// another process has open, as far as this user may see, or holds a lock file for, is in use: EBUSY,
-// and serialPortHolder() tells by whom. Once `interruption` is requested, every transfer under way ends, each later one
-// fails, and closing drops what the device has not taken yet.
+// another process has open, as far as this user may see, or holds a lock file for, is in use:
+// EBUSY, and serialPortHolder() tells by whom. Once `interruption` is requested, every transfer
+// under way ends, each later one fails, and closing drops what the device has not taken yet.
 std::unique_ptr<SerialDevice> openSerialDevice(const std::string& path,
                                                std::stop_token interruption);
 
-// Who kept the calling thread's last openSerialDevice from opening its port, as in "minicom (4711)";
-// empty if nobody did or nobody knows.
+// Who kept the calling thread's last openSerialDevice from opening its port, as in "minicom
+// (4711)"; empty if nobody did or nobody knows.
 std::string serialPortHolder();
 
 }  // namespace platform
