@@ -1,9 +1,27 @@
 #!/usr/bin/env bash
-# Checks the format of every file and runs clang-tidy over all of them, with clang as the compiler.
+# Checks the format of every file, builds all with clang and runs clang-tidy over every source:
+# lint.sh [--since REV]. With --since only the sources that have changed since then go through clang-tidy,
+# and nothing is built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+since=
+[ "${1:-}" != --since ] || since=$2
+
 scripts/install-packages.sh build test bench lint
 git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
-scripts/build.sh tidy
-echo "format and clang-tidy: clean"
+
+if [ -z "$since" ]; then
+    sources=$(git ls-files '*.cpp')
+    scripts/build.sh tidy
+else
+    sources=$(git diff --name-only --diff-filter=d "$since" -- '*.cpp')
+    cmake --preset tidy >/dev/null
+fi
+count=$(grep -c . <<<"$sources" || true)
+if [ "$count" -gt 0 ]; then
+    xargs -P "$(nproc)" -I{} sh -c \
+        'clang-tidy --quiet -p build/tidy "$1" 2>/dev/null || { echo "clang-tidy: $1"; exit 255; }' _ {} \
+        <<<"$sources"
+fi
+echo "format clean, clang-tidy clean over $count sources"
