@@ -266,10 +266,11 @@ TEST(ProgramTest, GoesOnWhenNobodyReadsItsOutputAnyMore) {
         ::dup2(ends[1], STDOUT_FILENO);
         ::dup2(ends[1], STDERR_FILENO);
     };
-    // Without a place for its lock the program has something to trace when it starts.
+    // Without a place for its lock, and none can be made there, the program has something to trace
+    // when it starts.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), QStringLiteral("/none"));
-    environment.insert(QStringLiteral("TMPDIR"), QStringLiteral("/none"));
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), QStringLiteral("/dev/null/none"));
+    environment.insert(QStringLiteral("TMPDIR"), QStringLiteral("/dev/null/none"));
     Copy copy(environment, prepare);
     EXPECT_TRUE(copy.hasStarted());
     EXPECT_TRUE(copy.isRunning());
