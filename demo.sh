@@ -23,7 +23,11 @@ cd "$floor"
 
 if [ "${#options[@]}" -eq 0 ]; then
     mkdir -m 700 runtime
-    export QT_QPA_PLATFORM=offscreen XDG_RUNTIME_DIR=$floor/runtime
+    # The unseen screen is as large as an operator's.
+    printf '{"screens":[{"name":"demo","x":0,"y":0,"width":1920,"height":1080,%s}]}\n' \
+        '"logicalDpi":96,"logicalBaseDpi":96,"dpr":1' >runtime/screen.json
+    export QT_QPA_PLATFORM=offscreen:configfile=$floor/runtime/screen.json
+    export XDG_RUNTIME_DIR=$floor/runtime
 fi
 status=0
 # The program's own messages go to files; its report goes through the pipe to the screen.

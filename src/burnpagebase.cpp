@@ -43,7 +43,7 @@ void BurnPageBase::OnInitDialog() {
 }
 
 void BurnPageBase::makeControls() {
-    const DialogTemplate controls(this, kFontPoints, {kWidth, kHeight});
+    const DialogTemplate controls(this, fontPoints(), {kWidth, kHeight});
     chooseButton_ = controls.button({222, 14, 50, 14}, QStringLiteral("选择固件"));
     QPushButton* const importButton =
         controls.button(layout_.importButton, QStringLiteral("导入SN"));

@@ -19,7 +19,7 @@ constexpr int kNoProgram = 11;
 CMainPage::CMainPage(PageSheet& sheet) : Page(QStringLiteral("主页")), sheet_(sheet) {}
 
 void CMainPage::OnInitDialog() {
-    const DialogTemplate controls(this, kFontPoints, {kWidth, kHeight});
+    const DialogTemplate controls(this, fontPoints(), {kWidth, kHeight});
     const auto add = [&](const QRect& rectangle, const QString& text, auto action) {
         connect(controls.button(rectangle, text), &QPushButton::clicked, this, action);
     };

@@ -5,6 +5,7 @@
 #include <QLabel>
 #include <QLayout>
 #include <QMenuBar>
+#include <QScreen>
 
 #include "aboutdlg.h"
 #include "loadsndialog.h"
@@ -25,6 +26,9 @@ namespace {
 constexpr int kBesidePage = 20;    // client area to the right of the page
 constexpr int kAroundFooter = 20;  // above and below
 constexpr int kBelowFooter = 6;
+constexpr int kFrame = 10;  // of window managers, the title apart
+
+constexpr QRect kFooter{227, 323, 137, 8};  // in dialog units
 
 const QString kCloseQuestion =
     QStringLiteral("关闭软件将会造成正在烧录的固件烧录\n失败，确认关闭吗？");
@@ -82,25 +86,42 @@ void CVorlanFactoryToolDlg::makeMenus() {
 
 void CVorlanFactoryToolDlg::buildClientArea() {
     auto* const client = new QWidget;
-    const DialogTemplate controls(client, 9, {590, 340});
-    QLabel* const footer =
-        controls.label({227, 323, 137, 8}, QStringLiteral("本工具由墨川电子有限公司提供"));
-    footer->setAlignment(Qt::AlignCenter);
-
     pageSheet_.setParent(client);
-    pageSheet_.addPage(&mainPage_);
-    pageSheet_.addPage(&burnPage_);
-    pageSheet_.addPage(&serialPage_);
+    const auto pages = {static_cast<Page*>(&mainPage_), static_cast<Page*>(&burnPage_),
+                        static_cast<Page*>(&serialPage_)};
+    for (Page* const page : pages)
+        pageSheet_.addPage(page);
+    const double points = fittingFontPoints();
+    for (Page* const page : pages)
+        page->setFontPoints(points);
+    const DialogTemplate controls(client, points, {590, 340});
+    QLabel* const footer = controls.label(kFooter, QStringLiteral("本工具由墨川电子有限公司提供"));
+    footer->setAlignment(Qt::AlignCenter);
+    const int tabsHeight = pageSheet_.sizeHint().height();
     pageSheet_.setActivePage(0);
 
-    const QSize sheet = pageSheet_.sizeHint();
+    const int sheetHeight = tabsHeight + mainPage_.height();
     client->setFixedSize(mainPage_.width() + kBesidePage,
-                         sheet.height() + footer->height() + kAroundFooter);
-    pageSheet_.setGeometry({{0, 0}, sheet});
+                         sheetHeight + footer->height() + kAroundFooter);
+    // As wide as the window, for the sake of the line under the tabs.
+    pageSheet_.setGeometry(0, 0, client->width(), sheetHeight);
     footer->move((client->width() - footer->width()) / 2,
                  client->height() - footer->height() - kBelowFooter);
     setCentralWidget(client);
     layout()->setSizeConstraint(QLayout::SetFixedSize);
+}
+
+// The window cannot be made smaller by hand, so it has to fit the screen from the start.
+double CVorlanFactoryToolDlg::fittingFontPoints() const {
+    // As long as the pages are empty, the sheet is no higher than its tabs.
+    const int tabsHeight = pageSheet_.sizeHint().height();
+    const int titleBar = 2 * fontMetrics().height();
+    const QSize around(kBesidePage,
+                       titleBar + menuBar()->sizeHint().height() + tabsHeight + kAroundFooter);
+    const QSize frame(kFrame, kFrame);
+    return DialogUnits::fittingPoints(font(), Page::kFontPoints,
+                                      {Page::kWidth, Page::kHeight + kFooter.height()},
+                                      screen()->availableGeometry().size() - around - frame);
 }
 
 void CVorlanFactoryToolDlg::loadSettings() {

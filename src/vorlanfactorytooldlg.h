@@ -28,6 +28,7 @@ class CVorlanFactoryToolDlg final : public QMainWindow {
 
     void makeMenus();
     void buildClientArea();
+    double fittingFontPoints() const;
     void loadSettings();
     void watchPorts();
     void takePortEvents();

@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QPushButton>
+#include <QScreen>
 #include <QTabBar>
 #include <QTest>
 #include <csignal>
@@ -79,16 +80,15 @@ TEST_F(ShellTest, SizeFollowsThePageAndTheFooter) {
     EXPECT_FALSE(window_->windowFlags() & Qt::WindowMaximizeButtonHint);
     EXPECT_TRUE(window_->windowFlags() & Qt::WindowMinimizeButtonHint);
 
-    QFont font = QApplication::font();
-    font.setPointSize(9);
-    const DialogUnits units(font);
+    const DialogUnits units(window_->centralWidget()->font());
     const QSize page = units.toPixels(QSize(550, 330));
     const QSize footerSize = units.toPixels(QSize(137, 8));
     QTabBar* const tabs = window_->findChild<QTabBar*>();
     const QRect sheet = tabs->parentWidget()->geometry();
     const QWidget* const client = window_->centralWidget();
 
-    EXPECT_EQ(sheet, QRect(QPoint(0, 0), page + QSize(0, tabs->height())));
+    EXPECT_EQ(sheet, QRect(0, 0, window_->width(), tabs->height() + page.height()));
+    EXPECT_EQ(tabs->width(), window_->width()) << "the line under the tabs";
     EXPECT_EQ(client->size(), QSize(page.width() + 20, sheet.height() + footerSize.height() + 20));
     EXPECT_EQ(footer()->geometry(), QRect(QPoint((client->width() - footerSize.width()) / 2,
                                                  client->height() - footerSize.height() - 6),
@@ -97,6 +97,21 @@ TEST_F(ShellTest, SizeFollowsThePageAndTheFooter) {
     EXPECT_EQ(client->geometry().top(), window_->menuBar()->height());
     EXPECT_EQ(client->geometry().bottom(), window_->rect().bottom());
     EXPECT_EQ(client->width(), window_->width());
+}
+
+TEST_F(ShellTest, FitsTheScreenWithTheLargestFontThatDoes) {
+    open();
+    const QSize screen = window_->screen()->availableGeometry().size();
+    const QSize frame = window_->frameGeometry().size();
+    EXPECT_LE(frame.width(), screen.width());
+    EXPECT_LE(frame.height(), screen.height());
+    const double points = window_->centralWidget()->font().pointSizeF();
+    const QSize larger = window_->size() * (points + 1) / points;
+    const bool room = larger.width() <= screen.width() && larger.height() + 50 <= screen.height();
+    EXPECT_TRUE(points == 9 || !room) << points;
+    EXPECT_TRUE(hands_->press(QStringLiteral("串口烧录")));
+    for (const QPushButton* const button : window_->findChildren<QPushButton*>())
+        EXPECT_EQ(button->font().pointSizeF(), points) << button->text().toStdString();
 }
 
 TEST_F(ShellTest, ThreePagesOfOneSizeWithTextsThatFit) {

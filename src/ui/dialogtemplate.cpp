@@ -2,16 +2,16 @@
 
 namespace {
 
-QFont fontOf(QWidget* dialog, int points) {
+QFont fontOf(QWidget* dialog, double points) {
     QFont font = dialog->font();
-    font.setPointSize(points);
+    font.setPointSizeF(points);
     dialog->setFont(font);
     return font;
 }
 
 }  // namespace
 
-DialogTemplate::DialogTemplate(QWidget* dialog, int points, QSize size)
+DialogTemplate::DialogTemplate(QWidget* dialog, double points, QSize size)
     : dialog_(dialog), units_(fontOf(dialog, points)) {
     dialog->setFixedSize(units_.toPixels(size));
 }

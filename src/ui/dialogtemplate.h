@@ -15,7 +15,7 @@
 class DialogTemplate {
   public:
     // Gives `dialog` the template's font and its fixed size in dialog units.
-    DialogTemplate(QWidget* dialog, int points, QSize size);
+    DialogTemplate(QWidget* dialog, double points, QSize size);
 
     QRect toPixels(const QRect& units) const { return units_.toPixels(units); }
 

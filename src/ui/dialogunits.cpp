@@ -4,6 +4,8 @@
 
 namespace {
 
+constexpr double kSmallestPoints = 6;
+constexpr double kStep = 0.5;
 constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 // The average width over the 52 letters, rounded.
@@ -34,4 +36,14 @@ QSize DialogUnits::toPixels(QSize units) const {
 
 QRect DialogUnits::toPixels(const QRect& units) const {
     return {x(units.x()), y(units.y()), x(units.width()), y(units.height())};
+}
+
+double DialogUnits::fittingPoints(QFont font, double points, QSize units, QSize room) {
+    for (; points > kSmallestPoints; points -= kStep) {
+        font.setPointSizeF(points);
+        const QSize size = DialogUnits(font).toPixels(units);
+        if (size.width() <= room.width() && size.height() <= room.height())
+            break;
+    }
+    return points;
 }

@@ -15,6 +15,10 @@ class DialogUnits {
     QSize toPixels(QSize units) const;
     QRect toPixels(const QRect& units) const;
 
+    // The largest point size, in halves and not above `points`, at which `units` take no more than
+    // `room`, in pixels; no smaller than can be read.
+    static double fittingPoints(QFont font, double points, QSize units, QSize room);
+
   private:
     int x(int units) const;
     int y(int units) const;

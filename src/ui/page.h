@@ -11,11 +11,15 @@ class Page : public QWidget {
     // Size of every page, in dialog units of the font that the page's template names.
     static constexpr int kWidth = 550;
     static constexpr int kHeight = 330;
-    static constexpr int kFontPoints = 9;
+    static constexpr double kFontPoints = 9;
 
     explicit Page(QString caption) : caption_(std::move(caption)) {}
 
     const QString& caption() const { return caption_; }
+
+    // For a screen on which the template's font would be too large. To be called before the
+    // controls are made.
+    void setFontPoints(double points) { fontPoints_ = points; }
 
     // Makes the controls; called once, before the page comes to the front for the first time.
     virtual void OnInitDialog() = 0;
@@ -27,6 +31,10 @@ class Page : public QWidget {
     // The other page has accepted, and this one leaves the front.
     virtual void OnLeft() {}
 
+  protected:
+    double fontPoints() const { return fontPoints_; }
+
   private:
     const QString caption_;
+    double fontPoints_ = kFontPoints;
 };

@@ -18,7 +18,6 @@ PageSheet::PageSheet() : tabs_(new Tabs), stack_(new QStackedWidget) {
     auto* const layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
-    layout->setSizeConstraint(QLayout::SetFixedSize);
     layout->addWidget(tabs_);
     layout->addWidget(stack_);
     QObject::connect(tabs_, &QTabBar::currentChanged, this, [this](int index) {
