@@ -26,7 +26,7 @@ if [ "${#options[@]}" -eq 0 ]; then
     # The unseen screen is as large as an operator's.
     printf '{"screens":[{"name":"demo","x":0,"y":0,"width":1920,"height":1080,%s}]}\n' \
         '"logicalDpi":96,"logicalBaseDpi":96,"dpr":1' >runtime/screen.json
-    export QT_QPA_PLATFORM=offscreen:configfile=$floor/runtime/screen.json
+    export QT_QPA_PLATFORM=offscreen:configfile=runtime/screen.json
     export XDG_RUNTIME_DIR=$floor/runtime
 fi
 status=0
