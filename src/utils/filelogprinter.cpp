@@ -2,9 +2,13 @@
 
 #include <cstdio>
 
+#include "platform/file.h"
 #include "utils/trace.h"
 
-FileLogPrinter::FileLogPrinter(const std::string& path) : file_(fileutil::openFile(path, "wb")) {}
+FileLogPrinter::FileLogPrinter(const std::string& path) : file_(fileutil::openFile(path, "wb")) {
+    if (file_ == nullptr)
+        TRACE("%s cannot be opened: %s\n", path.c_str(), platform::lastErrorText().c_str());
+}
 
 void FileLogPrinter::print(int /*level*/, const std::string& line) {
     TRACE("%s\n", line.c_str());
