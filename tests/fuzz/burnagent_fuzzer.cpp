@@ -197,6 +197,7 @@ class Expectation {
         const Transfer& transfer = transfers_[at_++];
         require(transfer.endpoint == endpoint, "steps in their order");
         require(transfer.begin == now_ + pause_, "pause before the step");
+        require(!transfer.cutShort, "a read that is cut short goes on for the rest");
         now_ = transfer.end;
         pause_ = 0ms;
         return transfer;

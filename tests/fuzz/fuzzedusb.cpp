@@ -216,7 +216,8 @@ FuzzedUsb::Slot& FuzzedUsb::slotOf(libusbk::OverlappedSlot* slot) {
 }
 
 bool FuzzedUsb::goesOn(std::uint8_t endpoint, std::uint32_t length) const {
-    return cutShort_ && endpoint == transfers.back().endpoint &&
+    return !transfers.empty() && transfers.back().cutShort &&
+           endpoint == transfers.back().endpoint &&
            length == transfers.back().wanted - transfers.back().moved;
 }
 
@@ -238,7 +239,7 @@ void FuzzedUsb::endTransfer(const Bytes& read, std::uint32_t moved, std::uint32_
     transfer.bytes.insert(transfer.bytes.end(), read.begin(), read.end());
     transfer.moved += moved;
     transfer.code = code;
-    cutShort_ =
+    transfer.cutShort =
         isIn(transfer.endpoint) && code == libusbk::kCancelled && moved > 0 && !transfer.isWhole();
     transfer.end = leapingclock::now();
 }

@@ -18,6 +18,7 @@ struct Transfer {
     Bytes bytes;               // what was to be written, or what has been read
     std::uint32_t moved = 0;   // bytes
     std::uint32_t code = 0;    // system code of a failure, else 0
+    bool cutShort = false;     // a read: time ran out when only a part had come
     std::chrono::milliseconds begin{0};
     std::chrono::milliseconds end{0};
 
@@ -85,7 +86,6 @@ class FuzzedUsb {
     int pools_ = 0;
     int lists_ = 0;
     bool claimed_ = false;
-    bool cutShort_ = false;   // the last read ran out of time when something had come
     bool continues_ = false;  // the transfer under way goes on with the one before
     Bytes rest_;              // of an answer that was cut short
     std::uint32_t lastError_ = 0;
