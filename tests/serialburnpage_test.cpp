@@ -19,7 +19,6 @@ using simulator::SerialDeviceOptions;
 using simulator::SerialFault;
 using simulator::SerialFaultPoint;
 using simulator::SerialFaultRule;
-using simulator::TileView;
 using simulator::VirtualSerialDevice;
 using simulator::WindowOperator;
 
