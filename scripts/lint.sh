@@ -21,7 +21,7 @@ fi
 count=$(grep -c . <<<"$sources" || true)
 if [ "$count" -gt 0 ]; then
     xargs -P "$(nproc)" -I{} sh -c \
-        'clang-tidy --quiet -p build/tidy "$1" 2>/dev/null || { echo "clang-tidy: $1"; exit 255; }' _ {} \
+        'clang-tidy --quiet -p build/tidy "$1" 2>/dev/null || { echo "clang-tidy: $1"; exit 1; }' _ {} \
         <<<"$sources"
 fi
 echo "format clean, clang-tidy clean over $count sources"

@@ -39,11 +39,12 @@ QRect DialogUnits::toPixels(const QRect& units) const {
 }
 
 double DialogUnits::fittingPoints(QFont font, double points, QSize units, QSize room) {
-    for (; points > kSmallestPoints; points -= kStep) {
+    const auto fits = [&] {
         font.setPointSizeF(points);
         const QSize size = DialogUnits(font).toPixels(units);
-        if (size.width() <= room.width() && size.height() <= room.height())
-            break;
-    }
+        return size.width() <= room.width() && size.height() <= room.height();
+    };
+    while (points > kSmallestPoints && !fits())
+        points -= kStep;
     return points;
 }
