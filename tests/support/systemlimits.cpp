@@ -50,7 +50,7 @@ void runBoundByPermissions(const std::function<void()>& body) {
         __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct rights[2] = {};
         syscall(SYS_capget, &header, rights);
-        for (const unsigned right : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
+        for (const unsigned right : {unsigned{CAP_DAC_OVERRIDE}, unsigned{CAP_DAC_READ_SEARCH}}) {
             rights[0].effective &= ~(1U << right);
             rights[0].permitted &= ~(1U << right);
         }
