@@ -143,6 +143,9 @@ TEST_F(ShellTest, MenusOpenTheDialogs) {
     };
     const QString about = QStringLiteral("关于 VorlanFactoryTool");
     EXPECT_TRUE(hands_->press(QStringLiteral("关于")));
+    EXPECT_FALSE(QApplication::applicationVersion().isEmpty());
+    EXPECT_TRUE(
+        hands_->canRead("VorlanFactoryTool，" + QApplication::applicationVersion() + " 版"));
     closesWith(Qt::Key_Return, about);
     EXPECT_TRUE(hands_->press(QStringLiteral("导入SN号")));
     closesWith(Qt::Key_Escape, QStringLiteral("导入SN号"));

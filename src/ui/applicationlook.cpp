@@ -35,6 +35,7 @@ QPalette lightColours() {
 void setUpApplication(QApplication& application) {
     // Not the display name, which would follow the caption of every box.
     QApplication::setApplicationName(QStringLiteral("VorlanFactoryTool"));
+    QApplication::setApplicationVersion(QStringLiteral(VORLAN_VERSION));
     QGuiApplication::setDesktopFileName(QStringLiteral("vorlanfactorytool"));
     QApplication::setWindowIcon(programIcon());
     QApplication::setStyle(QStringLiteral("Fusion"));
