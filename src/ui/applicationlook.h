@@ -4,6 +4,7 @@
 
 #include <QApplication>
 
-// Gives the application its name, version, icon and style in light colours, and Chinese texts on the buttons
-// and dialogs that come with the toolkit. To be called once, before the first widget is made.
+// Gives the application its name, version, icon and style in light colours, and Chinese texts on
+// the buttons and dialogs that come with the toolkit. To be called once, before the first widget is
+// made.
 void setUpApplication(QApplication& application);
