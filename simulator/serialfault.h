@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -47,6 +48,8 @@ class SerialFault {
         UnplugInAnswer,
         // The data suffers, the answer does not.
         Corrupt,
+        // Nothing suffers.
+        Meanwhile,
     };
 
     SerialFault() = default;
@@ -109,6 +112,14 @@ class SerialFault {
     // For FLASH_DATA: the byte at this offset of the block gets into the flash with one bit wrong.
     static SerialFault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }
 
+    // The device does this, on its own thread, before it turns to the request, and then serves it
+    // as ever. It must not wait for anybody who asks the device.
+    static SerialFault meanwhile(std::function<void()> what) {
+        SerialFault fault(Kind::Meanwhile);
+        fault.what = std::move(what);
+        return fault;
+    }
+
     bool carriesOut() const { return kind == Kind::None || kind >= Kind::Silence; }
 
     Kind kind = Kind::None;
@@ -116,6 +127,7 @@ class SerialFault {
     std::chrono::milliseconds time{};
     std::string before;
     std::string behind;
+    std::function<void()> what;
 
   private:
     explicit SerialFault(Kind faultKind) : kind(faultKind) {}

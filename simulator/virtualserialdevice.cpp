@@ -276,6 +276,8 @@ void VirtualSerialDevice::serve(const Incoming& frame) {
 
     const std::optional<SerialFaultPoint> point = pointOf(request->command);
     const SerialFault fault = point ? faults_.strike(*point) : SerialFault();
+    if (fault.what)
+        fault.what();
     if (!last_.empty() && last_[1] != request->command)
         earlierCommand_ = last_[1];
     const SerialAnswer plain = judge(*request, frame.bytes, fault);

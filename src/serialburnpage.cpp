@@ -126,8 +126,6 @@ void CSerialBurnPage::addPort(const std::wstring& port) {
                           strings::kNotice.toString(), BoxType::kPlain);
         return;
     }
-    if (slot->isRunning())
-        return;
     slot->setPortName(port);
     slot->start();
 }

@@ -6,8 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <atomic>
+#include <functional>
 #include <set>
+#include <thread>
 
+#include "platform/serialdevice.h"
 #include "simulator/virtualserialdevice.h"
 #include "simulator/virtualserialports.h"
 #include "support/helpers.h"
@@ -81,11 +85,33 @@ class SerialBurnPageTest : public WindowFixture {
                << "it reads " << hands->tileNamed(name).status.toStdString();
     }
 
-    // Whether the port's thread is still at work, as its last line in the run log tells.
-    bool isRunning(int number) const {
-        return contentOf("log/run.log")
-                   .find("serve thread stopped, port=" + nameOf(number).toStdString()) ==
-               std::string::npos;
+    // Whether the thread of the port's run of that number is still at work, as its last line in the
+    // run log tells.
+    bool isRunning(int number, std::size_t run = 1) const {
+        const std::string end = "serve thread stopped, port=" + nameOf(number).toStdString();
+        return occurrences(contentOf("log/run.log"), end) < run;
+    }
+
+    testing::AssertionResult ends(int number, std::size_t run = 1) {
+        if (WindowOperator::waitFor([&] { return !isRunning(number, run); }, kLongMs))
+            return testing::AssertionSuccess();
+        return testing::AssertionFailure() << contentOf("log/run.log");
+    }
+
+    // The operator does something when the device has got a request, and the device waits for him.
+    SerialFault operatorDoes(std::function<void()> act) {
+        return SerialFault::meanwhile([this, act = std::move(act)] {
+            std::atomic<bool> done = false;
+            QMetaObject::invokeMethod(
+                window.get(),
+                [&] {
+                    act();
+                    done = true;
+                },
+                Qt::QueuedConnection);
+            while (!done)
+                std::this_thread::yield();
+        });
     }
 
     bool canRead(const QString& text) {
@@ -108,6 +134,7 @@ class SerialBurnPageTest : public WindowFixture {
 class HurriedSerialBurnPageTest : private TurnedClock, public SerialBurnPageTest {};
 
 TEST_F(HurriedSerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
+    const auto count = storage_.getFlashCount();
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     VirtualSerialDevice& present = plugSerial(0);
@@ -122,12 +149,148 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
     ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
     EXPECT_TRUE(holdsAll(present, "SN-1"));
     EXPECT_TRUE(holdsAll(late, "SN-2"));
+    EXPECT_EQ(present.rate(), 3'000'000U);
+    EXPECT_EQ(hands->tileNamed(nameOf(0)).percent, 100);
+    EXPECT_TRUE(WindowOperator::waitFor(
+        [&] { return hands->edit("刷机计数")->text() == QString::number(count + 2); }));
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+
+    // The next one at that port, which says nothing, has its own bar, and comes to nothing at last.
+    leave(present);
+    present.addFault(
+        {SerialFaultPoint::RomSync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
+    const std::uint32_t asked = present.count(SerialFaultPoint::RomSync);
+    arrive(present);
+    ports.arrive(present.portPath());  // told twice
+    ASSERT_TRUE(shows(0, "出错, code=-1, des=CONNECT WITH ROM TRIGGER ERROR"));
+    EXPECT_EQ(hands->tileNamed(nameOf(0)).percent, 0);
+    EXPECT_EQ(present.count(SerialFaultPoint::RomSync) - asked, 10U);
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
+    EXPECT_FALSE(storage_.getSnFile().isInUse());
+}
+
+// A step of a burn, as the device sees it, at which something happens.
+struct Phase {
+    SerialFaultPoint request;
+    std::uint32_t skip;   // requests of this kind before it
+    std::uint32_t begun;  // downloads to the flash so far: two images, then the number
+    bool burns = false;   // a stop is too late
+};
+
+TEST_F(HurriedSerialBurnPageTest, AStopOrAPullInAnyPhaseLosesAndDoublesNoNumber) {
+    using enum SerialFaultPoint;
+    const std::vector<Phase> phases = {
+        {RomSync, 0, 0},   {RamBegin, 0, 0},   {RamData, 0, 0},
+        {RamEnd, 0, 0},    {ProxySync, 0, 0},  {ChangeBaudrate, 0, 0},
+        {FlashEnd, 0, 1},  {FlashBegin, 1, 2}, {FlashData, 1, 2},
+        {Md5, 1, 2},       {FlashEnd, 1, 2},   {FlashBegin, 2, 3},
+        {FlashData, 9, 3}, {Md5, 2, 3},        {FlashEnd, 2, 3, true},
+    };
+    prepareSerial();
+    std::string rows;
+    for (int i = 10; i < 20; ++i)
+        rows += row(i);
+    importNumbers(rows);
+    std::string sn = "SN-10";
+    std::size_t runs = 0;
+    const auto serve = [&](const Phase& phase, VirtualSerialDevice& device, bool burns) {
+        SCOPED_TRACE("request " + std::to_string(static_cast<int>(phase.request)) + " behind " +
+                     std::to_string(phase.skip));
+        const auto count = storage_.getFlashCount();
+        arrive(device);
+        ASSERT_TRUE(hands->press("开始烧录"));
+        ASSERT_TRUE(ends(0, ++runs));
+        EXPECT_EQ(device.count(FlashBegin), phase.begun);
+        EXPECT_EQ(occurrences(contentOf("log/run.log"), ":burned: ttyUSB0, SN=" + sn),
+                  burns ? 1U : 0U);
+        EXPECT_EQ(directory_.read("numbers.csv").find(sn + ",1") != std::string::npos, burns);
+        EXPECT_EQ(storage_.getFlashCount() - count, burns ? 1U : 0U);
+        EXPECT_FALSE(storage_.getSnFile().isInUse());
+        if (burns) {
+            EXPECT_TRUE(holdsAll(device, sn));
+            sn = "SN-11";
+        }
+    };
+    for (const Phase& phase : phases) {
+        VirtualSerialDevice& stopped = makeSerial(0);
+        stopped.addFault({phase.request, operatorDoes([&] {
+                              EXPECT_TRUE(hands->press("停止烧录"));
+                              // A number on its way into the device is no other's.
+                              EXPECT_EQ(storage_.getSnFile().isInUse(), phase.begun == 3);
+                          }),
+                          phase.skip});
+        serve(phase, stopped, phase.burns);
+        leave(stopped);
+
+        VirtualSerialDevice& pulled = makeSerial(0);
+        pulled.addFault({phase.request, SerialFault::unplug(), phase.skip});
+        serve(phase, pulled, false);
+        leave(pulled);
+        EXPECT_TRUE(canRead(kConnect));
+        ASSERT_TRUE(hands->press("停止烧录"));
+    }
+}
+
+TEST_F(HurriedSerialBurnPageTest, LeavesTheProxyTwoSecondsToStart) {
+    prepareSerial();
+    std::atomic<simulator::Clock::time_point> loaded;
+    std::atomic<simulator::Clock::time_point> asked;
+    const auto noteIn = [](std::atomic<simulator::Clock::time_point>& moment) {
+        return SerialFault::meanwhile([&moment] { moment = simulator::Clock::now(); });
+    };
+    VirtualSerialDevice& device = makeSerial(0);
+    device.addFault({SerialFaultPoint::RamEnd, noteIn(loaded)});
+    device.addFault({SerialFaultPoint::ProxySync, noteIn(asked)});
+    arrive(device);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！"));
+    EXPECT_GE(asked.load() - loaded.load(), 2s);
+}
+
+TEST_F(HurriedSerialBurnPageTest, CallsNothingASuccessThatIsNotAllInTheDevice) {
+    const auto count = storage_.getFlashCount();
+    prepareSerial();
+    plugSerial(0).addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(ends(0));
+    leave(*serialDevices[0]);
+    ASSERT_TRUE(hands->press("停止烧录"));
+
+    // Two images have no place in the flash: one lies in the RAM, one nowhere.
+    simulator::PackageBuilder()
+        .add("flashboot.bin", flashboot)
+        .add("master.bin", master)
+        .add("ram.bin", "in RAM")
+        .add("far.bin", "nowhere")
+        .add("burn.cfg", R"({"burn_items":[{"name":"ram.bin", "addr":"E0000000"},
+                                              {"name":"far.bin", "addr":"90000000"}]})")
+        .write("astray.vrk");
+    chooseFirmware(pathOf("astray.vrk"));
+    importNumbers(",0\r\n");
+    VirtualSerialDevice& device = plugSerial(0);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(ends(0, 2));
+    EXPECT_TRUE(device.flash().holds(0, bytesOf(flashboot)));
+    EXPECT_EQ(directory_.read("numbers.csv"), ",0\r\n");
+    EXPECT_FALSE(storage_.getSnFile().isInUse());
+    EXPECT_EQ(storage_.getFlashCount(), count);
+    EXPECT_EQ(occurrences(contentOf("log/run.log"), "/BurnEnd"), 2U);
+    EXPECT_EQ(occurrences(contentOf("log/run.log"), "E/BurnEnd"), 2U);
+}
+
+TEST_F(HurriedSerialBurnPageTest, SaysOnceWhoHoldsAPort) {
+    prepareSerial();
+    const std::unique_ptr<platform::SerialDevice> holder =
+        platform::openSerialDevice(plugSerial(0).portPath(), {});
+    ASSERT_NE(holder, nullptr);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "出错, code=-1, des=CONNECT WITH ROM TRIGGER ERROR"));
+    EXPECT_EQ(occurrences(contentOf("log/run.log"), "ttyUSB0 is in use by"), 1U);
 }
 
 TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     prepareSerial();
-    importNumbers(row(1) + row(2) + row(3) + row(4) + row(5));
+    importNumbers(row(1) + row(2) + row(3) + row(4) + row(5) + row(6));
     // Port 0 is there, but says nothing: its number stays with it to the end of its attempts.
     plugSerial(0, {.romStartUp = 60s});
     VirtualSerialDevice& rightDigest = makeSerial(1);
@@ -137,28 +300,35 @@ TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     refusing.addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
     VirtualSerialDevice& badNumber = makeSerial(4);
     badNumber.addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest(), 2});
-    for (VirtualSerialDevice* const device : {&rightDigest, &wrongDigest, &refusing, &badNumber})
+    VirtualSerialDevice& deaf = makeSerial(5);
+    deaf.addFault(
+        {SerialFaultPoint::ProxySync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
+    for (VirtualSerialDevice* const device :
+         {&rightDigest, &wrongDigest, &refusing, &badNumber, &deaf})
         arrive(*device);
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
     ASSERT_TRUE(shows(3, "出错, code=-2, des=CHANGE BAUDRATE, RET=-2"));
     EXPECT_FALSE(hands->tileNamed(nameOf(3)).active);
     ASSERT_TRUE(shows(4, "出错, code=-5, des=MD5 CHECK ERROR"));
+    ASSERT_TRUE(shows(5, "出错, code=-1, des=HANDSHAKE FAILED"));
+    EXPECT_EQ(deaf.count(SerialFaultPoint::ChangeBaudrate), 0U);
     // The first image of this one failed, which its second one has written over; no success.
-    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(2); }, kLongMs));
+    ASSERT_TRUE(ends(2));
     EXPECT_TRUE(hands->tileNamed(nameOf(2)).status.startsWith("正在写入 .\\uart_temp_image\\"));
     EXPECT_FALSE(hands->tileNamed(nameOf(2)).active);
-    EXPECT_EQ(directory_.read("numbers.csv"), row(1) + row(2, true) + row(3) + row(4) + row(5));
+    EXPECT_EQ(directory_.read("numbers.csv"),
+              row(1) + row(2, true) + row(3) + row(4) + row(5) + row(6));
 
     // A device that is pulled out gives its number back, and what was free is handed out again.
     // What the others have come to stays readable.
     leave(*serialDevices[0]);
     ASSERT_TRUE(shows(0, kRemoved));
     EXPECT_EQ(hands->tileNamed(nameOf(1)).status, "烧录成功！SN=SN-2");
-    VirtualSerialDevice& next = plugSerial(5);
+    VirtualSerialDevice& next = plugSerial(6);
     leave(rightDigest);
     ASSERT_TRUE(shows(1, kRemoved));
-    ASSERT_TRUE(shows(5, "烧录成功！SN=SN-1"));
+    ASSERT_TRUE(shows(6, "烧录成功！SN=SN-1"));
     EXPECT_TRUE(holdsAll(next, "SN-1"));
 }
 
@@ -182,6 +352,8 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
     // No thread runs, and yet the operator can read why, until the last of the ports has left.
     ASSERT_TRUE(shows(0, "SN号已耗尽，请导入新的SN号！"));
     ASSERT_TRUE(shows(1, "SN号已耗尽，请导入新的SN号！"));
+    EXPECT_THAT(contentOf("log/run.log"),
+                testing::ContainsRegex("E/BurnEnd.*ttyUSB1, no number: no serial number is left"));
     leave(device);
     ASSERT_TRUE(shows(0, kRemoved));
     EXPECT_EQ(hands->tileNamed(nameOf(1)).status, "SN号已耗尽，请导入新的SN号！");
@@ -237,7 +409,7 @@ TEST_F(SerialBurnPageTest, AStoppedRunLeavesTheTileToTheNext) {
     ASSERT_TRUE(hands->press("停止烧录"));
     ASSERT_TRUE(hands->press("开始烧录"));
     // The first run ends with a failure that nobody is to see, and one more refresh would show it.
-    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(0); }));
+    ASSERT_TRUE(ends(0));
     WindowOperator::waitFor([] { return false; }, 200);
     EXPECT_EQ(hands->tileNamed(nameOf(0)).status, kPreparing);
     EXPECT_TRUE(hands->tileNamed(nameOf(0)).active);
@@ -275,15 +447,17 @@ TEST_F(HurriedSerialBurnPageTest, SixteenPortsAndOneTooMany) {
 TEST_F(SerialBurnPageTest, ClosesAtOnceWhileBurnsWindDown) {
     prepareSerial();
     importNumbers(row(1));
-    plugSerial(0, {.romStartUp = 60s});
+    VirtualSerialDevice& device = plugSerial(0);
     ASSERT_TRUE(hands->press("开始烧录"));
-    ASSERT_TRUE(shows(0, kPreparing));
+    // In the pause of two seconds.
+    ASSERT_TRUE(
+        WindowOperator::waitFor([&] { return device.stage() == simulator::SerialStage::Proxy; }));
     prompts_.answer(true);
     EXPECT_TRUE(window->close());
     EXPECT_EQ(prompts_.takeBoxes().size(), 1U);
     const auto start = std::chrono::steady_clock::now();
     window.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
     EXPECT_EQ(directory_.read("numbers.csv"), row(1));
     EXPECT_FALSE(GlobalStorage::getInstance().getSnFile().isInUse());
 }
@@ -301,6 +475,9 @@ TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsUsedUpByOneDevice) {
     ASSERT_TRUE(shows(1, "烧录成功！SN=SN-2"));
     EXPECT_TRUE(holdsAll(second, "SN-2"));
     EXPECT_EQ(directory_.read("numbers.csv"), ",1\r\n" + row(2, true));
+    arrive(second);
+    ASSERT_TRUE(shows(1, "SN号已耗尽，请导入新的SN号！"));
+    EXPECT_EQ(hands->tileNamed(nameOf(1)).percent, 0);
     EXPECT_THAT(contentOf("log/run.log"),
                 testing::ContainsRegex("W/SerialAvatar.*the row of the list has no number"));
 }
@@ -310,7 +487,7 @@ TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsFreeAgainBehindAFailedBurn
     importNumbers(",0\r\n");
     plugSerial(0).addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
     ASSERT_TRUE(hands->press("开始烧录"));
-    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(0); }, kLongMs));
+    ASSERT_TRUE(ends(0));
     EXPECT_EQ(directory_.read("numbers.csv"), ",0\r\n");
     EXPECT_FALSE(hands->tileNamed(nameOf(0)).status.startsWith("烧录成功！"));
     EXPECT_FALSE(storage_.getSnFile().isInUse());
@@ -363,7 +540,8 @@ TEST_F(HurriedSerialBurnPageTest, TellsTheRunLogHowEachBurnEnds) {
     ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
     ASSERT_TRUE(shows(1, "出错, code=-2"));
     leave(*serialDevices[2]);
-    ASSERT_TRUE(WindowOperator::waitFor([&] { return !isRunning(1) && !isRunning(2); }, kLongMs));
+    ASSERT_TRUE(ends(1));
+    ASSERT_TRUE(ends(2));
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::ContainsRegex("I/BurnEnd.*:burned: ttyUSB0, SN=SN-1"));
     EXPECT_THAT(log, testing::ContainsRegex("E/BurnEnd.*:not burned: ttyUSB1, SN=SN-2: CHANGE "
@@ -386,6 +564,18 @@ TEST_F(HurriedSerialBurnPageTest, TellsTheOperatorOnceOfNumbersThatCouldNotBeMar
     ASSERT_EQ(boxes.size(), 1U);
     EXPECT_TRUE(boxes[0].text.startsWith("SN=SN-1 已写入设备，但在SN文件中没有标记！"));
     EXPECT_EQ(directory_.read("old.csv"), row(1) + row(2));
+}
+
+TEST_F(SerialBurnPageTest, AStopCutsThePauseShort) {
+    prepareSerial();
+    VirtualSerialDevice& device = plugSerial(0);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(
+        WindowOperator::waitFor([&] { return device.stage() == simulator::SerialStage::Proxy; }));
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(hands->press("停止烧录"));
+    ASSERT_TRUE(ends(0));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
 }
 
 TEST_F(SerialBurnPageTest, AListThatFailsLeavesThePageUsable) {
