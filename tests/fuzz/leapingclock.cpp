@@ -2,9 +2,12 @@
 // process comes this way.
 #include "leapingclock.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <ctime>
 
 namespace {
@@ -21,10 +24,6 @@ std::chrono::milliseconds leapingclock::now() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(passed);
 }
 
-void leapingclock::advance(std::chrono::milliseconds duration) {
-    passed += duration;
-}
-
 extern "C" {
 
 [[gnu::visibility("default")]] int nanosleep(const timespec* duration, timespec* /*left*/) {
@@ -38,6 +37,15 @@ extern "C" {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(passed);
     *time = {static_cast<time_t>(seconds.count()), static_cast<long>((passed - seconds).count())};
     return 0;
+}
+
+// Nobody else is there to end the wait.
+[[gnu::visibility("default")]] int pthread_cond_clockwait(pthread_cond_t* /*condition*/,
+                                                          pthread_mutex_t* /*mutex*/,
+                                                          clockid_t /*id*/, const timespec* until) {
+    passed = std::max<std::chrono::nanoseconds>(
+        passed, std::chrono::seconds(until->tv_sec) + std::chrono::nanoseconds(until->tv_nsec));
+    return ETIMEDOUT;
 }
 
 }  // extern "C"
