@@ -12,10 +12,10 @@
 #include <thread>
 
 #include "platform/serialdevice.h"
+#include "simulator/clock/turnedclock.h"
 #include "simulator/virtualserialdevice.h"
 #include "simulator/virtualserialports.h"
 #include "support/helpers.h"
-#include "support/turnedclock.h"
 #include "windowfixture.h"
 
 using namespace std::chrono_literals;
@@ -333,6 +333,7 @@ TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     VirtualSerialDevice& next = plugSerial(6);
     leave(rightDigest);
     ASSERT_TRUE(shows(1, kRemoved));
+    EXPECT_EQ(hands->tileNamed(nameOf(1)).percent, 0);
     ASSERT_TRUE(shows(6, "烧录成功！SN=SN-1"));
     EXPECT_TRUE(holdsAll(next, "SN-1"));
 }
@@ -342,8 +343,11 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_TRUE(canRead(kConnect));
     EXPECT_TRUE(hands->tiles().empty());
+    ASSERT_TRUE(hands->press("导入SN"));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({notice("正在烧录中，不能导入！")}));
     VirtualSerialDevice& device = plugSerial(0);
     ASSERT_TRUE(shows(0, "烧录成功！"));
+    EXPECT_FALSE(hands->typeTag(0, "label"));
     EXPECT_EQ(hands->tileNamed(nameOf(0)).status, "烧录成功！");
     EXPECT_TRUE(holdsAll(device, ""));
     leave(device);
@@ -578,6 +582,18 @@ TEST_F(SerialBurnPageTest, AStopCutsThePauseShort) {
     ASSERT_TRUE(hands->press("停止烧录"));
     ASSERT_TRUE(ends(0));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+}
+
+TEST_F(SerialBurnPageTest, TellsOfAPackageThatUnpackingWouldDelete) {
+    ASSERT_TRUE(hands->press("串口烧录"));
+    std::filesystem::create_directory("uart_temp_image");
+    std::filesystem::rename("package.vrk", "uart_temp_image/package.vrk");
+    chooseFirmware(pathOf("uart_temp_image/package.vrk"));
+    const std::vector<Box> boxes = prompts_.takeBoxes();
+    ASSERT_EQ(boxes.size(), 1U);
+    EXPECT_TRUE(boxes[0].text.startsWith("固件包位于程序的解压目录中"));
+    EXPECT_FALSE(hands->isEnabled("开始烧录"));
+    EXPECT_TRUE(std::filesystem::exists("uart_temp_image/package.vrk"));
 }
 
 TEST_F(SerialBurnPageTest, AListThatFailsLeavesThePageUsable) {

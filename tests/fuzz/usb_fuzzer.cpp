@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzzing.h"
-#include "leapingclock.h"
+#include "simulator/clock/leapingclock.h"
 #include "simulator/virtualusbbus.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"

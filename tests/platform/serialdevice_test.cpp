@@ -13,11 +13,11 @@
 #include <thread>
 #include <vector>
 
+#include "simulator/clock/turnedclock.h"
 #include "support/childprocess.h"
 #include "support/helpers.h"
 #include "support/pseudoterminal.h"
 #include "support/temporarydirectory.h"
-#include "support/turnedclock.h"
 
 using namespace std::chrono_literals;
 using platform::SerialDevice;

@@ -16,12 +16,12 @@
 #include <vector>
 
 #include "agentfixture.h"
+#include "simulator/clock/turnedclock.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
 #include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
-#include "support/turnedclock.h"
 #include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/usblistener.h"
 

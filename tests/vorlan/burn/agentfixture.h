@@ -12,11 +12,11 @@
 #include <thread>
 #include <vector>
 
+#include "simulator/clock/turnedclock.h"
 #include "simulator/virtualusbbus.h"
 #include "simulator/virtualusbdevice.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
-#include "support/turnedclock.h"
 #include "usbtap.h"
 #include "utils/interruption.h"
 #include "utils/text.h"

@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "platform/linux/libusbk/accessrule.h"
+#include "simulator/kernelusb/mockusbbus.h"
 #include "support/helpers.h"
 #include "support/systemlimits.h"
-#include "tests/platform/linux/libusbk/mockusbbus.h"
 #include "vorlan/burn/libusbktable.h"
 
 namespace {

@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "simulator/kernelusb/mockusbbus.h"
 #include "simulator/virtualusbdevice.h"
 #include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
-#include "tests/platform/linux/libusbk/mockusbbus.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/burnagent.h"

@@ -1,6 +1,6 @@
 // The C library's timed waits and its monotonic clock stand in here under their own names, so that
 // every call of the process comes this way, those of other libraries included.
-#include "support/turnedclock.h"
+#include "simulator/clock/turnedclock.h"
 
 #include <dirent.h>
 #include <dlfcn.h>

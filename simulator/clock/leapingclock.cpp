@@ -1,6 +1,6 @@
 // The C library's sleep and clock stand in here under their own names, so that every call of the
 // process comes this way.
-#include "leapingclock.h"
+#include "simulator/clock/leapingclock.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-#include "tests/platform/linux/libusbk/mockusbdevice.h"
+#include "simulator/kernelusb/mockusbdevice.h"
 
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>

@@ -1,4 +1,4 @@
-#include "support/turnedclock.h"
+#include "simulator/clock/turnedclock.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

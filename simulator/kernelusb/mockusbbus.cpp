@@ -1,4 +1,4 @@
-#include "tests/platform/linux/libusbk/mockusbbus.h"
+#include "simulator/kernelusb/mockusbbus.h"
 
 #include <umockdev.h>
 

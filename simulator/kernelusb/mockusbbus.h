@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/platform/linux/libusbk/mockusbdevice.h"
+#include "simulator/kernelusb/mockusbdevice.h"
 
 struct _UMockdevTestbed;
 
