@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "simulator/virtualusbbus.h"
-#include "simulator/virtualusbdevice.h"
+#include "simulator/usb/virtualusbbus.h"
+#include "simulator/usb/virtualusbdevice.h"
 #include "support/temporarydirectory.h"
 #include "utils/logutil.h"
 #include "utils/text.h"

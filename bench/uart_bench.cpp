@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
-#include "simulator/virtualserialdevice.h"
+#include "simulator/serial/virtualserialdevice.h"
 #include "support/temporarydirectory.h"
-#include "vorlan/uart/protocol/connect_flash/flash_loader.h"
-#include "vorlan/uart/protocol/header_configure.h"
+#include "vorlan/uart/flash_loader.h"
+#include "vorlan/uart/header_configure.h"
 
 namespace {
 

@@ -21,15 +21,15 @@
 #include <utility>
 #include <vector>
 
+#include "demo/operator/windowoperator.h"
 #include "platform/process.h"
-#include "simulator/operator/windowoperator.h"
 #include "simulator/packagebuilder.h"
-#include "simulator/virtualusbbus.h"
-#include "simulator/virtualusbdevice.h"
+#include "simulator/usb/virtualusbbus.h"
+#include "simulator/usb/virtualusbdevice.h"
 #include "support/temporarydirectory.h"
 #include "ui/applicationlook.h"
 #include "ui/prompts.h"
-#include "vorlanfactorytooldlg.h"
+#include "window/vorlanfactorytooldlg.h"
 
 using namespace std::chrono_literals;
 using simulator::VirtualUsbDevice;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "simulator/usbwire.h"
+#include "simulator/bytes.h"
 
 namespace simulator {
 

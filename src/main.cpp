@@ -1,5 +1,5 @@
 #include "platform/process.h"
-#include "vorlanfactorytool.h"
+#include "window/vorlanfactorytool.h"
 
 int main(int argc, char** argv) {
     // Whoever reads the output may leave; the devices are burned all the same.

@@ -13,13 +13,13 @@
 #include "fuzzing.h"
 #include "simulator/errorlist.h"
 #include "simulator/flash.h"
-#include "simulator/serialflashproxy.h"
-#include "simulator/serialromloader.h"
-#include "simulator/serialwire.h"
+#include "simulator/serial/serialflashproxy.h"
+#include "simulator/serial/serialromloader.h"
+#include "simulator/serial/serialwire.h"
 #include "slipmodel.h"
 #include "support/temporarydirectory.h"
-#include "vorlan/uart/protocol/connect_flash/flash_loader.h"
-#include "vorlan/uart/protocol/connect_ram/ram_loader.h"
+#include "vorlan/uart/flash_loader.h"
+#include "vorlan/uart/ram_loader.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "fuzzing.h"
 #include "slipmodel.h"
-#include "vorlan/uart/protocol/header_configure.h"
+#include "vorlan/uart/header_configure.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include "fuzzing.h"
 #include "simulator/clock/leapingclock.h"
-#include "simulator/virtualusbbus.h"
+#include "simulator/usb/virtualusbbus.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnadmin.h"

@@ -1,6 +1,6 @@
 // What the tests of the serial engine take for granted of the virtual device and cannot see
 // themselves.
-#include "simulator/virtualserialdevice.h"
+#include "simulator/serial/virtualserialdevice.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
-#include "vorlan/uart/protocol/connect_flash/flash_loader.h"
+#include "vorlan/uart/flash_loader.h"
 
 namespace simulator {
 namespace {

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/linux/udevports.h"
 #include "platform/serialports.h"
+#include "udevports.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/portlock.h"
+#include "portlock.h"
 
 #include <fcntl.h>
 #include <signal.h>

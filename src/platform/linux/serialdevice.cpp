@@ -16,7 +16,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/linux/portlock.h"
+#include "portlock.h"
 
 namespace platform {
 namespace {

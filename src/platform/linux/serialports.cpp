@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "platform/linux/udevports.h"
+#include "udevports.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/udevports.h"
+#include "udevports.h"
 
 #include <unistd.h>
 

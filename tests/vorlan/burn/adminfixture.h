@@ -17,8 +17,8 @@
 
 #include "agentfixture.h"
 #include "simulator/clock/turnedclock.h"
-#include "simulator/virtualusbbus.h"
-#include "simulator/virtualusbdevice.h"
+#include "simulator/usb/virtualusbbus.h"
+#include "simulator/usb/virtualusbdevice.h"
 #include "support/helpers.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "simulator/clock/turnedclock.h"
-#include "simulator/virtualusbbus.h"
-#include "simulator/virtualusbdevice.h"
+#include "simulator/usb/virtualusbbus.h"
+#include "simulator/usb/virtualusbdevice.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "usbtap.h"

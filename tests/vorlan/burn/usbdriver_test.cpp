@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "simulator/virtualusbbus.h"
+#include "simulator/usb/virtualusbbus.h"
 #include "support/helpers.h"
 #include "vorlan/burn/libusbktable.h"
 

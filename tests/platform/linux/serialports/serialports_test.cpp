@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "pages/serial/serialportlist.h"
 #include "platform/serialports.h"
-#include "serialportlist.h"
 
 namespace platform {
 

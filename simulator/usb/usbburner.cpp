@@ -1,0 +1,212 @@
+#include "simulator/usb/usbburner.h"
+
+#include <algorithm>
+
+#include "simulator/crc64.h"
+#include "simulator/usb/virtualusbdevice.h"
+
+namespace simulator {
+namespace {
+
+const char* nameOf(std::uint8_t code) {
+    switch (code) {
+        case kFlashWrite:
+            return "FLASH_WRITE";
+        case kVerifyOnly:
+            return "VERIFY_ONLY";
+        case kEraseOnly:
+            return "ERASE_ONLY";
+        case kSync:
+            return "SYNC";
+        case kGetResult:
+            return "GET_RESULT";
+        case kSetCrc64:
+            return "SET_CRC64";
+        default:
+            return "a code that is never sent";
+    }
+}
+
+}  // namespace
+
+void UsbBurner::powerOn() {
+    state_ = State::Idle;
+    crc_.reset();
+}
+
+UsbBurner::Response UsbBurner::takeCommand(Bytes record, Clock::time_point now, bool carryOut,
+                                           bool lastAnswered, bool strictOrder) {
+    const std::uint32_t first = readU32(record, 0);
+    const Command command{static_cast<std::uint8_t>(first >> 25), first & 0x1FFFFFF,
+                          readU32(record, 4), readU32(record, 8)};
+    if (command.code < kFlashWrite || command.code > kSetCrc64)
+        return breach("a command code that is never sent", 0);
+    if (!isClean(record, command))
+        return {kError, command.code, {}, "bad command record"};
+    switch (command.code) {
+        case kSync:
+            return {kSuccess, kSync};
+        case kGetResult:
+            return getResult(now, carryOut, lastAnswered, strictOrder);
+        case kSetCrc64:
+            return setCrc(record, carryOut);
+        default:
+            return begin(record, command, now, carryOut, lastAnswered, strictOrder);
+    }
+}
+
+bool UsbBurner::isClean(Bytes record, const Command& command) {
+    const std::string name = nameOf(command.code);
+    const bool bare = command.code == kSync || command.code == kGetResult;
+    const std::uint32_t allowed = bare ? 0 : kFlagCrc64;
+    bool clean = true;
+    const auto expect = [&](bool condition, const char* text) {
+        if (!condition)
+            note(name + text);
+        clean = clean && condition;
+    };
+    expect((command.flags & ~allowed) == 0, " has unknown flags");
+    expect(!bare || readU64(record, 4) == 0, " has an address or size");
+    expect(readU32(record, 12) == 0, " has its reserved bytes set");
+    return clean;
+}
+
+UsbBurner::Response UsbBurner::getResult(Clock::time_point now, bool carryOut, bool lastAnswered,
+                                         bool strictOrder) {
+    switch (state_) {
+        case State::Idle:
+            return breach("GET_RESULT without a command", 0);
+        case State::TakingData:
+            note("GET_RESULT in the data phase");
+            return {kOngoing, running_.code};
+        case State::Running:
+            if (now < resultAt_)
+                return {kOngoing, running_.code};
+            if (!carryOut)
+                return {kSuccess, running_.code};
+            outcome_ = finish();
+            return outcome_;
+        case State::Finished:
+        case State::Failed:
+            break;
+    }
+    if (strictOrder && lastAnswered)
+        note("GET_RESULT again after the result");
+    return outcome_;
+}
+
+UsbBurner::Response UsbBurner::setCrc(Bytes record, bool carryOut) {
+    if (state_ == State::TakingData || state_ == State::Running)
+        return breach("SET_CRC64 while a command runs", kSetCrc64);
+    if (carryOut)
+        crc_ = readU64(record, 4);
+    return {kSuccess, kSetCrc64};
+}
+
+UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, Clock::time_point now,
+                                     bool carryOut, bool lastAnswered, bool strictOrder) {
+    const bool runs = state_ == State::TakingData || state_ == State::Running;
+    const bool again = runs && received_ == 0 && std::ranges::equal(record, lastRecord_) &&
+                       (!lastAnswered || !strictOrder);
+    if (runs && !again)
+        return breach("a command while another runs", command.code);
+
+    const bool needsCrc = command.code == kVerifyOnly ||
+                          (command.code == kFlashWrite && (command.flags & kFlagCrc64) != 0);
+    if (needsCrc && !again && !crc_)
+        return breach("a command that needs SET_CRC64 before it", command.code);
+    if (std::uint64_t{command.address} + command.size > options_->flashSize)
+        return {kError, command.code, {}, "address out of range"};
+
+    const bool isWrite = command.code == kFlashWrite;
+    const Response accepted{isWrite ? kReady : kOngoing, command.code,
+                            isWrite ? options_->eraseTime : Clock::duration{}};
+    if (!carryOut)
+        return accepted;
+    std::ranges::copy(record, lastRecord_.begin());
+    running_ = command;
+    if (!again)
+        runningCrc_ = crc_.value_or(0);
+    crc_.reset();
+    received_ = 0;
+    receivedCrc_ = 0;
+    corrupted_ = false;
+    resultAt_ = now + accepted.delay + options_->resultTime;
+    state_ = isWrite && command.size > 0 ? State::TakingData : State::Running;
+    return accepted;
+}
+
+std::optional<UsbBurner::Response> UsbBurner::takeChunk(
+    Bytes chunk, Clock::time_point now, bool carryOut, bool lastAnswered, bool strictOrder,
+    std::optional<std::uint32_t> corruptOffset) {
+    if (state_ != State::TakingData) {
+        note("data outside the data phase");
+        return std::nullopt;
+    }
+    if (strictOrder && !lastAnswered)
+        note("a chunk before the last answer was read");
+    const std::uint32_t expected =
+        std::min(running_.size - received_, static_cast<std::uint32_t>(kChunkSize));
+    if (chunk.size() != expected) {
+        fail();
+        return breach("a chunk of a wrong size", kFlashWrite);
+    }
+    const Response taken{kReady, kFlashWrite, options_->chunkTime};
+    if (!carryOut)
+        return taken;
+
+    const std::uint32_t address = running_.address + received_;
+    flash_->program(address, chunk);
+    if (corruptOffset && *corruptOffset < chunk.size()) {
+        const auto wrong = static_cast<std::uint8_t>(chunk[*corruptOffset] ^ 1);
+        flash_->program(address + *corruptOffset, Bytes(&wrong, 1));
+        corrupted_ = true;
+    }
+    if ((running_.flags & kFlagCrc64) != 0)
+        receivedCrc_ = crc64(receivedCrc_, chunk);
+    received_ += expected;
+    if (received_ == running_.size) {
+        state_ = State::Running;
+        resultAt_ = now + options_->chunkTime + options_->resultTime;
+    }
+    return taken;
+}
+
+void UsbBurner::fail() {
+    state_ = State::Failed;
+    outcome_ = {kError, running_.code, {}, "the command has failed"};
+}
+
+UsbBurner::Response UsbBurner::finish() {
+    if (running_.code == kEraseOnly)
+        flash_->erase(running_.address, running_.size);
+    if (!dataIsGood()) {
+        state_ = State::Failed;
+        return {kError, running_.code, {}, "crc64 mismatch"};
+    }
+    state_ = State::Finished;
+    return {kSuccess, running_.code};
+}
+
+bool UsbBurner::dataIsGood() {
+    if (running_.code == kVerifyOnly)
+        return flash_->crc64(running_.address, running_.size) == runningCrc_;
+    if (running_.code != kFlashWrite || (running_.flags & kFlagCrc64) == 0)
+        return true;
+    if (receivedCrc_ != runningCrc_)
+        note("the CRC-64 is not that of the data");
+    const std::uint64_t programmed =
+        corrupted_ ? flash_->crc64(running_.address, running_.size) : receivedCrc_;
+    return programmed == runningCrc_;
+}
+
+UsbBurner::Response UsbBurner::breach(const char* text, std::uint8_t cmdorg) {
+    note(text);
+    return {kError, cmdorg, {}, text};
+}
+
+void UsbBurner::note(const std::string& text) {
+    errors_->add("burner: " + text);
+}
+
+}  // namespace simulator

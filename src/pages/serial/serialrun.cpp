@@ -1,0 +1,336 @@
+#include "pages/serial/serialrun.h"
+
+#include <utility>
+
+#include "pages/burnend.h"
+#include "pages/serial/serialburnpage.h"
+#include "pages/tiletexts.h"
+#include "platform/serialdevice.h"
+#include "storage/globalstorage.h"
+#include "utils/logutil.h"
+#include "utils/text.h"
+#include "vorlan/uart/flash_loader.h"
+#include "vorlan/uart/ram_loader.h"
+
+#define LOG_TAG "SerialAvatar"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kRomAttempts = 10;
+constexpr auto kPauseAfterFailedAttempt = 1000ms;
+constexpr auto kPauseAfterRom = 2000ms;  // in which the flash proxy starts
+constexpr std::uint32_t kRamWindow = 0x60000000;
+
+// How a device is burned.
+struct Config {
+    bool syncRamLoader = true;  // find the flash proxy's rate
+    bool md5Check = true;
+    bool download = true;
+    bool skipRom = false;
+    std::uint8_t endAction = 2;        // of UART_FLASH_END
+    std::uint32_t baudrate = 3000000;  // to change to; 0 leaves the rate as it is
+};
+constexpr Config config;
+
+SerialNumFile& snFile() {
+    return GlobalStorage::getInstance().getSnFile();
+}
+
+// An offset in the flash as an address of the device's window; one above the window's range wraps.
+std::uint32_t windowAddress(std::uint32_t offset) {
+    return offset - kFlashWindow;
+}
+
+}  // namespace
+
+SerialRun::SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr)
+    : slot_(std::move(slot)),
+      items_(slot_.firmwareManager != nullptr ? slot_.firmwareManager->getBurnItems()
+                                              : std::vector<BurnItem>()),
+      snRecord_(snRecord),
+      sn_(snRecord != nullptr ? snRecord->sn : std::string()),
+      snAddr_(snAddr),
+      context_(uart_context_create()),
+      snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved),
+      tile_(slot_.tile) {
+    context_->run = this;
+    context_->onProgress = onBurnProgress;
+    context_->onFinish = onBurnFinished;
+    context_->onError = onBurnError;
+}
+
+void SerialRun::serve() {
+    const std::string port = text::narrow(slot_.portName);
+    LOG_I("start serve thread, port=%s", port.c_str());
+    if (slot_.firmwareManager == nullptr) {
+        LOG_I("firmware manager is NULL, serve thread stopped, port=%s", port.c_str());
+        releaseSn();
+        logEnd(false);
+        ended_ = true;
+        return;
+    }
+    onTile([](DeviceDisplay& tile) {
+        tile.setActive(true);
+        tile.setProgress(0);
+    });
+    openPort();
+    bool good = false;
+    int ret = prepareDevice();
+    if (ret == kUartOk && !uart_context_stopped(context_.get())) {
+        ret = burnItems();
+        if (beginSn())
+            ret = burnSn();
+        good = ret == kUartOk && burnedItems_ == items_.size();
+        if (good)
+            useUpRowWithoutNumber();
+        good = good && isSnSettled();
+        if (good)
+            context_->onFinish(context_.get());
+    }
+    releaseSn();
+    serial_close(context_->port);
+    logEnd(good);
+    LOG_I("serve thread stopped, port=%s", port.c_str());
+    ended_ = true;
+}
+
+void SerialRun::stop() {
+    context_->stop = true;
+    bool reserved = false;
+    {
+        const std::lock_guard guard(lock_);
+        reserved = snState_ == SnState::kReserved;
+        if (reserved)
+            snState_ = SnState::kGivenBack;
+    }
+    if (reserved)
+        giveBack();
+}
+
+void SerialRun::leaveTile() {
+    const std::lock_guard guard(tileLock_);
+    tile_ = nullptr;
+}
+
+template <typename Show>
+void SerialRun::onTile(const Show& show) {
+    const std::lock_guard guard(tileLock_);
+    if (tile_ != nullptr)
+        show(*tile_);
+}
+
+// A port that cannot be opened shows in the first exchange.
+void SerialRun::openPort() {
+    uart_context_open_port(context_.get(), slot_.portName);
+    const std::string holder = platform::serialPortHolder();
+    if (context_->port != nullptr || holder.empty() || portToldBusy_)
+        return;
+    portToldBusy_ = true;
+    LOG_W("%s is in use by %s", text::narrow(slot_.portName).c_str(), holder.c_str());
+}
+
+// Brings the device to the point where its flash proxy takes images at the full rate. A stop in
+// between is no failure.
+int SerialRun::prepareDevice() {
+    if (!config.skipRom) {
+        const int ret = connectWithRom();
+        if (ret != kUartOk)
+            return fail(ret, "CONNECT WITH ROM TRIGGER ERROR");
+        if (uart_context_stopped(context_.get()))
+            return kUartOk;
+        slot_.stopEvent->wait(kPauseAfterRom);
+    }
+    if (config.syncRamLoader) {
+        LOG_I("SYNC WITH RAM LOADER");
+        if (flash_loader_handshake(context_.get()) != kUartOk)
+            return fail(-1, "HANDSHAKE FAILED");
+    }
+    if (config.baudrate != 0) {
+        LOG_I("CHANGE BAUDRATE");
+        const int ret = flash_loader_change_baudrate(context_.get(), config.baudrate);
+        if (ret != kUartOk)
+            return fail(ret, "CHANGE BAUDRATE, RET=" + std::to_string(ret));
+    }
+    return kUartOk;
+}
+
+int SerialRun::connectWithRom() {
+    int ret = kUartOk;
+    for (int attempt = 0; attempt < kRomAttempts; ++attempt) {
+        if (uart_context_stopped(context_.get()))
+            break;
+        // An earlier run, or whoever has the port, may have let go of it by now.
+        if (context_->port == nullptr && attempt > 0)
+            openPort();
+        onTile([](DeviceDisplay& tile) { tile.setStatus(L"准备中..."); });
+        ret = ram_loader_download(context_.get());
+        if (ret == kUartOk)
+            break;
+        slot_.stopEvent->wait(kPauseAfterFailedAttempt);
+    }
+    return ret;
+}
+
+// A failed item does not keep the next ones from being burned. Gives the result of the last one.
+int SerialRun::burnItems() {
+    int ret = kUartOk;
+    for (const BurnItem& item : items_) {
+        if (uart_context_stopped(context_.get()))
+            break;
+        ret = burnItem(item, ret);
+    }
+    return ret;
+}
+
+// `ret` is what an item that leads to nothing leaves as it is.
+int SerialRun::burnItem(const BurnItem& item, int ret) {
+    const std::string path = text::narrow(item.file);
+    const std::uint32_t address = windowAddress(item.addr);
+    LOG_I("START TO BURN %s, ADDR=0x%x", path.c_str(), address);
+    if (!config.download) {
+        if (!config.md5Check)
+            return ret;
+        LOG_I("ONLY USE MD5 CHECK COMMAND");
+        return flash_loader_md5_check(context_.get(), path.c_str(), address);
+    }
+    if (address < kRamWindow)
+        return ret;
+    if (address >= kFlashWindow) {
+        LOG_I(config.md5Check ? "DOWNLOAD TO FLASH WITH MD5 CHECK" : "DOWNLOAD CODE TO FLASH");
+        ret = flash_loader_download_file(context_.get(), path.c_str(), address, config.endAction,
+                                         config.md5Check);
+    } else {
+        if (config.md5Check)
+            LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
+        LOG_I(config.md5Check ? "DOWNLOAD CODE TO RAM WITH MD5 CHECK" : "DOWNLOAD CODE TO RAM");
+        LOG_W("%s is for RAM, to which nothing is sent: port=%s", path.c_str(),
+              text::narrow(slot_.portName).c_str());
+        ret = flash_loader_download_ram(context_.get(), path.c_str(), address, config.endAction);
+    }
+    if (ret == kUartOk)
+        ++burnedItems_;
+    return ret;
+}
+
+int SerialRun::burnSn() {
+    LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
+    const int ret = flash_loader_download_buffer(
+        context_.get(), reinterpret_cast<const std::uint8_t*>(sn_.data()),
+        static_cast<std::uint32_t>(sn_.size()), windowAddress(snAddr_), config.endAction,
+        config.md5Check, L"SN=" + text::widen(sn_));
+    if (ret != kUartOk) {
+        releaseSn();
+        return ret;
+    }
+    markBurned();
+    return ret;
+}
+
+// A row of the list may have no number: nothing is written for it, and the next device draws the
+// next row.
+void SerialRun::useUpRowWithoutNumber() {
+    {
+        const std::lock_guard guard(lock_);
+        if (snState_ != SnState::kReserved || !sn_.empty())
+            return;
+        snState_ = SnState::kWriting;
+    }
+    LOG_W("the row of the list has no number, none is written: port=%s",
+          text::narrow(slot_.portName).c_str());
+    markBurned();
+}
+
+void SerialRun::markBurned() {
+    {
+        const std::lock_guard guard(lock_);
+        snState_ = SnState::kBurned;
+    }
+    if (snFile().isLoaded() == 0)
+        return;
+    const auto unmarked = snFile().markBurned(snRecord_);
+    if (slot_.page != nullptr)
+        slot_.page->tellUnmarked(unmarked);
+}
+
+// Whether there is a number to write. From here on the run alone decides what becomes of it.
+bool SerialRun::beginSn() {
+    if (!config.md5Check || !config.download)
+        return false;
+    const std::lock_guard guard(lock_);
+    if (snState_ != SnState::kReserved || sn_.empty())
+        return false;
+    snState_ = SnState::kWriting;
+    return true;
+}
+
+// Whether the device has the number that was drawn for it, or none was.
+bool SerialRun::isSnSettled() {
+    const std::lock_guard guard(lock_);
+    return snState_ == SnState::kNone || snState_ == SnState::kBurned;
+}
+
+// For the run: a number that is not in the device, whatever has become of its download.
+void SerialRun::releaseSn() {
+    bool held = false;
+    {
+        const std::lock_guard guard(lock_);
+        held = snState_ == SnState::kReserved || snState_ == SnState::kWriting;
+        if (held)
+            snState_ = SnState::kGivenBack;
+    }
+    if (held)
+        giveBack();
+}
+
+void SerialRun::giveBack() {
+    if (snFile().isLoaded() != 0)
+        snFile().releaseRecord(snRecord_);
+}
+
+void SerialRun::logEnd(bool good) {
+    std::string outcome = lastError_;
+    if (context_->stop)
+        outcome = "stopped" + (outcome.empty() ? outcome : ", " + outcome);
+    else if (outcome.empty())
+        outcome = "an image, or the number, lies outside the flash";
+    logBurnEnd(
+        {.place = text::narrow(slot_.portName), .good = good, .outcome = outcome, .sn = sn_});
+}
+
+int SerialRun::fail(int code, const std::string& description) {
+    context_->onError(context_.get(), code, text::widen(description));
+    LOG_E("%s", description.c_str());
+    return code;
+}
+
+void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, int percent) {
+    context->run->onTile([&](DeviceDisplay& tile) {
+        tile.setProgress(percent);
+        tile.setStatus(tiletexts::progress(name, percent));
+    });
+}
+
+void SerialRun::onBurnFinished(UartContext* context) {
+    SerialRun& run = *context->run;
+    if (run.slot_.tile == nullptr)
+        return;
+    run.onTile(
+        [&](DeviceDisplay& tile) { tile.setStatus(tiletexts::success(text::widen(run.sn_))); });
+    GlobalStorage::getInstance().increaseFlashCount();
+    if (run.slot_.page != nullptr)
+        run.slot_.page->refreshBurnCount();
+}
+
+void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& description) {
+    SerialRun& run = *context->run;
+    run.lastError_ = text::narrow(description) + ", code " + std::to_string(code);
+    if (run.slot_.tile == nullptr)
+        return;
+    run.onTile([&](DeviceDisplay& tile) {
+        tile.setStatus(tiletexts::failure(code, description));
+        tile.setActive(false);
+    });
+    run.releaseSn();
+}

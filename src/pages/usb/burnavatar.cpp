@@ -1,0 +1,119 @@
+#include "pages/usb/burnavatar.h"
+
+#include <utility>
+
+#include "pages/burnend.h"
+#include "pages/tiletexts.h"
+#include "pages/usb/burnpage.h"
+#include "storage/globalstorage.h"
+#include "storage/usbtagmap.h"
+#include "utils/interruption.h"
+#include "utils/logutil.h"
+#include "utils/text.h"
+#include "utils/trace.h"
+
+#define LOG_TAG "BurnAvatar"
+
+namespace {
+
+SerialNumFile& snFile() {
+    return GlobalStorage::getInstance().getSnFile();
+}
+
+}  // namespace
+
+void BurnAvatar::setDeviceId(const std::wstring& deviceId) {
+    deviceId_ = deviceId;
+    plugId_ = makePlugId(deviceId);
+}
+
+void BurnAvatar::startBurn(std::vector<BurnItem> items) {
+    if (agent_ != nullptr)
+        return;
+    const std::string deviceId = text::narrow(deviceId_);
+    snRecord_ = nullptr;
+    if (snFile().isLoaded() != 0) {
+        snRecord_ = snFile().takeNext();
+        if (snRecord_ == nullptr) {
+            if (display_ != nullptr) {
+                display_->setProgress(0);
+                display_->setStatus(tiletexts::kNumbersUsedUp);
+            }
+            logBurnEnd({deviceId, false, "the serial numbers are used up", ""});
+            return;
+        }
+        if (snRecord_->sn.empty())
+            LOG_W("a row without a number: no number is written, device_id=%s", deviceId.c_str());
+        TRACE("SN=%s, device_id=%s\n", snRecord_->sn.c_str(), deviceId.c_str());
+    }
+    error_.clear();
+    step_ = "the first SYNC";
+    agent_ = std::make_unique<BurnAgent>(deviceId);
+    if (snRecord_ != nullptr)
+        agent_->set_sn(snRecord_->sn, GlobalStorage::getInstance().getSnBurnAddr());
+    agent_->run(std::move(items), this, CMD_CODE_FLASH_WRITE);
+    const bool good = agent_->is_done();
+    logBurnEnd({deviceId, good, good ? std::string() : whatWentWrong(), agent_->get_sn()});
+}
+
+std::string BurnAvatar::whatWentWrong() const {
+    if (!error_.empty())
+        return error_;
+    return (interruption::requested() ? "stopped or unplugged at " : "a command failed at ") +
+           step_;
+}
+
+void BurnAvatar::releaseSn() {
+    if (snRecord_ != nullptr && snFile().isLoaded() != 0)
+        snFile().releaseRecord(snRecord_);
+    snRecord_ = nullptr;
+}
+
+void BurnAvatar::onBurnStart(BurnAgent* agent) {
+    step_ = "the first image";
+    if (display_ == nullptr)
+        return;
+    display_->setName(text::widen(agent->get_device_id()));
+    display_->setActive(true);
+}
+
+void BurnAvatar::onBurnProgress(BurnAgent* /*agent*/, const std::string& name, unsigned percent) {
+    showProgress(text::widen(name), percent);
+}
+
+void BurnAvatar::onItemProgress(BurnAgent* /*agent*/, const BurnItem* item, unsigned percent) {
+    showProgress(item->file, percent);
+}
+
+void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
+    step_ = text::narrow(name) + ", " + std::to_string(percent) + "%";
+    if (display_ == nullptr)
+        return;
+    display_->setProgress(static_cast<int>(percent));
+    display_->setStatus(tiletexts::progress(name, static_cast<int>(percent)));
+}
+
+void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
+    if (display_ == nullptr)
+        return;
+    const std::string sn = agent_ != nullptr ? agent_->get_sn() : std::string();
+    // The tile comes last: what it tells is true whatever happens to the machine next.
+    std::vector<SerialNumFile::Unmarked> unmarked;
+    if (snRecord_ != nullptr && snFile().isLoaded() != 0)
+        unmarked = snFile().markBurned(snRecord_);
+    GlobalStorage::getInstance().increaseFlashCount();
+    if (page_ != nullptr) {
+        page_->tellUnmarked(unmarked);
+        page_->refreshBurnCount();
+    }
+    display_->setStatus(tiletexts::success(text::widen(sn)));
+}
+
+void BurnAvatar::onBurnError(BurnAgent* /*agent*/, int code, const std::string& message) {
+    error_ = "code=" + std::to_string(code) + ", " + message;
+    if (display_ == nullptr)
+        return;
+    display_->setStatus(tiletexts::failure(code, text::widen(message)));
+    display_->setActive(false);
+    releaseSn();
+}

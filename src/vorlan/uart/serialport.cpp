@@ -1,0 +1,109 @@
+#include "vorlan/uart/serialport.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+
+#include "utils/interruption.h"
+#include "utils/logutil.h"
+#include "utils/trace.h"
+
+#define LOG_TAG "SerialPort"
+
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr milliseconds kOpenReadConstant{1000};
+constexpr milliseconds kWriteConstant{1000};
+
+// The least silence that tells the end of an answer; slow lines need more.
+milliseconds gapAt(std::uint32_t baudrate) {
+    assert(baudrate != 0);
+    return milliseconds(10) * std::max(10000 / baudrate, 1U);
+}
+
+bool isOpen(const SerialPort& port) {
+    if (port != nullptr)
+        return true;
+    errno = EBADF;
+    return false;
+}
+
+bool report(bool done, const char* call) {
+    if (!done)
+        serial_report_error(call);
+    return done;
+}
+
+bool setTimeouts(const SerialPort& port, const platform::SerialTimeouts& timeouts) {
+    return report(isOpen(port) && port->setTimeouts(timeouts), "SetCommTimeouts");
+}
+
+}  // namespace
+
+SerialPort serial_open(const std::string& path, std::uint32_t baudrate, std::uint32_t stopBits,
+                       std::uint32_t parity) {
+    SerialPort port = platform::openSerialDevice(path, interruption::current());
+    if (!report(port != nullptr, "CreateFile")) {
+        const std::string holder = platform::serialPortHolder();
+        if (!holder.empty())
+            TRACE("%s is in use by %s\n", path.c_str(), holder.c_str());
+        return nullptr;
+    }
+    platform::SerialTimeouts timeouts;
+    timeouts.readGap = gapAt(baudrate);
+    timeouts.readConstant = kOpenReadConstant;
+    timeouts.writePerByte = gapAt(baudrate);
+    timeouts.writeConstant = kWriteConstant;
+    if (serial_set_params(port, baudrate, stopBits, parity) == 0 || !setTimeouts(port, timeouts))
+        return nullptr;
+    return port;
+}
+
+int serial_set_params(const SerialPort& port, std::uint32_t baudrate, std::uint32_t stopBits,
+                      std::uint32_t parity) {
+    if (!report(isOpen(port) && port->fetchSettings(), "GetCommState"))
+        return 0;
+    if (report(port->setLine({baudrate, stopBits, parity}), "SetCommState"))
+        return 1;
+    LOG_E("%s does not take the line's settings: asked for %u bit/s, its driver gives %u",
+          port->path().c_str(), baudrate, port->offeredRate());
+    return 0;
+}
+
+int serial_set_timeouts(const SerialPort& port, std::uint32_t baudrate,
+                        std::uint32_t readConstantMs) {
+    platform::SerialTimeouts timeouts;
+    timeouts.readGap = gapAt(baudrate);
+    timeouts.readPerByte = gapAt(baudrate);
+    timeouts.readConstant = milliseconds(readConstantMs);
+    timeouts.writePerByte = gapAt(baudrate);
+    timeouts.writeConstant = kWriteConstant;
+    return setTimeouts(port, timeouts) ? 1 : 0;
+}
+
+int serial_read(const SerialPort& port, std::uint8_t* buffer, int wanted) {
+    const int count = isOpen(port) ? port->read(buffer, wanted) : -1;
+    report(count >= 0, "ReadFile");
+    buffer[std::max(count, 0)] = 0;
+    return count;
+}
+
+int serial_write(const SerialPort& port, const std::uint8_t* bytes, int size) {
+    const int count = isOpen(port) ? port->write(bytes, size) : -1;
+    report(count >= 0, "WriteFile");
+    return count;
+}
+
+void serial_close(SerialPort& port) {
+    port.reset();
+}
+
+void serial_report_error(const char* call) {
+    const int code = errno;
+    TRACE("%s failed with error %d:\n%s\n", call, code,
+          std::generic_category().message(code).c_str());
+}

@@ -1,0 +1,842 @@
+// libusbK.so as the USB engine binds it, on the real libusb, with fake devices on a fake bus.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <latch>
+#include <mutex>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "libusbk/accessrule.h"
+#include "simulator/kernelusb/mockusbbus.h"
+#include "support/helpers.h"
+#include "support/systemlimits.h"
+#include "vorlan/burn/libusbktable.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using testing::HasSubstr;
+
+constexpr auto kPatience = 20s;          // for what has to come
+constexpr std::uint32_t kLong = 30'000;  // ms, for waits that something else has to end
+constexpr std::uint32_t kShort = 50;     // ms, for waits that have to run out
+constexpr std::uint8_t kIn = 0x85;
+constexpr std::uint8_t kOut = 0x04;
+
+const LibusbkTable& usb() {
+    return libusbkTable();
+}
+
+// How many more waits of the thread that runs libusb's events are to fail, and how often libusb was
+// asked to open a device.
+std::atomic<int> failingPolls = 0;
+std::atomic<int> opens = 0;
+
+template <typename Function>
+Function below(const char* library, const char* name) {
+    return reinterpret_cast<Function>(::dlsym(::dlopen(library, RTLD_LAZY | RTLD_NOLOAD), name));
+}
+
+// What a monitor has reported. The callback has no argument of its own, so there is one at a time.
+class Reports {
+  public:
+    struct Report {
+        libusbk::Monitor* monitor;
+        std::int32_t kind;
+        std::thread::id thread;
+        libusbk::DeviceEntry entry;
+    };
+
+    Reports() { current_ = this; }
+    ~Reports() { current_ = nullptr; }
+    Reports(const Reports&) = delete;
+    Reports& operator=(const Reports&) = delete;
+
+    // Starts a monitor for the chip, and takes `hook` along for each report.
+    libusbk::Monitor* watch(std::function<void(const Report&)> hook = nullptr) {
+        hook_ = std::move(hook);
+        return add(libusbk::kReportConnected);
+    }
+
+    // One more monitor, of which nothing is taken along.
+    static libusbk::Monitor* add(std::uint32_t flags) {
+        libusbk::MonitorParameters parameters{};
+        parameters.flags = flags;
+        std::string("USB\\VID_1234&PID_5678\\*").copy(parameters.pattern.deviceId, 255);
+        parameters.callback = &Reports::onEvent;
+        libusbk::Monitor* monitor = nullptr;
+        EXPECT_TRUE(usb().HotK_Init(&monitor, &parameters));
+        return monitor;
+    }
+
+    // The first `count` reports, as soon as there are as many.
+    std::vector<Report> await(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return reports_.size() >= count; }));
+        return reports_;
+    }
+
+  private:
+    static void onEvent(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
+                        std::int32_t kind) {
+        const Report report{monitor, kind, std::this_thread::get_id(), *entry};
+        {
+            const std::lock_guard guard(current_->mutex_);
+            current_->reports_.push_back(report);
+            current_->changed_.notify_all();
+        }
+        if (current_->hook_)
+            current_->hook_(report);
+    }
+
+    static inline Reports* current_ = nullptr;
+    std::function<void(const Report&)> hook_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Report> reports_;
+};
+
+// An open device with one slot.
+class Opened {
+  public:
+    explicit Opened(const libusbk::DeviceEntry& entry) {
+        EXPECT_TRUE(usb().UsbK_Init(&handle, &entry)) << usb().LibK_LastError();
+        EXPECT_TRUE(usb().OvlK_Init(&pool_, handle, 1, 0));
+        EXPECT_TRUE(usb().OvlK_Acquire(&slot, pool_));
+    }
+    // In the order of the engine: the pool outlives its handle.
+    ~Opened() {
+        EXPECT_TRUE(usb().UsbK_Free(handle));
+        EXPECT_TRUE(usb().OvlK_Release(slot));
+        EXPECT_TRUE(usb().OvlK_Free(pool_));
+    }
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+
+    // Starts a transfer; the error, or kIoPending.
+    std::uint32_t startRead(std::size_t length) {
+        buffer.assign(length, 0);
+        return error(usb().UsbK_ReadPipe(handle, kIn, buffer.data(),
+                                         static_cast<std::uint32_t>(length), &moved, slot));
+    }
+    std::uint32_t startWrite(const Bytes& bytes) {
+        buffer = bytes;
+        return error(usb().UsbK_WritePipe(handle, kOut, buffer.data(),
+                                          static_cast<std::uint32_t>(buffer.size()), &moved, slot));
+    }
+    // Sets `moved`; the error, or kNoError.
+    std::uint32_t wait(std::uint32_t timeoutMs) {
+        return error(usb().OvlK_WaitOrCancel(slot, timeoutMs, &moved));
+    }
+    // What a read gives.
+    Bytes read(std::size_t length, std::uint32_t timeoutMs = kLong) {
+        EXPECT_EQ(startRead(length), libusbk::kIoPending);
+        EXPECT_EQ(wait(timeoutMs), libusbk::kNoError);
+        return Bytes(buffer.begin(), buffer.begin() + moved);
+    }
+    std::uint32_t write(const Bytes& bytes) {
+        const std::uint32_t code = startWrite(bytes);
+        return code == libusbk::kIoPending ? wait(kLong) : code;
+    }
+
+    static std::uint32_t error(bool success) {
+        return success ? std::uint32_t{libusbk::kNoError} : usb().LibK_LastError();
+    }
+
+    libusbk::UsbHandle* handle = nullptr;
+    libusbk::OverlappedSlot* slot = nullptr;
+    Bytes buffer;
+    std::uint32_t moved = 0;
+
+  private:
+    libusbk::OverlappedPool* pool_ = nullptr;
+};
+
+// The connected devices with this id, or none.
+std::vector<libusbk::DeviceEntry> list(const std::string& id) {
+    libusbk::DevicePattern pattern{};
+    id.copy(pattern.deviceId, sizeof pattern.deviceId - 1);
+    pattern.deviceInterfaceGuid[0] = '*';
+    pattern.classGuid[0] = '*';
+    libusbk::DeviceList* found = nullptr;
+    EXPECT_TRUE(usb().LstK_InitEx(&found, 0, &pattern));
+    std::vector<libusbk::DeviceEntry> entries;
+    const libusbk::DeviceEntry* entry = nullptr;
+    if (usb().LstK_FindByVidPid(found, 0x1234, 0x5678, &entry))
+        entries.push_back(*entry);
+    else
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+    EXPECT_TRUE(usb().LstK_Free(found));
+    return entries;
+}
+
+Bytes pattern(std::size_t size, int seed = 0) {
+    Bytes bytes(size);
+    std::iota(bytes.begin(), bytes.end(), static_cast<std::uint8_t>(seed));
+    return bytes;
+}
+
+std::size_t threadsOfProcess() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+// Takes from the calling thread what lets root open any file, for as long as it lives.
+class NoOverride {
+  public:
+    NoOverride() {
+        ::syscall(SYS_capget, &header_, before_);
+        __user_cap_data_struct now[2] = {before_[0], before_[1]};
+        now[0].effective &= ~(1U << CAP_DAC_OVERRIDE);
+        ::syscall(SYS_capset, &header_, now);
+    }
+    ~NoOverride() { ::syscall(SYS_capset, &header_, before_); }
+    NoOverride(const NoOverride&) = delete;
+    NoOverride& operator=(const NoOverride&) = delete;
+
+  private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct before_[2] = {};
+};
+
+class LibusbkTest : public testing::Test {
+  protected:
+    void bind() {
+        binding_.emplace();
+        ASSERT_TRUE(LibusbkBinding::isBound());
+    }
+    void unbind() { binding_.reset(); }
+
+    // Plugs in the device of most tests and gives its entry.
+    libusbk::DeviceEntry plugInAndBind(
+        const std::function<void(MockUsbDevice&)>& prepare = nullptr) {
+        device = &bus.plugIn("3", prepare);
+        bind();
+        const auto entries = list("*");
+        EXPECT_EQ(entries.size(), 1U);
+        return entries.at(0);
+    }
+
+    MockUsbBus bus;
+    MockUsbDevice* device = nullptr;
+
+  private:
+    std::optional<LibusbkBinding> binding_;
+};
+
+}  // namespace
+
+// libusbK.so and libusb find these before those of the libraries.
+extern "C" {
+
+[[gnu::visibility("default")]] int poll(pollfd* waits, nfds_t count, int timeoutMs) {
+    constexpr int kEventThreads = 60'000;  // nobody else waits so long
+    if (timeoutMs == kEventThreads && failingPolls > 0) {
+        --failingPolls;
+        errno = ENOMEM;
+        return -1;
+    }
+    const timespec limit{timeoutMs / 1000, timeoutMs % 1000 * 1'000'000L};
+    return ::ppoll(waits, count, timeoutMs < 0 ? nullptr : &limit, nullptr);
+}
+
+[[gnu::visibility("default")]] int libusb_open(void* device, void** handle) {
+    ++opens;
+    static const auto real = below<int (*)(void*, void**)>("libusb-1.0.so.0", "libusb_open");
+    return real(device, handle);
+}
+}
+
+TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
+    MockUsbDevice& first = bus.plugIn("2.4");
+    bus.plugIn("5", nullptr, 0x1234, 0x0001);
+    bind();
+    Reports reports;
+    libusbk::Monitor* const monitor = reports.watch();
+    const auto start = reports.await(1);
+    EXPECT_STREQ(start[0].entry.deviceId, "USB\\VID_1234&PID_5678\\0000:00:14.0-2.4");
+    EXPECT_STREQ(start[0].entry.instanceId, start[0].entry.deviceId);
+    EXPECT_STREQ(start[0].entry.devicePath, "/dev/bus/usb/001/003");
+    EXPECT_STREQ(start[0].entry.manufacturer, "Vorlan");
+    EXPECT_STREQ(start[0].entry.description, "Vorlan device");
+    EXPECT_EQ(start[0].entry.driverId, libusbk::kDriverIdLibusb);
+    EXPECT_EQ(start[0].entry.busNumber, 1);
+
+    bus.unplug(bus.plugIn("6", nullptr, 0x4321, 0x5678));
+    MockUsbDevice& second = bus.plugIn("2.11");
+    reports.await(2);  // what leaves before libusb has looked at it has never been there
+    EXPECT_TRUE(list("USB\\VID_1234&PID_5678\\0000:00:14.0-2.1").empty()) << "not 2.11";
+    EXPECT_TRUE(list("USB\\VID_1234&PID_0001\\*").empty()) << "not of the chip";
+    bus.unplug(first);
+    bus.unplug(second);
+    MockUsbDevice& again = bus.plugIn("2.4");
+
+    const auto all = reports.await(5);
+    const std::string portFour = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.4";
+    const std::string portEleven = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.11";
+    const std::vector<std::pair<std::int32_t, std::string>> expected = {
+        {libusbk::kArrival, portFour}, {libusbk::kArrival, portEleven},
+        {libusbk::kRemoval, portFour}, {libusbk::kRemoval, portEleven},
+        {libusbk::kArrival, portFour},
+    };
+    ASSERT_EQ(all.size(), expected.size());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        EXPECT_EQ(std::make_pair(all[i].kind, std::string(all[i].entry.deviceId)), expected[i])
+            << i;
+        EXPECT_EQ(all[i].thread, all[0].thread) << i;
+        EXPECT_NE(all[i].thread, std::this_thread::get_id());
+    }
+    EXPECT_EQ(all[2].entry.deviceAddress, first.address());
+    EXPECT_EQ(all[4].entry.deviceAddress, again.address());
+
+    // A lost removal is made up for when the port has a new device.
+    bus.unplug(again, true);
+    MockUsbDevice& replacement = bus.plugIn("2.4");
+    const auto more = reports.await(7);
+    ASSERT_EQ(more.size(), 7U);
+    EXPECT_EQ(more[5].kind, libusbk::kRemoval);
+    EXPECT_EQ(more[5].entry.deviceAddress, again.address());
+    EXPECT_EQ(more[6].kind, libusbk::kArrival);
+    EXPECT_EQ(more[6].entry.deviceAddress, replacement.address());
+
+    // A list agrees with the reports, and an entry of a device that has left opens nothing.
+    EXPECT_TRUE(list(portEleven).empty());
+    ASSERT_EQ(list(portFour).size(), 1U);
+    EXPECT_EQ(list(portFour)[0].deviceAddress, replacement.address());
+    libusbk::UsbHandle* handle = nullptr;
+    EXPECT_FALSE(usb().UsbK_Init(&handle, &all[0].entry));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+
+    // So it is when the new device is of another kind, which the monitor does not hear of.
+    bus.unplug(replacement, true);
+    bus.plugIn("2.4", nullptr, 0x1234, 0x0001);
+    const auto last = reports.await(8);
+    ASSERT_EQ(last.size(), 8U);
+    EXPECT_EQ(last[7].kind, libusbk::kRemoval);
+
+    // Whoever has left is forgotten, also when another gets its memory.
+    for (std::size_t i = 1; i <= 20; ++i) {
+        MockUsbDevice& visitor = bus.plugIn("2." + std::to_string(20 + i));
+        reports.await(7 + 2 * i);
+        bus.unplug(visitor);
+        const auto visits = reports.await(8 + 2 * i);
+        EXPECT_EQ(visits.back().kind, libusbk::kRemoval);
+        EXPECT_EQ(visits.back().entry.deviceAddress, visitor.address());
+    }
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
+}
+
+TEST_F(LibusbkTest, EachPortOfTheMachineHasAnIdOfItsOwn) {
+    // USB 2 and USB 3 ports of one controller are numbered alike; another controller comes between,
+    // as when its driver was loaded first.
+    bus.addRootHub(2, "0000:00:1a.0");
+    bus.addRootHub(10);
+    bus.addRootHub(11);
+    const std::pair<int, const char*> expected[] = {{1, "0000:00:14.0-3"},
+                                                    {2, "0000:00:1a.0-3"},
+                                                    {10, "0000:00:14.0#1-3"},
+                                                    {11, "0000:00:14.0#2-3"}};
+    bind();
+    Reports reports;
+    libusbk::Monitor* const monitor = reports.watch();
+    std::size_t count = 0;
+    for (const auto& [number, place] : expected) {
+        bus.plugIn("3", nullptr, 0x1234, 0x5678, number);
+        const Reports::Report report = reports.await(count + 1).at(count);
+        const std::string id = std::string("USB\\VID_1234&PID_5678\\") + place;
+        EXPECT_EQ(report.entry.deviceId, id);
+        // By its id an agent opens that device and no other.
+        ASSERT_EQ(list(id).size(), 1U);
+        EXPECT_EQ(list(id)[0].busNumber, number);
+        ++count;
+    }
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+}
+
+TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
+    bus.plugIn("1");
+    bus.plugIn("4");
+    bind();
+    Reports reports;
+    std::latch gate(1);
+    std::atomic<bool> callbackEnded{false};
+    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report&) {
+        gate.wait();
+        callbackEnded = true;
+    });
+    reports.await(1);
+    bus.plugIn("3");  // its report and that of "4" wait behind the callback: never to be made
+    std::thread opener([&] {
+        std::this_thread::sleep_for(50ms);  // gives a wrong HotK_Free time to come back too soon
+        gate.count_down();
+    });
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+    EXPECT_TRUE(callbackEnded);
+    opener.join();
+    EXPECT_EQ(reports.await(1).size(), 1U);
+}
+
+TEST_F(LibusbkTest, AMonitorThatHasEndedLeavesNothingToTheOneBehindIt) {
+    bus.plugIn("1");
+    bind();
+    Reports reports;
+    std::latch gate(1);
+    libusbk::Monitor* const first = reports.watch([&](const Reports::Report& report) {
+        EXPECT_FALSE(usb().HotK_Free(report.monitor)) << "it would wait for its own end";
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kInvalidParameter);
+        gate.wait();
+    });
+    reports.await(1);
+    // These wait for their turn behind the callback, and the second may get the memory of the one
+    // before it.
+    EXPECT_TRUE(usb().HotK_Free(Reports::add(libusbk::kReportConnected)));
+    libusbk::Monitor* const second = Reports::add(libusbk::kReportConnected);
+    libusbk::Monitor* const onlyNews = Reports::add(0);
+    gate.count_down();
+    bus.plugIn("3");
+    const auto all = reports.await(5);
+    ASSERT_EQ(all.size(), 5U);
+    const auto told = [&](std::size_t i) {
+        return std::make_pair(all[i].monitor, std::string(all[i].entry.deviceId).back());
+    };
+    EXPECT_EQ(told(1), std::make_pair(second, '1'));
+    EXPECT_EQ(told(2), std::make_pair(first, '3'));
+    EXPECT_EQ(told(3), std::make_pair(second, '3'));
+    EXPECT_EQ(told(4), std::make_pair(onlyNews, '3'));
+    for (libusbk::Monitor* const monitor : {first, second, onlyNews}) {
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
+    }
+}
+
+TEST_F(LibusbkTest, EventsGoOnAfterAnErrorOfLibusb) {
+    Opened opened(plugInAndBind());
+    const auto start = Clock::now();
+    failingPolls = 3;
+    bus.plugIn("5");  // wakes the thread that runs the events
+    ASSERT_TRUE(eventually([] { return failingPolls == 0; }));
+    EXPECT_GE(Clock::now() - start, 200ms) << "it spins";
+    device->send(kIn, pattern(8));
+    EXPECT_EQ(opened.read(8), pattern(8));
+}
+
+TEST_F(LibusbkTest, SlotsAreCheckedAndUsedAgain) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+    libusbk::OverlappedPool* pool = nullptr;
+    libusbk::OverlappedSlot* slots[3] = {};
+    ASSERT_TRUE(usb().OvlK_Init(&pool, opened.handle, 2, 0));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[0], pool));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[1], pool));
+    EXPECT_NE(slots[0], slots[1]);
+    EXPECT_FALSE(usb().OvlK_Acquire(&slots[2], pool));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+    EXPECT_TRUE(usb().OvlK_Release(slots[0]));
+    EXPECT_TRUE(usb().OvlK_Acquire(&slots[2], pool));
+    EXPECT_EQ(slots[2], slots[0]);
+    EXPECT_TRUE(usb().OvlK_Free(pool));
+
+    EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "nothing was started";
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    EXPECT_EQ(opened.startRead(16), libusbk::kBusy);
+    EXPECT_FALSE(usb().OvlK_ReUse(opened.slot));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+    device->send(kIn, {});
+    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "it was waited for already";
+
+    Opened other(entry);
+    std::swap(opened.slot, other.slot);
+    EXPECT_EQ(opened.startRead(16), libusbk::kInvalidParameter);
+    std::swap(opened.slot, other.slot);
+}
+
+TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
+    Opened opened(plugInAndBind());
+
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 0U);
+
+    // One full packet of two leaves the read open.
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    device->send(kIn, pattern(512));
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    ASSERT_EQ(opened.moved, 512U);
+    opened.buffer.resize(512);
+    EXPECT_EQ(opened.buffer, pattern(512));
+
+    // What comes after the cancellation belongs to the next read; a short answer ends it.
+    device->send(kIn, pattern(10, 7));
+    EXPECT_EQ(opened.read(512), pattern(10, 7));
+    device->send(kIn, {});
+    EXPECT_EQ(opened.read(512), Bytes());
+
+    // What completes in the moment of the cancellation has completed, and else its count is exact.
+    device->sendOnCancel(kIn, pattern(6));
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 6U);
+    device->sendOnCancel(kIn, pattern(512));
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 512U);
+
+    Bytes received;
+    device->setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
+        EXPECT_EQ(endpoint, kOut);
+        received = bytes;
+        device->send(kIn, {1});
+    });
+    device->takeOnly(kOut, 3);
+    EXPECT_EQ(opened.startWrite(pattern(4096)), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.moved, 3 * 512U);
+    device->takeOnly(kOut, -1);
+    EXPECT_EQ(opened.write(pattern(4096)), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 4096U);
+    EXPECT_EQ(opened.read(8), Bytes{1});
+    EXPECT_EQ(received, pattern(4096));
+    // All that was to move has moved, though nobody was told of the end before the cancellation.
+    device->withholdEnd(kOut);
+    EXPECT_EQ(opened.startWrite(pattern(1024)), libusbk::kIoPending);
+    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 1024U);
+
+    // Without a slot the time limit is the library's own.
+    std::uint32_t moved = 1;
+    EXPECT_FALSE(
+        usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    EXPECT_EQ(moved, 0U);
+    device->send(kIn, pattern(64));
+    EXPECT_TRUE(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
+    EXPECT_EQ(moved, 64U);
+}
+
+TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
+    Opened opened(plugInAndBind());
+    device->send(kIn, pattern(4096));
+    device->send(kIn, pattern(10));
+    device->send(kIn, {});
+    device->send(kIn, pattern(12));
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
+    device->send(kIn, {42});
+    EXPECT_EQ(opened.read(16), Bytes{42});
+
+    // A device that babbles does not hold up the host for good.
+    for (int i = 0; i < 200; ++i)
+        device->send(kIn, pattern(8));
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+
+    device->stall(kOut);
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
+    EXPECT_TRUE(usb().UsbK_ResetPipe(opened.handle, kIn));
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
+    EXPECT_TRUE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kNoError);
+    EXPECT_EQ(device->counts().clearedHalts, 2);
+    EXPECT_EQ(device->counts().kernelClears, 2);
+    device->stall(kIn);
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kGeneralFailure);
+}
+
+TEST_F(LibusbkTest, AMuteDeviceDoesNotHoldUpAReset) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    device->fallMute();
+    {
+        Opened opened(entry);
+        EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    }
+    Opened opened(entry);
+    std::thread stopper([&] {
+        EXPECT_TRUE(device->awaitPending(0, 1));
+        EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
+    });
+    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    stopper.join();
+    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    // The kernel, whose wait nothing can end, was never asked.
+    EXPECT_EQ(device->counts().kernelClears, 0);
+}
+
+TEST_F(LibusbkTest, UnpluggingEndsATransferAtOnce) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
+    device->send(kIn, pattern(512));
+    ASSERT_TRUE(device->awaitPending(kIn, 1));
+    const auto start = Clock::now();
+    std::thread hand([&] { bus.unplug(*device); });
+    EXPECT_EQ(opened.wait(kLong), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(opened.moved, 512U);
+    EXPECT_LT(Clock::now() - start, kPatience);
+    hand.join();
+    EXPECT_EQ(opened.startRead(16), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(opened.startWrite({1}), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    Opened opened(entry);
+
+    // What has completed before keeps its result.
+    device->send(kIn, pattern(8));
+    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
+    ASSERT_TRUE(device->awaitPending(kIn, 0));
+    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+
+    std::uint8_t other[16];
+    std::uint32_t moved = 1;
+    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+    const auto start = Clock::now();
+    std::thread stopper([&] {
+        EXPECT_TRUE(device->awaitPending(kIn, 1));
+        EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
+    });
+    EXPECT_EQ(opened.wait(kLong), libusbk::kOperationAborted);
+    stopper.join();
+
+    EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
+    EXPECT_FALSE(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
+    EXPECT_LT(Clock::now() - start, kPatience);
+}
+
+TEST_F(LibusbkTest, ClaimsAreExclusiveAndEndWithTheirHandle) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    libusbk::UsbHandle* second = nullptr;
+    {
+        // The first use of a pipe claims the interface.
+        Opened first(entry);
+        EXPECT_EQ(first.write({1}), libusbk::kNoError);
+        EXPECT_EQ(device->counts().claims, 1);
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, false));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, true));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+
+        ASSERT_TRUE(usb().UsbK_Init(&second, &entry));
+        EXPECT_FALSE(usb().UsbK_ClaimInterface(second, 0, false));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+    }
+    EXPECT_TRUE(usb().UsbK_ClaimInterface(second, 0, false));
+    Opened third(entry);
+    EXPECT_EQ(third.startWrite({1}), libusbk::kBusy);
+    EXPECT_TRUE(usb().UsbK_ReleaseInterface(second, 0, false));
+    EXPECT_TRUE(usb().UsbK_ClaimInterface(second, 0, true));
+    EXPECT_TRUE(usb().UsbK_Free(second));
+    EXPECT_EQ(third.write({1}), libusbk::kNoError);
+}
+
+TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
+    MockUsbDevice& leaving =
+        bus.plugIn("4", [](MockUsbDevice& fresh) { fresh.bindDriver("usbserial"); });
+    bind();
+    {
+        Reports reports;
+        libusbk::Monitor* const monitor = reports.watch();
+        {
+            Opened opened(reports.await(1)[0].entry);
+            EXPECT_EQ(opened.write({1}), libusbk::kNoError);
+            EXPECT_EQ(leaving.boundDriver(), "");
+        }
+        bus.unplug(leaving);
+        reports.await(2);
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+    }
+    const int before = opens;
+    unbind();
+    EXPECT_EQ(opens, before) << "a device that has left is still remembered";
+
+    const libusbk::DeviceEntry entry =
+        plugInAndBind([](MockUsbDevice& fresh) { fresh.bindDriver("cdc_acm"); });
+    for (int i = 0; i < 2; ++i) {
+        Opened opened(entry);
+        EXPECT_EQ(opened.write({1}), libusbk::kNoError);
+    }
+    EXPECT_EQ(device->counts().claims, 2);
+    EXPECT_EQ(device->counts().detaches, 1);
+    EXPECT_EQ(device->boundDriver(), "");
+    unbind();
+    EXPECT_EQ(device->boundDriver(), "cdc_acm");
+    EXPECT_EQ(leaving.counts().attaches, 0);
+}
+
+TEST_F(LibusbkTest, TellsMissingPermissionFromAMissingDevice) {
+    const libusbk::DeviceEntry entry = plugInAndBind();
+    ASSERT_EQ(::chmod(device->node().c_str(), 0), 0);
+    libusbk::UsbHandle* handle = nullptr;
+    testing::internal::CaptureStderr();
+    {
+        const NoOverride likeAnyUser;
+        EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kAccessDenied);
+    }
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                AllOf(HasSubstr(entry.deviceId), HasSubstr("udev rule")));
+    ASSERT_EQ(::chmod(device->node().c_str(), 0666), 0);
+    bus.unplug(*device);
+    EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
+    EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+}
+
+TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
+    const auto locked = [](MockUsbDevice& fresh) {
+        ASSERT_EQ(::chmod(fresh.node().c_str(), 0), 0);
+    };
+    MockUsbDevice& early = bus.plugIn("3", locked);
+    runBoundByPermissions([&] { bind(); });
+    Reports reports;
+    // As the engine does.
+    std::vector<std::uint32_t> opened;
+    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report& report) {
+        libusbk::UsbHandle* handle = nullptr;
+        if (report.kind != libusbk::kArrival)
+            return;
+        opened.push_back(Opened::error(usb().UsbK_Init(&handle, &report.entry)));
+        if (handle != nullptr)
+            usb().UsbK_Free(handle);
+    });
+    reports.await(1);
+    MockUsbDevice& late = bus.plugIn("4", locked);
+    reports.await(2);
+    // Nobody else has to wait.
+    MockUsbDevice& open = bus.plugIn("5");
+    reports.await(3);
+    ASSERT_EQ(::chmod(late.node().c_str(), 0666), 0);
+    reports.await(5);
+    bus.unplug(early);
+    reports.await(6);
+    // What has been opened, and what has left, is not reported again.
+    bus.unplug(late);
+    bus.unplug(open);
+    bus.plugIn("6");
+    const auto all = reports.await(9);
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+
+    using Event = std::pair<std::int32_t, int>;
+    std::vector<Event> events;
+    events.reserve(all.size());
+    for (const Reports::Report& report : all)
+        events.emplace_back(report.kind, report.entry.deviceAddress);
+    EXPECT_THAT(events,
+                testing::ElementsAre(Event{libusbk::kArrival, 3}, Event{libusbk::kArrival, 4},
+                                     Event{libusbk::kArrival, 5}, Event{libusbk::kRemoval, 4},
+                                     Event{libusbk::kArrival, 4}, Event{libusbk::kRemoval, 3},
+                                     Event{libusbk::kRemoval, 4}, Event{libusbk::kRemoval, 5},
+                                     Event{libusbk::kArrival, 6}));
+    EXPECT_THAT(opened,
+                testing::ElementsAre(libusbk::kAccessDenied, libusbk::kAccessDenied,
+                                     libusbk::kNoError, libusbk::kNoError, libusbk::kNoError));
+}
+
+TEST_F(LibusbkTest, RootNeedsNoDriverAndOthersAreToldTheyDo) {
+    bind();
+    const uid_t user = ::geteuid();
+    if (user == 0) {
+        EXPECT_TRUE(usb().LibK_IsDriverInstalled());
+        ASSERT_EQ(::seteuid(65534), 0);
+    }
+    const bool installed = usb().LibK_IsDriverInstalled();
+    EXPECT_EQ(installed, libusbk::mayOpenDevices());
+    EXPECT_TRUE(installed || usb().LibK_LastError() == libusbk::kAccessDenied);
+    ASSERT_EQ(::seteuid(user), 0);
+}
+
+TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
+    constexpr std::size_t kDevices = 16;
+    constexpr int kRounds = 10;
+    bind();
+    Reports reports;
+    std::latch gate(1);
+    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report& report) {
+        if (report.kind == libusbk::kArrival) {
+            // As the engine does: on the library's own thread.
+            libusbk::UsbHandle* handle = nullptr;
+            EXPECT_TRUE(usb().UsbK_Init(&handle, &report.entry));
+            EXPECT_TRUE(usb().UsbK_Free(handle));
+        } else {
+            gate.wait();
+        }
+    });
+    MockUsbDevice& seventeenth = bus.plugIn("1");
+    std::vector<MockUsbDevice*> devices;
+    for (std::size_t i = 0; i < kDevices; ++i) {
+        MockUsbDevice& fresh = bus.plugIn("2." + std::to_string(i + 1));
+        // Says everything back.
+        fresh.setReceiver([&fresh](std::uint8_t, const Bytes& bytes) { fresh.send(kIn, bytes); });
+        devices.push_back(&fresh);
+        reports.await(i + 2);
+    }
+    bus.unplug(seventeenth);
+    const auto all = reports.await(kDevices + 2);
+
+    std::vector<std::thread> workers;
+    for (std::size_t i = 0; i < kDevices; ++i) {
+        workers.emplace_back([&entry = all[i + 1].entry, i] {
+            Opened opened(entry);
+            for (int round = 0; round < kRounds; ++round) {
+                const Bytes sent = pattern(4096, static_cast<int>(i) + round);
+                EXPECT_EQ(opened.write(sent), libusbk::kNoError);
+                EXPECT_EQ(opened.read(4096), sent);
+            }
+        });
+    }
+    for (std::thread& worker : workers)
+        worker.join();
+    gate.count_down();
+    EXPECT_TRUE(usb().HotK_Free(monitor));
+}
+
+TEST_F(LibusbkTest, NothingIsLeftWhenTheBindingEnds) {
+    device = &bus.plugIn("3");
+    std::size_t unbound = 0;
+    for (int i = 0; i < 3; ++i) {
+        bind();
+        Reports reports;
+        libusbk::Monitor* const monitor = reports.watch();
+        {
+            Opened opened(reports.await(1)[0].entry);
+            EXPECT_GT(threadsOfProcess(), unbound);
+            // Even with a transfer that nobody has waited for.
+            EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
+        }
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+        unbind();
+        EXPECT_FALSE(LibusbkBinding::isBound());
+        // The testbed has threads of its own, which all run by the end of the first binding.
+        if (i == 0)
+            unbound = threadsOfProcess();
+        EXPECT_EQ(threadsOfProcess(), unbound);
+    }
+}

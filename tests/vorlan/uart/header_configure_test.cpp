@@ -1,0 +1,210 @@
+#include "vorlan/uart/header_configure.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <initializer_list>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+#include "scriptedpeer.h"
+#include "support/pseudoterminal.h"
+#include "utils/interruption.h"
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+namespace {
+
+const std::uint8_t* bytesOf(const std::string& text) {
+    return reinterpret_cast<const std::uint8_t*>(text.data());
+}
+
+std::string joined(std::initializer_list<std::string> parts) {
+    std::string all;
+    for (const std::string& part : parts)
+        all += part;
+    return all;
+}
+
+class UartPacketTest : public testing::Test {
+  protected:
+    std::unique_ptr<UartContext> context_ = uart_context_create();
+    ScriptedPeer peer_{*context_};
+};
+
+}  // namespace
+
+TEST_F(UartPacketTest, TheWorkedPackets) {
+    EXPECT_EQ(send_sync(context_.get()), kUartOk);
+    const std::string sync =
+        "\x00\x08\x24\x00\x00\x00\x00\x00\x07\x07\x12\x20"s + std::string(32, 0x55);
+    EXPECT_EQ(peer_.requests().back().frame, "\xC0" + sync + "\xC0");
+
+    EXPECT_EQ(send_ram_data(context_.get(), bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(peer_.requests().back().packet,
+              "\x00\x07\x13\x00\x8F\x00\x00\x00\x03\x00\x00\x00"s + std::string(12, '\0') + "abc");
+}
+
+TEST_F(UartPacketTest, EveryCommandsData) {
+    UartContext* const context = context_.get();
+    const auto last = [this] { return peer_.requests().back().packet; };
+    const auto header = [](char command, char size) {
+        return "\0"s + command + size + "\0\0\0\0\0"s;
+    };
+
+    EXPECT_EQ(send_ram_begin(context, 0x12345678, 2049), kUartOk);
+    EXPECT_EQ(last(), header(5, 16) + "\x01\x08\0\0\x02\0\0\0\0\x08\0\0\x78\x56\x34\x12"s);
+    EXPECT_EQ(send_ram_end(context, 1, 2), kUartOk);
+    EXPECT_EQ(last(), header(6, 8) + "\x01\0\0\0\x02\0\0\0"s);
+    EXPECT_EQ(send_flash_begin(context, 0x10000, 4096), kUartOk);
+    EXPECT_EQ(last(), header(2, 16) + "\0\x10\0\0\x01\0\0\0\0\x10\0\0\0\0\x01\0"s);
+    EXPECT_EQ(context->flashBlocks, 1U);
+    EXPECT_EQ(send_flash_begin(context, 0, 4097), kUartOk);
+    EXPECT_EQ(context->flashBlocks, 2U);
+    EXPECT_EQ(send_flash_begin(context, 0, 0), kUartOk);
+    EXPECT_EQ(context->flashBlocks, 0x100000U);
+    EXPECT_EQ(send_flash_end(context, 2), kUartOk);
+    EXPECT_EQ(last(), header(4, 4) + "\x02\0\0\0"s);
+    EXPECT_EQ(send_change_baudrate(context, 3000000, 115200), kUartOk);
+    EXPECT_EQ(last(), header(15, 8) + "\xC0\xC6\x2D\0\0\xC2\x01\0"s);
+    EXPECT_EQ(send_md5(context, 0x80010000, 4097), kUartOk);
+    EXPECT_EQ(last(), header(19, 16) + "\0\0\x01\x80\x01\x10\0\0\0\0\0\0\0\0\0\0"s);
+
+    // The largest packet, all escapes.
+    const std::string block(4096, '\xC0');
+    EXPECT_EQ(send_flash_data(context, bytesOf(block), 4096), kUartOk);
+    EXPECT_EQ(last().substr(0, 12), "\0\x03\x10\x10\xEF\0\0\0\0\x10\0\0"s);
+    EXPECT_EQ(peer_.requests().back().data().substr(16), block);
+
+    EXPECT_EQ(xor_checksum(bytesOf("abc"), 3), 0x8F);
+    EXPECT_EQ(xor_checksum(bytesOf("abc"), 0), 0);
+    EXPECT_EQ(xor_checksum(nullptr, 3), 0);
+}
+
+TEST_F(UartPacketTest, AnAnswerAcknowledgesOnlyIfAllOfItDoes) {
+    const std::string good = "\x01\x08\x77\x77\x77\x77\x77\x77"s;  // size and value do not matter
+    const std::string status = "\0\0"s;
+    struct Case {
+        std::string answer;
+        int result;
+    };
+    const std::string frame = joined({"\xC0", good, status, "\xC0"});
+    for (const Case& item : std::initializer_list<Case>{
+             {frame, kUartOk},
+             {joined({"noise\x01\xDB\xC0", good, status, "more\xC0"}), kUartOk},
+             {joined({frame, "\xC0", good, "\x01\x01\xC0"}), kUartOk},
+             {joined({"\xC0", good, "\x01\0\xC0"s}), kUartRefused},
+             {joined({"\xC0", good, "\0\x01\xC0"s}), kUartRefused},
+             {joined({"\xC0\0\x08"s, good.substr(2), status, "\xC0"}), kUartRefused},
+             {joined({"\xC0\x01\x07"s, good.substr(2), status, "\xC0"}), kUartRefused},
+             {joined({"\xC0", good, "\xDBx\xC0"}), kUartNoAnswer},
+             {"\x01\x08", kUartNoAnswer},
+             {"", kUartNoAnswer}}) {
+        peer_.answer(UART_SYNC, item.answer);
+        EXPECT_EQ(send_sync(context_.get()), item.result) << testing::PrintToString(item.answer);
+    }
+    // An empty frame is judged by what an earlier one has left.
+    EXPECT_EQ(send_sync(context_.get()), kUartOk);
+    peer_.answer(UART_SYNC, "\xC0\xC0");
+    EXPECT_EQ(send_sync(context_.get()), kUartOk);
+}
+
+TEST_F(UartPacketTest, AnAnswerCutInTwoIsJudgedWithTheNextExchange) {
+    const std::string answer = peer_.acknowledgement(UART_SYNC);
+    peer_.answer(UART_SYNC, answer.substr(0, 5));
+    peer_.answer(UART_RAM_END, answer.substr(5));
+    EXPECT_EQ(send_sync(context_.get()), kUartNoAnswer);
+    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartRefused);
+    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartOk);
+}
+
+TEST_F(UartPacketTest, ALateAnswerIsTakenForThatOfTheNextCommand) {
+    // What a read of 64 bytes has left over.
+    peer_.answer(UART_SYNC, std::string(64, 'n') + peer_.acknowledgement(UART_SYNC));
+    EXPECT_EQ(send_sync(context_.get()), kUartNoAnswer);
+    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartRefused);
+    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartOk);
+}
+
+TEST_F(UartPacketTest, AResentBlockIsMarkedAndKeepsItsNumber) {
+    peer_.refuse(UART_FLASH_DATA, 1);
+    peer_.keepSilent(UART_FLASH_DATA, 1);
+    UartContext* const context = context_.get();
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartRefused);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartNoAnswer);
+    // The ROM loader's blocks know no mark.
+    EXPECT_EQ(send_ram_data(context, bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(peer_.requests().back().word(2), 0U);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(send_flash_data(context, bytesOf("de"), 2), kUartOk);
+    const auto blocks = peer_.requests(UART_FLASH_DATA);
+    const std::uint32_t expected[][2] = {{0, 0}, {0, 0x55555555}, {0, 0x55555555}, {1, 0}};
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        EXPECT_EQ(blocks[i].word(1), expected[i][0]) << i;
+        EXPECT_EQ(blocks[i].word(2), expected[i][1]) << i;
+        EXPECT_EQ(blocks[i].word(3), expected[i][1]) << i;
+    }
+    EXPECT_EQ(context->flashSent, 5U);
+    // A download that was given up leaves the mark to the next one's first block.
+    peer_.keepSilent(UART_FLASH_DATA, 1);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartNoAnswer);
+    EXPECT_EQ(send_flash_begin(context, 0, 3), kUartOk);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartOk);
+    EXPECT_EQ(peer_.requests().back().word(1), 0U);
+    EXPECT_EQ(peer_.requests().back().word(2), 0x55555555U);
+}
+
+TEST_F(UartPacketTest, TheDigestIsTakenEvenFromARefusal) {
+    std::string answer = peer_.refusal(UART_MD5);
+    answer.replace(11, 16, "0123456789abcdef");
+    peer_.answer(UART_MD5, answer);
+    EXPECT_EQ(send_md5(context_.get(), 0, 0), kUartRefused);
+    EXPECT_EQ(std::string(context_->md5.begin(), context_->md5.end()), "0123456789abcdef");
+}
+
+TEST(UartContext, TheProgramsEndCutsAnExchangeShortAndAnOperatorsStopDoesNot) {
+    PseudoTerminal terminal;
+    std::stop_source programEnds;
+    const interruption::Scope scope(programEnds.get_token());
+    const auto context = uart_context_create();
+    uart_context_open_port(context.get(), terminal.portName());
+    ASSERT_NE(context->port, nullptr);
+    const auto timedSync = [&] {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);
+        return std::chrono::steady_clock::now() - start;
+    };
+    // Both come when the request is on the wire.
+    std::thread operators([&] {
+        terminal.receive(46);
+        context->stop = true;
+    });
+    EXPECT_GE(timedSync(), 1000ms);
+    operators.join();
+
+    EXPECT_EQ(serial_set_timeouts(context->port, 115200, 60000), 1);
+    std::thread end([&] {
+        terminal.receive(46);
+        programEnds.request_stop();
+    });
+    EXPECT_LT(timedSync(), 30000ms);
+    end.join();
+    EXPECT_LT(timedSync(), 30000ms);
+    EXPECT_TRUE(terminal.isQuiet());
+}
+
+TEST(UartContext, APortThatIsNotThereShowsInTheFirstExchange) {
+    const auto context = uart_context_create();
+    testing::internal::CaptureStderr();
+    uart_context_open_port(context.get(), L"none");
+    EXPECT_EQ(send_sync(context.get()), kUartNoAnswer);
+    const std::string trace = testing::internal::GetCapturedStderr();
+    EXPECT_NE(trace.find("CreateFile failed with error 2:"), std::string::npos) << trace;
+    EXPECT_NE(trace.find("WriteFile failed with error 9:"), std::string::npos) << trace;
+    EXPECT_EQ(trace.find("ReadFile"), std::string::npos) << trace;
+    EXPECT_NE(trace.find("Unpack receive package trigger error\n"), std::string::npos) << trace;
+    EXPECT_TRUE(uart_context_stopped(nullptr));
+    uart_context_destroy(nullptr);
+}
