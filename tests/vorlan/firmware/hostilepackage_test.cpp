@@ -1,6 +1,7 @@
 // Packages that are damaged or made to do harm. Whatever they hold, nothing outside the unpack
 // directory changes, and no image that did not come out of the package whole is ever burned.
 #include <gtest/gtest.h>
+#include <minizip/unzip.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -28,6 +29,21 @@ namespace {
 constexpr const wchar_t* kDirectory = L".\\temp_image\\";
 const fs::path kImages = "temp_image";
 const std::set<std::string> kFixed{"flashboot.bin", "master.bin"};
+
+int opensUntilGone = -1;  // how often the package can still be opened; below 0 for ever
+
+}  // namespace
+
+// The linker leads the program's calls here.
+extern "C" {
+unzFile __real_unzOpen2_64(const void* path, zlib_filefunc64_def* functions);
+
+unzFile __wrap_unzOpen2_64(const void* path, zlib_filefunc64_def* functions) {
+    return opensUntilGone-- == 0 ? nullptr : __real_unzOpen2_64(path, functions);
+}
+}
+
+namespace {
 
 class HostilePackageTest : public testing::Test {
   protected:
@@ -328,6 +344,16 @@ TEST_F(HostilePackageTest, LeavesNoHalfImageOnAFullDisk) {
     EXPECT_EQ(unpacked(), (std::set<std::string>{"flashboot.bin", "master.bin", "after.bin"}));
     ASSERT_TRUE(unpackFile());
     EXPECT_EQ(contentOf(kImages / "respak.bin").size(), 900'000U);
+}
+
+TEST_F(HostilePackageTest, LetsNoStaleImageBeBurnedOfAPackageThatHasGone) {
+    writeContent(kImages / "master.bin", "from an earlier package");
+    smallest().write(kPackage);
+    opensUntilGone = 1;  // its names can be read, but not its images
+    unpackFile();
+    EXPECT_LT(opensUntilGone, 0);
+    opensUntilGone = -1;
+    EXPECT_FALSE(fs::exists(kImages / "master.bin"));
 }
 
 TEST_F(HostilePackageTest, LetsNoStaleImageBeBurnedThatCannotBeReplaced) {

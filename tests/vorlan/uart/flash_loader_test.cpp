@@ -277,6 +277,8 @@ TEST_F(FlashLoaderTest, NothingIsSentForWhatCannotBeWritten) {
 
     giveImage(9000);
     EXPECT_EQ(download(0x80800000 - 9000), kUartOk);
+    giveImage(1);
+    EXPECT_EQ(download(0x807FFFFF), kUartOk);
 }
 
 TEST_F(FlashLoaderTest, AnImageThatIsCutShortDuringTheDownloadFails) {
