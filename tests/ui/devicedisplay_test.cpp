@@ -3,30 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <QAccessible>
-#include <QElapsedTimer>
 #include <QImage>
 #include <QPainter>
 #include <QTest>
 #include <QTextDocumentFragment>
+#include <array>
 #include <cstdlib>
-#include <thread>
-#include <vector>
 
 namespace {
 
-struct Edges {
-    int left, top, right, bottom;
-
-    bool operator==(const Edges&) const = default;
-};
+// Left, top, right, bottom.
+using Edges = std::array<int, 4>;
 
 Edges edgesOf(const QWidget* widget) {
     const QRect at = widget->geometry();
     return {at.left(), at.top(), at.left() + at.width(), at.top() + at.height()};
-}
-
-void PrintTo(const Edges& edges, std::ostream* out) {
-    *out << edges.left << "," << edges.top << "-" << edges.right << "," << edges.bottom;
 }
 
 class DeviceDisplayTest : public testing::Test {
@@ -36,7 +27,10 @@ class DeviceDisplayTest : public testing::Test {
         area_.show();
     }
 
+    // In the place of an earlier one.
     void create(const QRect& rectangle = {0, 0, 401, 70}) {
+        for (QWidget* const old : area_.findChildren<QWidget*>())
+            delete old;
         EXPECT_EQ(display_.create(rectangle, 10'000), 10'004);
     }
 
@@ -65,15 +59,6 @@ class DeviceDisplayTest : public testing::Test {
     DeviceDisplay display_{&area_, refresher_};
 };
 
-struct Layout {
-    QRect rectangle;
-    Edges title, tag, bar, status;
-};
-
-void PrintTo(const Layout& layout, std::ostream* out) {
-    *out << layout.rectangle.width() << "x" << layout.rectangle.height();
-}
-
 // How many rows of pixels differ from the picture's background, `border` pixels on each side apart.
 int inkedRows(const QImage& picture, int border = 0) {
     const QRgb background = picture.pixel(picture.width() - 1 - border, border);
@@ -101,42 +86,45 @@ int inkedRows(const QString& text, const QFont& font, const QColor& colour) {
     return inkedRows(picture);
 }
 
-class DeviceDisplayGeometryTest : public DeviceDisplayTest,
-                                  public testing::WithParamInterface<Layout> {};
+int firstInkedColumn(const QImage& picture) {
+    for (int x = 0; x < picture.width(); ++x) {
+        for (int y = 0; y < picture.height(); ++y) {
+            if (qGray(picture.pixel(x, y)) < 128)
+                return x;
+        }
+    }
+    return -1;
+}
 
 }  // namespace
 
-TEST_P(DeviceDisplayGeometryTest, MatchesToThePixel) {
-    create(GetParam().rectangle);
-    EXPECT_EQ(edgesOf(title()), GetParam().title);
-    EXPECT_EQ(edgesOf(tag()), GetParam().tag);
-    EXPECT_EQ(edgesOf(bar()), GetParam().bar);
-    EXPECT_EQ(edgesOf(status()), GetParam().status);
+TEST_F(DeviceDisplayTest, MatchesToThePixel) {
+    const struct {
+        QRect rectangle;
+        Edges title, tag, bar, status;
+    } layouts[] = {
+        // Content 92 wide, rows of 20.
+        {{0, 0, 100, 68}, {4, 2, 68, 22}, {68, 2, 96, 22}, {4, 24, 96, 44}, {4, 46, 96, 66}},
+        // Odd sizes elsewhere: content 461 wide, rows of 17, and what does not divide is left over.
+        {{469, 54, 469, 61},
+         {473, 56, 783, 73},
+         {783, 56, 934, 73},
+         {473, 75, 934, 92},
+         {473, 94, 934, 111}},
+        // Too low for three rows: they get no height, but stay in their places.
+        {{10, 10, 60, 10}, {14, 12, 51, 12}, {51, 12, 66, 12}, {14, 14, 66, 14}, {14, 16, 66, 16}}};
+    for (const auto& layout : layouts) {
+        create(layout.rectangle);
+        EXPECT_EQ(edgesOf(title()), layout.title);
+        EXPECT_EQ(edgesOf(tag()), layout.tag);
+        EXPECT_EQ(edgesOf(bar()), layout.bar);
+        EXPECT_EQ(edgesOf(status()), layout.status);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rectangles, DeviceDisplayGeometryTest,
-    testing::Values(
-        // Content 92 wide, rows of 20.
-        Layout{{0, 0, 100, 68}, {4, 2, 68, 22}, {68, 2, 96, 22}, {4, 24, 96, 44}, {4, 46, 96, 66}},
-        // Odd sizes elsewhere: content 461 wide, rows of 17, and what does not divide is left over.
-        Layout{{469, 54, 469, 61},
-               {473, 56, 783, 73},
-               {783, 56, 934, 73},
-               {473, 75, 934, 92},
-               {473, 94, 934, 111}},
-        // Too low for three rows: they get no height, but stay in their places.
-        Layout{{10, 10, 60, 10},
-               {14, 12, 51, 12},
-               {51, 12, 66, 12},
-               {14, 14, 66, 14},
-               {14, 16, 66, 16}}));
-
-TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRows) {
+TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRowsAndTheNameStandsOverTheStatus) {
     const QString text = QStringLiteral("国警_gyj(Q)");
     for (const int row : {24, 20, 17, 15, 14, 13, 12, 11}) {
-        for (QWidget* const old : area_.findChildren<QWidget*>())
-            delete old;
         create({0, 0, 401, 3 * row + 8});
         display_.setName(text.toStdWString());
         display_.setStatus(text.toStdWString());
@@ -146,6 +134,8 @@ TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRows) {
         const QColor colour = area_.palette().color(QPalette::Text);
         EXPECT_EQ(inkedRows(status()->grab().toImage()), inkedRows(text, status()->font(), colour))
             << "status in " << row;
+        EXPECT_EQ(firstInkedColumn(title()->grab().toImage()),
+                  firstInkedColumn(status()->grab().toImage()));
         EXPECT_EQ(inkedRows(title()->grab().toImage()), inkedRows(text, title()->font(), colour))
             << "title in " << row;
         EXPECT_EQ(inTag(), inkedRows(tag()->placeholderText(), tag()->font(),
@@ -156,24 +146,6 @@ TEST_F(DeviceDisplayTest, LettersAreWholeHoweverLowTheRows) {
         EXPECT_EQ(inTag(), inkedRows(text, tag()->font(), colour)) << "label in " << row;
         EXPECT_GT(QFontInfo(status()->font()).pixelSize(), row / 2) << "smaller than it need be";
     }
-}
-
-TEST_F(DeviceDisplayTest, NameStandsOverTheStatus) {
-    create();
-    display_.setName(L"HELLO");
-    display_.setStatus(L"HELLO");
-    settle();
-    const auto firstInked = [](const QImage& picture) {
-        for (int x = 0; x < picture.width(); ++x) {
-            for (int y = 0; y < picture.height(); ++y) {
-                if (qGray(picture.pixel(x, y)) < 128)
-                    return x;
-            }
-        }
-        return -1;
-    };
-    EXPECT_GE(firstInked(title()->grab().toImage()), 0);
-    EXPECT_EQ(firstInked(title()->grab().toImage()), firstInked(status()->grab().toImage()));
 }
 
 TEST_F(DeviceDisplayTest, TextsThatMayNotFitCanBeReadInATip) {
@@ -297,31 +269,4 @@ TEST_F(DeviceDisplayTest, TextIsNeverMarkup) {
                                    static_cast<QWidget*>(status())})
         EXPECT_EQ(QAccessible::queryAccessibleInterface(control)->text(QAccessible::Description),
                   "port 3");
-}
-
-TEST_F(DeviceDisplayTest, LastStateOfAFloodIsShown) {
-    create();
-    QElapsedTimer time;
-    time.start();
-    {
-        std::vector<std::jthread> workers;
-        workers.reserve(16);
-        for (int i = 0; i < 16; ++i) {
-            workers.emplace_back([&] {
-                for (int n = 0; n < 2'000; ++n) {
-                    display_.setStatus(L"progress " + std::to_wstring(n));
-                    display_.setProgress(n % 100);
-                }
-            });
-        }
-        QTest::qWait(0);
-    }
-    display_.setActive(false);
-    display_.setStatus(L"done");
-    display_.setProgress(100);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return status()->text() == "done"; }));
-    EXPECT_EQ(bar()->value(), 100);
-    EXPECT_FALSE(bar()->isEnabled());
-    // One may be left from the tile's making, and a timer of 100 ms may come a little early.
-    EXPECT_LE(refreshes_, time.elapsed() / 90 + 2);
 }

@@ -32,10 +32,3 @@ TEST(DialogUnitsTest, FourByEightUnitsAreALetter) {
                   QRect(letter.width(), letter.height(), 3 * letter.width(), 2 * letter.height()));
     }
 }
-
-TEST(DialogUnitsTest, GrowsWithTheFont) {
-    const QSize small = DialogUnits(fontOf(8)).toPixels(QSize(400, 400));
-    const QSize large = DialogUnits(fontOf(16)).toPixels(QSize(400, 400));
-    EXPECT_NEAR(large.width(), 2 * small.width(), small.width() / 5);
-    EXPECT_NEAR(large.height(), 2 * small.height(), small.height() / 5);
-}
