@@ -1,12 +1,9 @@
 // libusbK.so as the USB engine binds it, on the real libusb, with fake devices on a fake bus.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,9 +16,9 @@
 #include <mutex>
 #include <numeric>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "libusbk/accessrule.h"
@@ -34,6 +31,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr auto kPatience = 20s;          // for what has to come
@@ -56,62 +54,99 @@ Function below(const char* library, const char* name) {
     return reinterpret_cast<Function>(::dlsym(::dlopen(library, RTLD_LAZY | RTLD_NOLOAD), name));
 }
 
-// What a monitor has reported. The callback has no argument of its own, so there is one at a time.
+// The code of the operation that has just failed, or kNoError.
+std::uint32_t error(bool success) {
+    return success ? std::uint32_t{libusbk::kNoError} : usb().LibK_LastError();
+}
+
+// What the monitors of the chip report. Their callback has no argument of its own, so there is one
+// at a time.
 class Reports {
   public:
     struct Report {
         libusbk::Monitor* monitor;
         std::int32_t kind;
-        std::thread::id thread;
         libusbk::DeviceEntry entry;
+
+        // "+" for an arrival, "-" for a removal, the place behind the controller, the address.
+        std::string text() const {
+            const std::string id = entry.deviceId;
+            return (kind == libusbk::kArrival ? "+" : "-") + id.substr(id.rfind('-') + 1) + "@" +
+                   std::to_string(entry.deviceAddress);
+        }
     };
 
-    Reports() { current_ = this; }
-    ~Reports() { current_ = nullptr; }
+    // `hook` is taken along for each report.
+    explicit Reports(std::function<void(const Report&)> hook = [](const Report&) {})
+        : hook_(std::move(hook)) {
+        current_ = this;
+    }
+    ~Reports() {
+        for (libusbk::Monitor* const monitor : monitors_)
+            free(monitor);
+        current_ = nullptr;
+    }
     Reports(const Reports&) = delete;
     Reports& operator=(const Reports&) = delete;
 
-    // Starts a monitor for the chip, and takes `hook` along for each report.
-    libusbk::Monitor* watch(std::function<void(const Report&)> hook = nullptr) {
-        hook_ = std::move(hook);
-        return add(libusbk::kReportConnected);
-    }
-
-    // One more monitor, of which nothing is taken along.
-    static libusbk::Monitor* add(std::uint32_t flags) {
+    libusbk::Monitor* watch(std::uint32_t flags = libusbk::kReportConnected) {
         libusbk::MonitorParameters parameters{};
         parameters.flags = flags;
         std::string("USB\\VID_1234&PID_5678\\*").copy(parameters.pattern.deviceId, 255);
         parameters.callback = &Reports::onEvent;
         libusbk::Monitor* monitor = nullptr;
         EXPECT_TRUE(usb().HotK_Init(&monitor, &parameters));
+        monitors_.insert(monitor);
         return monitor;
     }
 
-    // The first `count` reports, as soon as there are as many.
+    void end(libusbk::Monitor* monitor) {
+        monitors_.erase(monitor);
+        free(monitor);
+    }
+
+    // The reports, as soon as there are so many.
     std::vector<Report> await(std::size_t count) {
         std::unique_lock lock(mutex_);
         EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return reports_.size() >= count; }));
         return reports_;
     }
 
+    // Those behind the first `skip`.
+    std::vector<std::string> texts(std::size_t count, std::size_t skip = 0) {
+        std::vector<std::string> texts;
+        for (const Report& report : await(skip + count))
+            texts.push_back(report.text());
+        texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(skip));
+        return texts;
+    }
+
   private:
     static void onEvent(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
                         std::int32_t kind) {
-        const Report report{monitor, kind, std::this_thread::get_id(), *entry};
+        const Report report{monitor, kind, *entry};
         {
             const std::lock_guard guard(current_->mutex_);
+            if (current_->reports_.empty())
+                current_->thread_ = std::this_thread::get_id();
+            EXPECT_EQ(current_->thread_, std::this_thread::get_id());
             current_->reports_.push_back(report);
             current_->changed_.notify_all();
         }
-        if (current_->hook_)
-            current_->hook_(report);
+        current_->hook_(report);
+    }
+
+    static void free(libusbk::Monitor* monitor) {
+        EXPECT_TRUE(usb().HotK_Free(monitor));
+        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
     }
 
     static inline Reports* current_ = nullptr;
-    std::function<void(const Report&)> hook_;
+    const std::function<void(const Report&)> hook_;
+    std::set<libusbk::Monitor*> monitors_;
     std::mutex mutex_;
     std::condition_variable changed_;
+    std::thread::id thread_;
     std::vector<Report> reports_;
 };
 
@@ -158,10 +193,6 @@ class Opened {
         return code == libusbk::kIoPending ? wait(kLong) : code;
     }
 
-    static std::uint32_t error(bool success) {
-        return success ? std::uint32_t{libusbk::kNoError} : usb().LibK_LastError();
-    }
-
     libusbk::UsbHandle* handle = nullptr;
     libusbk::OverlappedSlot* slot = nullptr;
     Bytes buffer;
@@ -199,24 +230,6 @@ std::size_t threadsOfProcess() {
     const std::filesystem::directory_iterator tasks("/proc/self/task");
     return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
-
-// Takes from the calling thread what lets root open any file, for as long as it lives.
-class NoOverride {
-  public:
-    NoOverride() {
-        ::syscall(SYS_capget, &header_, before_);
-        __user_cap_data_struct now[2] = {before_[0], before_[1]};
-        now[0].effective &= ~(1U << CAP_DAC_OVERRIDE);
-        ::syscall(SYS_capset, &header_, now);
-    }
-    ~NoOverride() { ::syscall(SYS_capset, &header_, before_); }
-    NoOverride(const NoOverride&) = delete;
-    NoOverride& operator=(const NoOverride&) = delete;
-
-  private:
-    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct before_[2] = {};
-};
 
 class LibusbkTest : public testing::Test {
   protected:
@@ -266,84 +279,58 @@ extern "C" {
 }
 }
 
-TEST_F(LibusbkTest, ReportsDevicesInOrderOnOneThread) {
+TEST_F(LibusbkTest, ReportsDevicesInOrder) {
     MockUsbDevice& first = bus.plugIn("2.4");
     bus.plugIn("5", nullptr, 0x1234, 0x0001);
     bind();
     Reports reports;
-    libusbk::Monitor* const monitor = reports.watch();
-    const auto start = reports.await(1);
-    EXPECT_STREQ(start[0].entry.deviceId, "USB\\VID_1234&PID_5678\\0000:00:14.0-2.4");
-    EXPECT_STREQ(start[0].entry.instanceId, start[0].entry.deviceId);
-    EXPECT_STREQ(start[0].entry.devicePath, "/dev/bus/usb/001/003");
-    EXPECT_STREQ(start[0].entry.manufacturer, "Vorlan");
-    EXPECT_STREQ(start[0].entry.description, "Vorlan device");
-    EXPECT_EQ(start[0].entry.driverId, libusbk::kDriverIdLibusb);
-    EXPECT_EQ(start[0].entry.busNumber, 1);
+    reports.watch();
+    const libusbk::DeviceEntry entry = reports.await(1)[0].entry;
+    const std::string id = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.";
+    EXPECT_EQ(entry.deviceId, id + "4");
+    EXPECT_EQ(entry.instanceId, id + "4");
+    EXPECT_STREQ(entry.devicePath, "/dev/bus/usb/001/003");
+    EXPECT_STREQ(entry.manufacturer, "Vorlan");
+    EXPECT_STREQ(entry.description, "Vorlan device");
+    EXPECT_EQ(entry.driverId, libusbk::kDriverIdLibusb);
+    EXPECT_EQ(entry.busNumber, 1);
 
-    bus.unplug(bus.plugIn("6", nullptr, 0x4321, 0x5678));
+    MockUsbDevice& foreign = bus.plugIn("6", nullptr, 0x4321, 0x5678);
     MockUsbDevice& second = bus.plugIn("2.11");
-    reports.await(2);  // what leaves before libusb has looked at it has never been there
-    EXPECT_TRUE(list("USB\\VID_1234&PID_5678\\0000:00:14.0-2.1").empty()) << "not 2.11";
+    reports.await(2);
+    bus.unplug(foreign);
+    EXPECT_TRUE(list(id + "1").empty()) << "not 2.11";
     EXPECT_TRUE(list("USB\\VID_1234&PID_0001\\*").empty()) << "not of the chip";
     bus.unplug(first);
     bus.unplug(second);
     MockUsbDevice& again = bus.plugIn("2.4");
-
-    const auto all = reports.await(5);
-    const std::string portFour = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.4";
-    const std::string portEleven = "USB\\VID_1234&PID_5678\\0000:00:14.0-2.11";
-    const std::vector<std::pair<std::int32_t, std::string>> expected = {
-        {libusbk::kArrival, portFour}, {libusbk::kArrival, portEleven},
-        {libusbk::kRemoval, portFour}, {libusbk::kRemoval, portEleven},
-        {libusbk::kArrival, portFour},
-    };
-    ASSERT_EQ(all.size(), expected.size());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        EXPECT_EQ(std::make_pair(all[i].kind, std::string(all[i].entry.deviceId)), expected[i])
-            << i;
-        EXPECT_EQ(all[i].thread, all[0].thread) << i;
-        EXPECT_NE(all[i].thread, std::this_thread::get_id());
-    }
-    EXPECT_EQ(all[2].entry.deviceAddress, first.address());
-    EXPECT_EQ(all[4].entry.deviceAddress, again.address());
+    EXPECT_THAT(reports.texts(5), ElementsAre("+2.4@3", "+2.11@6", "-2.4@3", "-2.11@6", "+2.4@7"));
 
     // A lost removal is made up for when the port has a new device.
     bus.unplug(again, true);
     MockUsbDevice& replacement = bus.plugIn("2.4");
-    const auto more = reports.await(7);
-    ASSERT_EQ(more.size(), 7U);
-    EXPECT_EQ(more[5].kind, libusbk::kRemoval);
-    EXPECT_EQ(more[5].entry.deviceAddress, again.address());
-    EXPECT_EQ(more[6].kind, libusbk::kArrival);
-    EXPECT_EQ(more[6].entry.deviceAddress, replacement.address());
+    EXPECT_THAT(reports.texts(2, 5), ElementsAre("-2.4@7", "+2.4@8"));
 
     // A list agrees with the reports, and an entry of a device that has left opens nothing.
-    EXPECT_TRUE(list(portEleven).empty());
-    ASSERT_EQ(list(portFour).size(), 1U);
-    EXPECT_EQ(list(portFour)[0].deviceAddress, replacement.address());
+    EXPECT_TRUE(list(id + "11").empty());
+    ASSERT_EQ(list(id + "4").size(), 1U);
+    EXPECT_EQ(list(id + "4")[0].deviceAddress, 8);
     libusbk::UsbHandle* handle = nullptr;
-    EXPECT_FALSE(usb().UsbK_Init(&handle, &all[0].entry));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(error(usb().UsbK_Init(&handle, &entry)), libusbk::kDeviceNotConnected);
 
     // So it is when the new device is of another kind, which the monitor does not hear of.
     bus.unplug(replacement, true);
     bus.plugIn("2.4", nullptr, 0x1234, 0x0001);
-    const auto last = reports.await(8);
-    ASSERT_EQ(last.size(), 8U);
-    EXPECT_EQ(last[7].kind, libusbk::kRemoval);
+    EXPECT_THAT(reports.texts(1, 7), ElementsAre("-2.4@8"));
 
     // Whoever has left is forgotten, also when another gets its memory.
     for (std::size_t i = 1; i <= 20; ++i) {
         MockUsbDevice& visitor = bus.plugIn("2." + std::to_string(20 + i));
         reports.await(7 + 2 * i);
         bus.unplug(visitor);
-        const auto visits = reports.await(8 + 2 * i);
-        EXPECT_EQ(visits.back().kind, libusbk::kRemoval);
-        EXPECT_EQ(visits.back().entry.deviceAddress, visitor.address());
+        EXPECT_EQ(reports.texts(8 + 2 * i).back(),
+                  "-2." + std::to_string(20 + i) + "@" + std::to_string(visitor.address()));
     }
-    EXPECT_TRUE(usb().HotK_Free(monitor));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
 }
 
 TEST_F(LibusbkTest, EachPortOfTheMachineHasAnIdOfItsOwn) {
@@ -352,45 +339,38 @@ TEST_F(LibusbkTest, EachPortOfTheMachineHasAnIdOfItsOwn) {
     bus.addRootHub(2, "0000:00:1a.0");
     bus.addRootHub(10);
     bus.addRootHub(11);
+    bind();
     const std::pair<int, const char*> expected[] = {{1, "0000:00:14.0-3"},
                                                     {2, "0000:00:1a.0-3"},
                                                     {10, "0000:00:14.0#1-3"},
                                                     {11, "0000:00:14.0#2-3"}};
-    bind();
-    Reports reports;
-    libusbk::Monitor* const monitor = reports.watch();
-    std::size_t count = 0;
     for (const auto& [number, place] : expected) {
         bus.plugIn("3", nullptr, 0x1234, 0x5678, number);
-        const Reports::Report report = reports.await(count + 1).at(count);
-        const std::string id = std::string("USB\\VID_1234&PID_5678\\") + place;
-        EXPECT_EQ(report.entry.deviceId, id);
         // By its id an agent opens that device and no other.
-        ASSERT_EQ(list(id).size(), 1U);
+        const std::string id = std::string("USB\\VID_1234&PID_5678\\") + place;
+        ASSERT_TRUE(eventually([&] { return list(id).size() == 1; })) << place;
         EXPECT_EQ(list(id)[0].busNumber, number);
-        ++count;
     }
-    EXPECT_TRUE(usb().HotK_Free(monitor));
 }
 
 TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
     bus.plugIn("1");
     bus.plugIn("4");
     bind();
-    Reports reports;
     std::latch gate(1);
     std::atomic<bool> callbackEnded{false};
-    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report&) {
+    Reports reports([&](const Reports::Report&) {
         gate.wait();
         callbackEnded = true;
     });
+    libusbk::Monitor* const monitor = reports.watch();
     reports.await(1);
     bus.plugIn("3");  // its report and that of "4" wait behind the callback: never to be made
     std::thread opener([&] {
         std::this_thread::sleep_for(50ms);  // gives a wrong HotK_Free time to come back too soon
         gate.count_down();
     });
-    EXPECT_TRUE(usb().HotK_Free(monitor));
+    reports.end(monitor);
     EXPECT_TRUE(callbackEnded);
     opener.join();
     EXPECT_EQ(reports.await(1).size(), 1U);
@@ -399,34 +379,25 @@ TEST_F(LibusbkTest, EndOfAMonitorWaitsForItsCallbackAndIsFinal) {
 TEST_F(LibusbkTest, AMonitorThatHasEndedLeavesNothingToTheOneBehindIt) {
     bus.plugIn("1");
     bind();
-    Reports reports;
     std::latch gate(1);
-    libusbk::Monitor* const first = reports.watch([&](const Reports::Report& report) {
-        EXPECT_FALSE(usb().HotK_Free(report.monitor)) << "it would wait for its own end";
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kInvalidParameter);
+    Reports reports([&](const Reports::Report& report) {
+        EXPECT_EQ(error(usb().HotK_Free(report.monitor)), libusbk::kInvalidParameter)
+            << "it would wait for its own end";
         gate.wait();
     });
+    libusbk::Monitor* const first = reports.watch();
     reports.await(1);
     // These wait for their turn behind the callback, and the second may get the memory of the one
     // before it.
-    EXPECT_TRUE(usb().HotK_Free(Reports::add(libusbk::kReportConnected)));
-    libusbk::Monitor* const second = Reports::add(libusbk::kReportConnected);
-    libusbk::Monitor* const onlyNews = Reports::add(0);
+    reports.end(reports.watch());
+    libusbk::Monitor* const second = reports.watch();
+    libusbk::Monitor* const onlyNews = reports.watch(0);
     gate.count_down();
     bus.plugIn("3");
-    const auto all = reports.await(5);
-    ASSERT_EQ(all.size(), 5U);
-    const auto told = [&](std::size_t i) {
-        return std::make_pair(all[i].monitor, std::string(all[i].entry.deviceId).back());
-    };
-    EXPECT_EQ(told(1), std::make_pair(second, '1'));
-    EXPECT_EQ(told(2), std::make_pair(first, '3'));
-    EXPECT_EQ(told(3), std::make_pair(second, '3'));
-    EXPECT_EQ(told(4), std::make_pair(onlyNews, '3'));
-    for (libusbk::Monitor* const monitor : {first, second, onlyNews}) {
-        EXPECT_TRUE(usb().HotK_Free(monitor));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
-    }
+    EXPECT_THAT(reports.texts(5), ElementsAre("+1@3", "+1@3", "+3@4", "+3@4", "+3@4"));
+    libusbk::Monitor* const expected[] = {first, second, first, second, onlyNews};
+    for (std::size_t i = 0; i < std::size(expected); ++i)
+        EXPECT_EQ(reports.await(5)[i].monitor, expected[i]) << i;
 }
 
 TEST_F(LibusbkTest, EventsGoOnAfterAnErrorOfLibusb) {
@@ -449,8 +420,7 @@ TEST_F(LibusbkTest, SlotsAreCheckedAndUsedAgain) {
     EXPECT_TRUE(usb().OvlK_Acquire(&slots[0], pool));
     EXPECT_TRUE(usb().OvlK_Acquire(&slots[1], pool));
     EXPECT_NE(slots[0], slots[1]);
-    EXPECT_FALSE(usb().OvlK_Acquire(&slots[2], pool));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+    EXPECT_EQ(error(usb().OvlK_Acquire(&slots[2], pool)), libusbk::kNoMoreItems);
     EXPECT_TRUE(usb().OvlK_Release(slots[0]));
     EXPECT_TRUE(usb().OvlK_Acquire(&slots[2], pool));
     EXPECT_EQ(slots[2], slots[0]);
@@ -459,8 +429,7 @@ TEST_F(LibusbkTest, SlotsAreCheckedAndUsedAgain) {
     EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "nothing was started";
     EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
     EXPECT_EQ(opened.startRead(16), libusbk::kBusy);
-    EXPECT_FALSE(usb().OvlK_ReUse(opened.slot));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+    EXPECT_EQ(error(usb().OvlK_ReUse(opened.slot)), libusbk::kBusy);
     device->send(kIn, {});
     EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
     EXPECT_EQ(opened.wait(kShort), libusbk::kInvalidParameter) << "it was waited for already";
@@ -525,9 +494,9 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
 
     // Without a slot the time limit is the library's own.
     std::uint32_t moved = 1;
-    EXPECT_FALSE(
-        usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    EXPECT_EQ(
+        error(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr)),
+        libusbk::kSemaphoreTimeout);
     EXPECT_EQ(moved, 0U);
     device->send(kIn, pattern(64));
     EXPECT_TRUE(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
@@ -548,8 +517,7 @@ TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
     // A device that babbles does not hold up the host for good.
     for (int i = 0; i < 200; ++i)
         device->send(kIn, pattern(8));
-    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+    EXPECT_EQ(error(usb().UsbK_FlushPipe(opened.handle, kIn)), libusbk::kSemaphoreTimeout);
 
     device->stall(kOut);
     EXPECT_EQ(opened.write({1, 2, 3}), libusbk::kGeneralFailure);
@@ -560,8 +528,7 @@ TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
     EXPECT_EQ(device->counts().clearedHalts, 2);
     EXPECT_EQ(device->counts().kernelClears, 2);
     device->stall(kIn);
-    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kGeneralFailure);
+    EXPECT_EQ(error(usb().UsbK_FlushPipe(opened.handle, kIn)), libusbk::kGeneralFailure);
 }
 
 TEST_F(LibusbkTest, AMuteDeviceDoesNotHoldUpAReset) {
@@ -569,19 +536,16 @@ TEST_F(LibusbkTest, AMuteDeviceDoesNotHoldUpAReset) {
     device->fallMute();
     {
         Opened opened(entry);
-        EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kSemaphoreTimeout);
+        EXPECT_EQ(error(usb().UsbK_ResetPipe(opened.handle, kOut)), libusbk::kSemaphoreTimeout);
     }
     Opened opened(entry);
     std::thread stopper([&] {
         EXPECT_TRUE(device->awaitPending(0, 1));
         EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
     });
-    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_EQ(error(usb().UsbK_ResetPipe(opened.handle, kOut)), libusbk::kOperationAborted);
     stopper.join();
-    EXPECT_FALSE(usb().UsbK_ResetPipe(opened.handle, kOut));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_EQ(error(usb().UsbK_ResetPipe(opened.handle, kOut)), libusbk::kOperationAborted);
     // The kernel, whose wait nothing can end, was never asked.
     EXPECT_EQ(device->counts().kernelClears, 0);
 }
@@ -624,10 +588,9 @@ TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
     stopper.join();
 
     EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
-    EXPECT_FALSE(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
-    EXPECT_FALSE(usb().UsbK_FlushPipe(opened.handle, kIn));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kOperationAborted);
+    EXPECT_EQ(error(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr)),
+              libusbk::kOperationAborted);
+    EXPECT_EQ(error(usb().UsbK_FlushPipe(opened.handle, kIn)), libusbk::kOperationAborted);
     EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
     EXPECT_LT(Clock::now() - start, kPatience);
 }
@@ -640,14 +603,11 @@ TEST_F(LibusbkTest, ClaimsAreExclusiveAndEndWithTheirHandle) {
         Opened first(entry);
         EXPECT_EQ(first.write({1}), libusbk::kNoError);
         EXPECT_EQ(device->counts().claims, 1);
-        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, false));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
-        EXPECT_FALSE(usb().UsbK_ClaimInterface(first.handle, 1, true));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoMoreItems);
+        EXPECT_EQ(error(usb().UsbK_ClaimInterface(first.handle, 1, false)), libusbk::kNoMoreItems);
+        EXPECT_EQ(error(usb().UsbK_ClaimInterface(first.handle, 1, true)), libusbk::kNoMoreItems);
 
         ASSERT_TRUE(usb().UsbK_Init(&second, &entry));
-        EXPECT_FALSE(usb().UsbK_ClaimInterface(second, 0, false));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kBusy);
+        EXPECT_EQ(error(usb().UsbK_ClaimInterface(second, 0, false)), libusbk::kBusy);
     }
     EXPECT_TRUE(usb().UsbK_ClaimInterface(second, 0, false));
     Opened third(entry);
@@ -664,7 +624,7 @@ TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
     bind();
     {
         Reports reports;
-        libusbk::Monitor* const monitor = reports.watch();
+        reports.watch();
         {
             Opened opened(reports.await(1)[0].entry);
             EXPECT_EQ(opened.write({1}), libusbk::kNoError);
@@ -672,7 +632,6 @@ TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
         }
         bus.unplug(leaving);
         reports.await(2);
-        EXPECT_TRUE(usb().HotK_Free(monitor));
     }
     const int before = opens;
     unbind();
@@ -684,30 +643,25 @@ TEST_F(LibusbkTest, KernelDriverIsDetachedOnceAndGivenBackAtTheEnd) {
         Opened opened(entry);
         EXPECT_EQ(opened.write({1}), libusbk::kNoError);
     }
-    EXPECT_EQ(device->counts().claims, 2);
     EXPECT_EQ(device->counts().detaches, 1);
     EXPECT_EQ(device->boundDriver(), "");
     unbind();
     EXPECT_EQ(device->boundDriver(), "cdc_acm");
-    EXPECT_EQ(leaving.counts().attaches, 0);
 }
 
 TEST_F(LibusbkTest, TellsMissingPermissionFromAMissingDevice) {
     const libusbk::DeviceEntry entry = plugInAndBind();
     ASSERT_EQ(::chmod(device->node().c_str(), 0), 0);
-    libusbk::UsbHandle* handle = nullptr;
-    testing::internal::CaptureStderr();
-    {
-        const NoOverride likeAnyUser;
-        EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
-        EXPECT_EQ(usb().LibK_LastError(), libusbk::kAccessDenied);
-    }
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                AllOf(HasSubstr(entry.deviceId), HasSubstr("udev rule")));
+    const auto open = [&] {
+        libusbk::UsbHandle* handle = nullptr;
+        return error(usb().UsbK_Init(&handle, &entry));
+    };
+    const Output output = outputOf(
+        [&] { runBoundByPermissions([&] { EXPECT_EQ(open(), libusbk::kAccessDenied); }); });
+    EXPECT_THAT(output.traced, AllOf(HasSubstr(entry.deviceId), HasSubstr("udev rule")));
     ASSERT_EQ(::chmod(device->node().c_str(), 0666), 0);
     bus.unplug(*device);
-    EXPECT_FALSE(usb().UsbK_Init(&handle, &entry));
-    EXPECT_EQ(usb().LibK_LastError(), libusbk::kDeviceNotConnected);
+    EXPECT_EQ(open(), libusbk::kDeviceNotConnected);
 }
 
 TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
@@ -716,17 +670,17 @@ TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
     };
     MockUsbDevice& early = bus.plugIn("3", locked);
     runBoundByPermissions([&] { bind(); });
-    Reports reports;
     // As the engine does.
     std::vector<std::uint32_t> opened;
-    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report& report) {
+    Reports reports([&](const Reports::Report& report) {
         libusbk::UsbHandle* handle = nullptr;
         if (report.kind != libusbk::kArrival)
             return;
-        opened.push_back(Opened::error(usb().UsbK_Init(&handle, &report.entry)));
+        opened.push_back(error(usb().UsbK_Init(&handle, &report.entry)));
         if (handle != nullptr)
             usb().UsbK_Free(handle);
     });
+    libusbk::Monitor* const monitor = reports.watch();
     reports.await(1);
     MockUsbDevice& late = bus.plugIn("4", locked);
     reports.await(2);
@@ -741,23 +695,11 @@ TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
     bus.unplug(late);
     bus.unplug(open);
     bus.plugIn("6");
-    const auto all = reports.await(9);
-    EXPECT_TRUE(usb().HotK_Free(monitor));
-
-    using Event = std::pair<std::int32_t, int>;
-    std::vector<Event> events;
-    events.reserve(all.size());
-    for (const Reports::Report& report : all)
-        events.emplace_back(report.kind, report.entry.deviceAddress);
-    EXPECT_THAT(events,
-                testing::ElementsAre(Event{libusbk::kArrival, 3}, Event{libusbk::kArrival, 4},
-                                     Event{libusbk::kArrival, 5}, Event{libusbk::kRemoval, 4},
-                                     Event{libusbk::kArrival, 4}, Event{libusbk::kRemoval, 3},
-                                     Event{libusbk::kRemoval, 4}, Event{libusbk::kRemoval, 5},
-                                     Event{libusbk::kArrival, 6}));
-    EXPECT_THAT(opened,
-                testing::ElementsAre(libusbk::kAccessDenied, libusbk::kAccessDenied,
-                                     libusbk::kNoError, libusbk::kNoError, libusbk::kNoError));
+    EXPECT_THAT(reports.texts(9), ElementsAre("+3@3", "+4@4", "+5@5", "-4@4", "+4@4", "-3@3",
+                                              "-4@4", "-5@5", "+6@6"));
+    reports.end(monitor);
+    EXPECT_THAT(opened, ElementsAre(libusbk::kAccessDenied, libusbk::kAccessDenied,
+                                    libusbk::kNoError, libusbk::kNoError, libusbk::kNoError));
 }
 
 TEST_F(LibusbkTest, RootNeedsNoDriverAndOthersAreToldTheyDo) {
@@ -767,45 +709,37 @@ TEST_F(LibusbkTest, RootNeedsNoDriverAndOthersAreToldTheyDo) {
         EXPECT_TRUE(usb().LibK_IsDriverInstalled());
         ASSERT_EQ(::seteuid(65534), 0);
     }
-    const bool installed = usb().LibK_IsDriverInstalled();
-    EXPECT_EQ(installed, libusbk::mayOpenDevices());
-    EXPECT_TRUE(installed || usb().LibK_LastError() == libusbk::kAccessDenied);
+    const std::uint32_t code = error(usb().LibK_IsDriverInstalled());
+    EXPECT_EQ(code, libusbk::mayOpenDevices() ? libusbk::kNoError : libusbk::kAccessDenied);
     ASSERT_EQ(::seteuid(user), 0);
 }
 
 TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     constexpr std::size_t kDevices = 16;
-    constexpr int kRounds = 10;
     bind();
-    Reports reports;
     std::latch gate(1);
-    libusbk::Monitor* const monitor = reports.watch([&](const Reports::Report& report) {
-        if (report.kind == libusbk::kArrival) {
-            // As the engine does: on the library's own thread.
-            libusbk::UsbHandle* handle = nullptr;
-            EXPECT_TRUE(usb().UsbK_Init(&handle, &report.entry));
-            EXPECT_TRUE(usb().UsbK_Free(handle));
-        } else {
+    Reports reports([&](const Reports::Report& report) {
+        if (report.kind == libusbk::kArrival)
+            Opened{report.entry};  // as the engine does: on the library's own thread
+        else
             gate.wait();
-        }
     });
+    reports.watch();
     MockUsbDevice& seventeenth = bus.plugIn("1");
-    std::vector<MockUsbDevice*> devices;
-    for (std::size_t i = 0; i < kDevices; ++i) {
-        MockUsbDevice& fresh = bus.plugIn("2." + std::to_string(i + 1));
+    for (std::size_t i = 1; i <= kDevices; ++i) {
+        MockUsbDevice& fresh = bus.plugIn("2." + std::to_string(i));
         // Says everything back.
         fresh.setReceiver([&fresh](std::uint8_t, const Bytes& bytes) { fresh.send(kIn, bytes); });
-        devices.push_back(&fresh);
-        reports.await(i + 2);
+        reports.await(i + 1);
     }
     bus.unplug(seventeenth);
     const auto all = reports.await(kDevices + 2);
 
     std::vector<std::thread> workers;
-    for (std::size_t i = 0; i < kDevices; ++i) {
-        workers.emplace_back([&entry = all[i + 1].entry, i] {
+    for (std::size_t i = 1; i <= kDevices; ++i) {
+        workers.emplace_back([&entry = all[i].entry, i] {
             Opened opened(entry);
-            for (int round = 0; round < kRounds; ++round) {
+            for (int round = 0; round < 10; ++round) {
                 const Bytes sent = pattern(4096, static_cast<int>(i) + round);
                 EXPECT_EQ(opened.write(sent), libusbk::kNoError);
                 EXPECT_EQ(opened.read(4096), sent);
@@ -815,23 +749,21 @@ TEST_F(LibusbkTest, SixteenDevicesWorkWhileARemovalIsBeingHandled) {
     for (std::thread& worker : workers)
         worker.join();
     gate.count_down();
-    EXPECT_TRUE(usb().HotK_Free(monitor));
 }
 
 TEST_F(LibusbkTest, NothingIsLeftWhenTheBindingEnds) {
-    device = &bus.plugIn("3");
     std::size_t unbound = 0;
+    bus.plugIn("3");
     for (int i = 0; i < 3; ++i) {
         bind();
-        Reports reports;
-        libusbk::Monitor* const monitor = reports.watch();
         {
+            Reports reports;
+            reports.watch();
             Opened opened(reports.await(1)[0].entry);
             EXPECT_GT(threadsOfProcess(), unbound);
             // Even with a transfer that nobody has waited for.
             EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
         }
-        EXPECT_TRUE(usb().HotK_Free(monitor));
         unbind();
         EXPECT_FALSE(LibusbkBinding::isBound());
         // The testbed has threads of its own, which all run by the end of the first binding.

@@ -77,9 +77,7 @@ TEST_F(MainPageTest, ButtonsTurnToThePagesThatAccept) {
     sheet_.setActivePage(0);
     press("串口烧录");
     EXPECT_TRUE(serial_.isVisible());
-}
-
-TEST_F(MainPageTest, SerialTestIsNotThereYet) {
+    sheet_.setActivePage(0);
     press("串口测试");
     EXPECT_THAT(prompts_.takeBoxes(), ElementsAre(notice("功能开发中！")));
     EXPECT_EQ(sheet_.activePage(), 0);
