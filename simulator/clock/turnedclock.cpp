@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,6 +76,48 @@ struct Waiter {
     pthread_cond_t* condition;  // for the others
 };
 
+// A terminal of the clock's own. The kernel carries the bytes of all terminals from end to end in
+// the order in which they were written, by threads of its own, which a busy machine keeps waiting:
+// when a byte has come through this one, so have those of the others.
+class Echo {
+  public:
+    Echo() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+        char name[64];
+        if (::grantpt(master_) != 0 || ::unlockpt(master_) != 0 ||
+            ::ptsname_r(master_, name, sizeof name) != 0)
+            std::abort();
+        slave_ = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+        termios settings{};
+        ::tcgetattr(slave_, &settings);
+        ::cfmakeraw(&settings);
+        ::tcsetattr(slave_, TCSANOW, &settings);
+    }
+    ~Echo() {
+        ::close(slave_);
+        ::close(master_);
+    }
+    Echo(const Echo&) = delete;
+    Echo& operator=(const Echo&) = delete;
+
+    // There and back, twice: the first byte may have overtaken another on a second processor.
+    bool comesBack() const {
+        for (int i = 0; i < 2; ++i) {
+            if (!carry(slave_, master_) || !carry(master_, slave_))
+                return false;
+        }
+        return true;
+    }
+
+  private:
+    static bool carry(int from, int to) {
+        char byte = 'x';
+        return ::write(from, &byte, 1) == 1 && ::read(to, &byte, 1) == 1;
+    }
+
+    const int master_;
+    int slave_ = -1;
+};
+
 class Clock {
   public:
     Nanoseconds now() const { return realNow() + offset_.load(); }
@@ -128,10 +171,13 @@ class Clock {
             const std::uint64_t changes = changeCount();
             quiet = !late && changes == seen && othersSleep() ? quiet + 1 : 0;
             seen = changes;
-            if (quiet >= kQuietLooks) {
+            if (quiet < kQuietLooks)
+                continue;
+            quiet = 0;
+            // What a thread has written into a terminal before it slept may not have come out yet.
+            // A thread that did so while the others were looked at has begun another wait since.
+            if (echo_.comesBack() && othersSleep() && changeCount() == seen)
                 leap();
-                quiet = 0;
-            }
         }
     }
 
@@ -208,6 +254,7 @@ class Clock {
     std::atomic<pid_t> owner_{0};
     std::atomic<pid_t> lookout_{0};
     std::thread thread_;
+    const Echo echo_;
     std::mutex lock_;  // guards the two
     std::list<Waiter> waiters_;
     std::uint64_t changes_ = 0;

@@ -376,17 +376,21 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
 TEST_F(HurriedSerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
-    VirtualSerialDevice& inBurn = plugSerial(0, {.blockTime = 100ms});
+    VirtualSerialDevice& inBurn = makeSerial(0);
+    inBurn.addFault({SerialFaultPoint::FlashData, operatorDoes([&] {
+                         for (const char* const entry : {"导入SN", "导入SN号"})
+                             EXPECT_TRUE(hands->press(entry));
+                         EXPECT_EQ(prompts_.takeBoxes(),
+                                   std::vector<Box>(2, notice("正在烧录中，不能导入！")));
+                         prompts_.answer(false);
+                         EXPECT_TRUE(hands->press("主页"));
+                         EXPECT_TRUE(hands->isEnabled("停止烧录"));
+                         EXPECT_TRUE(hands->press("停止烧录"));
+                     }),
+                     3});
+    arrive(inBurn);
     VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
     ASSERT_TRUE(hands->press("开始烧录"));
-    ASSERT_TRUE(shows(0, "正在写入 .\\uart_temp_image\\master.bin"));
-    for (const char* const entry : {"导入SN", "导入SN号"})
-        ASSERT_TRUE(hands->press(entry));
-    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>(2, notice("正在烧录中，不能导入！")));
-    prompts_.answer(false);
-    ASSERT_TRUE(hands->press("主页"));
-    EXPECT_TRUE(hands->isEnabled("停止烧录"));
-    ASSERT_TRUE(hands->press("停止烧录"));
     EXPECT_TRUE(canRead(kStopped));
     EXPECT_TRUE(hands->tiles().empty());
     EXPECT_TRUE(hands->isEnabled("选择固件"));
