@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the format of every file, builds all with clang and runs clang-tidy over every source:
 # lint.sh [--since REV]. With --since only the sources that have changed since then go through clang-tidy,
-# and nothing is built.
+# those that changed last first, and nothing is built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +15,10 @@ if [ -z "$since" ]; then
     sources=$(git ls-files '*.cpp')
     scripts/build.sh tidy
 else
-    sources=$(git diff --name-only --diff-filter=d "$since" -- '*.cpp')
+    sources=$({
+        git diff --name-only HEAD -- '*.cpp'
+        git log --format= --name-only "$since..HEAD" -- '*.cpp'
+    } | awk 'NF && !seen[$0]++' | while IFS= read -r file; do [ ! -f "$file" ] || echo "$file"; done)
     cmake --preset tidy >/dev/null
 fi
 count=$(grep -c . <<<"$sources" || true)
