@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # Checks the format of every file, builds all with clang and runs clang-tidy over every source:
-# lint.sh [--since REV]. With --since only the sources that have changed since then go through clang-tidy,
-# those that changed last first, and nothing is built.
+# lint.sh [--since REV [SECONDS]]. With --since only the sources that have changed since then go through
+# clang-tidy, those that changed last first, until the time is up, and nothing is built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 since=
-[ "${1:-}" != --since ] || since=$2
+deadline=
+if [ "${1:-}" = --since ]; then
+    since=$2
+    [ -z "${3:-}" ] || deadline=$(($(date +%s) + $3))
+fi
 
 scripts/install-packages.sh build test bench lint
 git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
@@ -23,8 +27,9 @@ else
 fi
 count=$(grep -c . <<<"$sources" || true)
 if [ "$count" -gt 0 ]; then
-    xargs -P "$(nproc)" -I{} sh -c \
-        'clang-tidy --quiet -p build/tidy "$1" 2>/dev/null || { echo "clang-tidy: $1"; exit 1; }' _ {} \
-        <<<"$sources"
+    xargs -P "$(nproc)" -I{} sh -c '
+        [ -z "$2" ] || [ "$(date +%s)" -lt "$2" ] || { echo "no time left for $1"; exit 0; }
+        clang-tidy --quiet -p build/tidy "$1" 2>/dev/null || { echo "clang-tidy: $1"; exit 1; }' \
+        _ {} "$deadline" <<<"$sources"
 fi
-echo "format clean, clang-tidy clean over $count sources"
+echo "format and clang-tidy clean, of $count sources"
