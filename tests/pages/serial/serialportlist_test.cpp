@@ -35,22 +35,16 @@ std::vector<std::string> pathsOf(const std::vector<SSerInfo>& ports) {
     return paths;
 }
 
-TEST(SerialPortList, DescribesEachPort) {
+// What the machine's own ports are called is tried on libudev.
+TEST(SerialPortList, APortWithoutAModelGoesByItsName) {
     simulator::VirtualSerialPorts ports;
     EXPECT_THAT(listed(false), IsEmpty());
-
-    ports.arrive("/ports/a", "Adapter", true);
-    ports.arrive("/ports/b", "K\xC3\xA4stchen", false);
-    ports.arrive("/ports/c", "Adapter (two) b", true);  // its first ")" is not the last character
     ports.arrive("/ports/d", "", false);
-    std::vector<std::wstring> lines;
-    for (const SSerInfo& port : listed(false))
-        lines.push_back(port.devicePath + (port.isUsb ? L" usb " : L" ") + port.friendlyName +
-                        L" = " + port.description + L", " + port.portName);
-    EXPECT_THAT(lines, ElementsAre(L"/ports/a usb Adapter (a) = Adapter, ",
-                                   L"/ports/b K\u00E4stchen (b) = K\u00E4stchen, ",
-                                   L"/ports/c usb Adapter (two) b (c) = Adapter (two) b (c), ",
-                                   L"/ports/d d = d, d"));
+    const std::vector<SSerInfo> found = listed(false);
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].portName, L"d");
+    EXPECT_EQ(found[0].friendlyName, L"d");
+    EXPECT_EQ(found[0].description, L"d");
 }
 
 TEST(SerialPortList, LeavesBusyPortsOutOnlyIfAskedTo) {
