@@ -22,16 +22,14 @@ TEST(RefresherTest, FloodFromAllWorkersCostsFewRefreshesAndLosesNothing) {
 
     QElapsedTimer time;
     time.start();
-    std::vector<std::jthread> workers;
-    workers.reserve(kWorkers);
-    for (int i = 0; i < kWorkers; ++i) {
-        workers.emplace_back([&] {
+    std::vector<std::jthread> workers(kWorkers);
+    for (std::jthread& worker : workers)
+        worker = std::jthread([&] {
             for (int n = 0; n < kChanges; ++n) {
                 ++state;
                 refresher.request();
             }
         });
-    }
     ASSERT_TRUE(QTest::qWaitFor([&] { return shown == kWorkers * kChanges; }, 60'000));
     EXPECT_LE(refreshes, time.elapsed() / 100 + 1);
     workers.clear();

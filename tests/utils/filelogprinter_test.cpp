@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -63,28 +62,24 @@ TEST_F(FileLogPrinterTest, CopiesLinesToTheTraceEvenWithoutAFile) {
 }
 
 TEST_F(FileLogPrinterTest, LinesOfManyThreadsStayWholeAndInOrder) {
-    constexpr int kThreads = 16;
+    constexpr std::size_t kThreads = 16;
     constexpr int kLines = 100;
     FileLogPrinter printer("log\\run.log");
     hj::setLogPrinter(&printer);
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int id = 0; id < kThreads; ++id)
-        threads.emplace_back([id] {
-            for (int i = 0; i < kLines; ++i)
-                hj::logI("tag", 1, "%d %d.", id, i);
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-
-    std::map<int, int> next;
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t id = 0; id < kThreads; ++id)
+            threads.emplace_back([id] {
+                for (int i = 0; i < kLines; ++i)
+                    hj::logI("tag", 1, "%d %d.", static_cast<int>(id), i);
+            });
+    }
+    std::vector<int> next(kThreads);
     std::istringstream stream(file());
     for (std::string line; std::getline(stream, line);) {
-        const int id = std::stoi(line.substr(82));
+        const std::size_t id = std::stoul(line.substr(82));
         ASSERT_EQ(line.substr(80),
-                  " :" + std::to_string(id) + " " + std::to_string(next[id]++) + ".\r");
+                  " :" + std::to_string(id) + " " + std::to_string(next.at(id)++) + ".\r");
     }
-    EXPECT_EQ(next.size(), static_cast<std::size_t>(kThreads));
-    for (const auto& [id, count] : next)
-        EXPECT_EQ(count, kLines) << id;
+    EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
 }
