@@ -99,17 +99,7 @@ void MockUsbDevice::send(std::uint8_t endpoint, const Bytes& bytes) {
 
 void MockUsbDevice::sendOnCancel(std::uint8_t endpoint, const Bytes& bytes) {
     const std::lock_guard guard(mutex_);
-    onCancel_[endpoint] = bytes;
-}
-
-void MockUsbDevice::takeOnly(std::uint8_t endpoint, int packets) {
-    const std::lock_guard guard(mutex_);
-    room_[endpoint] = packets;
-}
-
-void MockUsbDevice::withholdEnd(std::uint8_t endpoint) {
-    const std::lock_guard guard(mutex_);
-    endless_.insert(endpoint);
+    onCancel_.emplace(endpoint, bytes);
 }
 
 void MockUsbDevice::stall(std::uint8_t endpoint) {
@@ -120,11 +110,6 @@ void MockUsbDevice::stall(std::uint8_t endpoint) {
             finish(urb, -EPIPE);
     }
     showFinished();
-}
-
-void MockUsbDevice::fallMute() {
-    const std::lock_guard guard(mutex_);
-    mute_ = true;
 }
 
 void MockUsbDevice::bindDriver(const std::string& name) {
@@ -165,17 +150,18 @@ void MockUsbDevice::unplug() {
 
 int MockUsbDevice::onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self) {
     MockUsbDevice& device = *static_cast<MockUsbDevice*>(self);
-    const Answer answer = device.answer(client);
-    umockdev_ioctl_client_complete(client, answer.result, answer.error);
-    if (answer.received) {
-        Receiver receiver;
-        {
-            const std::lock_guard guard(device.mutex_);
-            receiver = device.receiver_;
-        }
-        if (receiver)
-            receiver(answer.endpoint, answer.bytes);
+    Receiver receiver;
+    std::optional<std::pair<std::uint8_t, Bytes>> received;
+    int result = 0;
+    {
+        const std::lock_guard guard(device.mutex_);
+        result = device.answer(client);
+        receiver = device.receiver_;
+        received = std::exchange(device.received_, std::nullopt);
     }
+    umockdev_ioctl_client_complete(client, result < 0 ? -1 : result, result < 0 ? -result : 0);
+    if (received && receiver)
+        receiver(received->first, received->second);
     return 1;
 }
 
@@ -193,8 +179,7 @@ void MockUsbDevice::onVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, 
     device.showFinished();
 }
 
-MockUsbDevice::Answer MockUsbDevice::answer(UMockdevIoctlClient* client) {
-    const std::lock_guard guard(mutex_);
+int MockUsbDevice::answer(UMockdevIoctlClient* client) {
     const unsigned long request = umockdev_ioctl_client_get_request(client);
     if (request == USBDEVFS_REAPURBNDELAY)
         return reap(client);
@@ -203,10 +188,10 @@ MockUsbDevice::Answer MockUsbDevice::answer(UMockdevIoctlClient* client) {
             resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof kCapabilities);
         store(value, 0, kCapabilities);
         g_object_unref(value);
-        return {};
+        return 0;
     }
     if (gone_)
-        return {-1, ENODEV};
+        return -ENODEV;
     switch (request) {
         case USBDEVFS_SUBMITURB:
             return submit(client);
@@ -223,13 +208,13 @@ MockUsbDevice::Answer MockUsbDevice::answer(UMockdevIoctlClient* client) {
         case USBDEVFS_CLEAR_HALT:
             return clearHalt(client);
         default:
-            return {-1, ENOTTY};
+            return -ENOTTY;
     }
 }
 
-MockUsbDevice::Answer MockUsbDevice::submit(UMockdevIoctlClient* client) {
+int MockUsbDevice::submit(UMockdevIoctlClient* client) {
     if (claimant_ != client)
-        return {-1, EINVAL};  // more strict than the kernel, which grumbles and claims by itself
+        return -EINVAL;  // more strict than the kernel, which grumbles and claims by itself
     UMockdevIoctlData* const record =
         resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_urb));
     const auto request = valueAt<usbdevfs_urb>(record);
@@ -247,22 +232,18 @@ MockUsbDevice::Answer MockUsbDevice::submit(UMockdevIoctlClient* client) {
         moveIn(urb.endpoint);
     else
         moveOut(urb);
-    Answer answer;
-    if (!urb.request && urb.finished && urb.status == 0 && !isIn(urb.endpoint)) {
-        answer.received = true;
-        answer.endpoint = urb.endpoint;
-        answer.bytes = urb.moved;
-    }
+    if (!urb.request && urb.finished && urb.status == 0 && !isIn(urb.endpoint))
+        received_.emplace(urb.endpoint, urb.moved);
     showFinished();
-    return answer;
+    return 0;
 }
 
-MockUsbDevice::Answer MockUsbDevice::reap(UMockdevIoctlClient* client) {
+int MockUsbDevice::reap(UMockdevIoctlClient* client) {
     const auto urb = std::find_if(urbs_.begin(), urbs_.end(), [&](const Urb& other) {
         return other.client == client && other.finished;
     });
     if (urb == urbs_.end())
-        return {-1, gone_ ? ENODEV : EAGAIN};
+        return gone_ ? -ENODEV : -EAGAIN;
     if (isIn(urb->endpoint) && !urb->moved.empty())
         umockdev_ioctl_data_update(urb->buffer, 0, urb->moved.data(),
                                    static_cast<gint>(urb->moved.size()));
@@ -274,10 +255,10 @@ MockUsbDevice::Answer MockUsbDevice::reap(UMockdevIoctlClient* client) {
     g_object_unref(place);
     forget(urb);
     showFinished();
-    return {};
+    return 0;
 }
 
-MockUsbDevice::Answer MockUsbDevice::discard(UMockdevIoctlClient* client) {
+int MockUsbDevice::discard(UMockdevIoctlClient* client) {
     const auto address = valueAt<gulong>(umockdev_ioctl_client_get_arg(client));
     for (Urb& urb : urbs_) {
         if (urb.client != client || urb.record->client_addr != address || urb.finished)
@@ -289,29 +270,29 @@ MockUsbDevice::Answer MockUsbDevice::discard(UMockdevIoctlClient* client) {
         if (cancelled)
             finish(urb, -ENOENT);
         showFinished();
-        return cancelled ? Answer{} : Answer{-1, EINVAL};
+        return cancelled ? 0 : -EINVAL;
     }
-    return {-1, EINVAL};
+    return -EINVAL;
 }
 
-MockUsbDevice::Answer MockUsbDevice::claim(UMockdevIoctlClient* client) {
+int MockUsbDevice::claim(UMockdevIoctlClient* client) {
     if (argument<unsigned int>(client) != 0)
-        return {-1, ENOENT};
+        return -ENOENT;
     if (!driver_.empty() || (claimant_ != nullptr && claimant_ != client))
-        return {-1, EBUSY};
+        return -EBUSY;
     claimant_ = client;
     ++counts_.claims;
-    return {};
+    return 0;
 }
 
-MockUsbDevice::Answer MockUsbDevice::release(UMockdevIoctlClient* client) {
+int MockUsbDevice::release(UMockdevIoctlClient* client) {
     if (argument<unsigned int>(client) != 0 || claimant_ != client)
-        return {-1, EINVAL};
+        return -EINVAL;
     claimant_ = nullptr;
-    return {};
+    return 0;
 }
 
-MockUsbDevice::Answer MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
+int MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
     const std::string name = claimant_ != nullptr ? "usbfs" : driver_;
     UMockdevIoctlData* const data =
         resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_getdriver));
@@ -322,44 +303,43 @@ MockUsbDevice::Answer MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
         store(data, 0, record);
     }
     g_object_unref(data);
-    return exists ? Answer{} : Answer{-1, ENODATA};
+    return exists ? 0 : -ENODATA;
 }
 
-MockUsbDevice::Answer MockUsbDevice::commandDriver(UMockdevIoctlClient* client) {
+int MockUsbDevice::commandDriver(UMockdevIoctlClient* client) {
     const auto command = argument<usbdevfs_ioctl>(client);
     if (command.ifno != 0)
-        return {-1, EINVAL};
+        return -EINVAL;
     switch (static_cast<unsigned int>(command.ioctl_code)) {
         case USBDEVFS_DISCONNECT:
             if (driver_.empty())
-                return {-1, ENODATA};
+                return -ENODATA;
             detachedDriver_ = std::exchange(driver_, "");
             ++counts_.detaches;
-            return {};
+            return 0;
         case USBDEVFS_CONNECT:
             if (!driver_.empty() || claimant_ != nullptr)
-                return {-1, EBUSY};
+                return -EBUSY;
             driver_ = std::exchange(detachedDriver_, "");
-            ++counts_.attaches;
-            return {driver_.empty() ? 0 : 1, 0};
+            return driver_.empty() ? 0 : 1;
         default:
-            return {-1, ENOTTY};
+            return -ENOTTY;
     }
 }
 
-MockUsbDevice::Answer MockUsbDevice::clearHalt(UMockdevIoctlClient* client) {
+int MockUsbDevice::clearHalt(UMockdevIoctlClient* client) {
     if (claimant_ != client)
-        return {-1, EINVAL};
+        return -EINVAL;
     ++counts_.kernelClears;
     // The kernel would have waited for 5 s.
-    if (mute_)
-        return {-1, ETIMEDOUT};
+    if (isMute)
+        return -ETIMEDOUT;
     halted_.erase(static_cast<std::uint8_t>(argument<unsigned int>(client)));
-    return {};
+    return 0;
 }
 
 void MockUsbDevice::answerRequest(Urb& urb) {
-    if (mute_)
+    if (isMute)
         return;
     constexpr std::array<std::uint8_t, 4> kClearHalt{0x02, 1, 0, 0};
     const Bytes setup(urb.buffer->data, urb.buffer->data + urb.length);
@@ -392,30 +372,29 @@ void MockUsbDevice::moveIn(std::uint8_t endpoint) {
         while (!urb.finished && urb.endpoint == endpoint && !queue.empty()) {
             Bytes packet = std::move(queue.front());
             queue.pop_front();
-            const std::size_t room = urb.length - urb.moved.size();
-            const std::size_t size = std::min(packet.size(), room);
+            const std::size_t left = urb.length - urb.moved.size();
+            const std::size_t size = std::min(packet.size(), left);
             urb.moved.insert(urb.moved.end(), packet.begin(),
                              packet.begin() + static_cast<std::ptrdiff_t>(size));
-            if (packet.size() > room)
+            if (packet.size() > left)
                 finish(urb, -EOVERFLOW);
-            else if (packet.size() < kPacketSize || packet.size() == room)
+            else if (packet.size() < kPacketSize || packet.size() == left)
                 finish(urb, 0);
         }
     }
 }
 
 void MockUsbDevice::moveOut(Urb& urb) {
-    const auto limit = room_.find(urb.endpoint);
     std::size_t size = urb.length;
-    if (limit != room_.end() && limit->second >= 0) {
-        const auto packets = static_cast<int>((size + kPacketSize - 1) / kPacketSize);
-        const int taken = std::min(packets, limit->second);
+    if (room >= 0) {
+        const int taken =
+            std::min(static_cast<int>((size + kPacketSize - 1) / kPacketSize), room.load());
         size = std::min(size, static_cast<std::size_t>(taken) * kPacketSize);
-        limit->second -= taken;
+        room -= taken;
     }
     if (urb.buffer != nullptr)
         urb.moved.assign(urb.buffer->data, urb.buffer->data + size);
-    if (size == urb.length && endless_.count(urb.endpoint) == 0)
+    if (size == urb.length && !withholdsEnd)
         finish(urb, 0);
 }
 

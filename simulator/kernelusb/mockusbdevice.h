@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -12,8 +12,10 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct _UMockdevIoctlBase;
@@ -32,7 +34,6 @@ class MockUsbDevice {
     struct Counts {
         int claims = 0;
         int detaches = 0;
-        int attaches = 0;
         int clearedHalts = 0;  // in the device, by a request to it
         int kernelClears = 0;  // on the host's side too, by the kernel
     };
@@ -53,22 +54,21 @@ class MockUsbDevice {
     // or fills the host's buffer; no zero-length packet follows by itself, but no bytes send one.
     void send(std::uint8_t endpoint, const Bytes& bytes);
 
-    // Sends bytes in the moment in which the host next cancels a transfer on the endpoint.
+    // Sends bytes in the moment in which the host next cancels a transfer on the endpoint; what is
+    // said after that is sent at the next such moment.
     void sendOnCancel(std::uint8_t endpoint, const Bytes& bytes);
 
-    // From now on takes only this many more packets on an OUT endpoint; -1 is no limit.
-    void takeOnly(std::uint8_t endpoint, int packets);
-    // From now on takes all bytes of an OUT transfer, but lets it end only when the host cancels
-    // it.
-    void withholdEnd(std::uint8_t endpoint);
     // Transfers fail until the host clears the halt.
     void stall(std::uint8_t endpoint);
-    // From now on no request to the device itself is answered.
-    void fallMute();
-
     // A kernel driver has the interface; an empty name is none.
     void bindDriver(const std::string& name);
     std::string boundDriver();
+
+    // How it behaves from now on: answers no request to itself; takes only so many more packets, if
+    // not -1; takes all of a transfer, but lets it end only when the host cancels it.
+    std::atomic<bool> isMute{false};
+    std::atomic<int> room{-1};
+    std::atomic<bool> withholdsEnd{false};
 
     Counts counts();
     // Waits until this many transfers are under way on the endpoint; false if that never comes.
@@ -94,27 +94,19 @@ class MockUsbDevice {
         int status = 0;
         bool finished = false;
     };
-    // Result and errno of a call; for an OUT transfer that it has finished, what to tell.
-    struct Answer {
-        long result = 0;
-        int error = 0;
-        bool received = false;
-        std::uint8_t endpoint = 0;
-        Bytes bytes{};
-    };
-
     static int onIoctl(_UMockdevIoctlBase* handler, _UMockdevIoctlClient* client, void* self);
     static void onVanished(_UMockdevIoctlBase* handler, _UMockdevIoctlClient* client, void* self);
 
-    Answer answer(_UMockdevIoctlClient* client);
-    Answer submit(_UMockdevIoctlClient* client);
-    Answer reap(_UMockdevIoctlClient* client);
-    Answer discard(_UMockdevIoctlClient* client);
-    Answer claim(_UMockdevIoctlClient* client);
-    Answer release(_UMockdevIoctlClient* client);
-    Answer askDriver(_UMockdevIoctlClient* client);
-    Answer commandDriver(_UMockdevIoctlClient* client);
-    Answer clearHalt(_UMockdevIoctlClient* client);
+    // Each gives the result of a call or, below 0, its errno.
+    int answer(_UMockdevIoctlClient* client);
+    int submit(_UMockdevIoctlClient* client);
+    int reap(_UMockdevIoctlClient* client);
+    int discard(_UMockdevIoctlClient* client);
+    int claim(_UMockdevIoctlClient* client);
+    int release(_UMockdevIoctlClient* client);
+    int askDriver(_UMockdevIoctlClient* client);
+    int commandDriver(_UMockdevIoctlClient* client);
+    int clearHalt(_UMockdevIoctlClient* client);
 
     void answerRequest(Urb& urb);
     void queue(std::uint8_t endpoint, const Bytes& bytes);
@@ -136,11 +128,9 @@ class MockUsbDevice {
     Receiver receiver_;
     std::list<Urb> urbs_;
     std::map<std::uint8_t, std::deque<Bytes>> packets_;  // sent, and not fetched yet
-    std::map<std::uint8_t, Bytes> onCancel_;
-    std::map<std::uint8_t, int> room_;  // packets that an OUT endpoint still takes
+    std::multimap<std::uint8_t, Bytes> onCancel_;
+    std::optional<std::pair<std::uint8_t, Bytes>> received_;  // and not told yet
     std::set<std::uint8_t> halted_;
-    std::set<std::uint8_t> endless_;
-    bool mute_ = false;
     std::string driver_;
     std::string detachedDriver_;
     _UMockdevIoctlClient* claimant_ = nullptr;

@@ -1,7 +1,6 @@
 // One whole burn through everything that a real device would see: the administrator, the ROM stage,
 // the agent, libusbK.so and the real libusb; only the kernel's bus and the chip are made up.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,9 +10,6 @@
 
 #include "simulator/kernelusb/mockusbbus.h"
 #include "simulator/usb/virtualusbdevice.h"
-#include "support/helpers.h"
-#include "support/recordinglog.h"
-#include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnadmin.h"
@@ -22,6 +18,7 @@
 namespace {
 
 constexpr auto kPatience = std::chrono::seconds(60);
+const std::string kNumber = "VRL260000000001";
 
 // Puts a virtual chip behind a fake device's endpoints.
 void connect(MockUsbDevice& wire, simulator::VirtualUsbDevice& chip) {
@@ -47,7 +44,7 @@ class Burner final : public UsbListener {
     void onPlug(SesHandle /*session*/) override { reached("plug"); }
     void onBurnerReady(SesHandle session) override {
         BurnAgent agent(session->device_id);
-        agent.set_sn("VRL260000000001", 0x7FF004);
+        agent.set_sn(kNumber, 0x7FF004);
         agent.run(items_, nullptr, CMD_CODE_FLASH_WRITE);
         reached(agent.is_done() ? "done" : "failed");
     }
@@ -80,61 +77,30 @@ class Burner final : public UsbListener {
     std::vector<std::string> steps_;
 };
 
-class WholeBurn : public testing::Test {
-  protected:
-    WholeBurn() : burner({{text::widen(directory.write("master.bin", image)), 0x10000}}) {}
-
-    void start() {
-        BurnAdmin* const admin = BurnAdmin::getInstance();
-        ASSERT_TRUE(LibusbkBinding::isBound());
-        admin->setRomWait(10);
-        admin->setBurnerPath(directory.write("burner.img", burnerImage));
-        admin->startMonitor(&burner);
-    }
-
-    MockUsbDevice& plugIn(const std::function<void(MockUsbDevice&)>& prepare) {
-        return bus.plugIn("2.4", [&](MockUsbDevice& device) {
-            connect(device, chip);
-            prepare(device);
-        });
-    }
-
-    void TearDown() override {
-        BurnAdmin::destroyInstance();
-        const std::string sn = "VRL260000000001";
-        EXPECT_TRUE(chip.flash().holds(0x10000, Bytes(image.begin(), image.end())));
-        EXPECT_TRUE(chip.flash().holds(0x7FF004, Bytes(sn.begin(), sn.end())));
-        EXPECT_EQ(chip.downloadedBurner().size(), burnerImage.size());
-        EXPECT_EQ(chip.errors(), std::vector<std::string>());
-    }
-
-    const TemporaryDirectory directory;
-    const std::string image = std::string(100'001, 'v');
-    const std::string burnerImage = std::string(5'000, 'b');
-    Burner burner;
-    MockUsbBus bus;
-    simulator::VirtualUsbDevice chip;
-};
-
 }  // namespace
 
-TEST_F(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
-    start();
-    MockUsbDevice& wire = plugIn([](MockUsbDevice&) {});
+TEST(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
+    const TemporaryDirectory directory;
+    const std::string image(100'001, 'v');
+    const std::string burnerImage(5'000, 'b');
+    Burner burner({{text::widen(directory.write("master.bin", image)), 0x10000}});
+    MockUsbBus bus;
+    simulator::VirtualUsbDevice chip;
+
+    BurnAdmin* const admin = BurnAdmin::getInstance();
+    ASSERT_TRUE(LibusbkBinding::isBound());
+    admin->setRomWait(10);
+    admin->setBurnerPath(directory.write("burner.img", burnerImage));
+    admin->startMonitor(&burner);
+    MockUsbDevice& wire = bus.plugIn("2.4", [&](MockUsbDevice& device) { connect(device, chip); });
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");
     bus.unplug(wire);
     EXPECT_EQ(burner.next(), "remove");
-}
+    BurnAdmin::destroyInstance();
 
-TEST_F(WholeBurn, WaitsForTheRightToOpenADeviceThatIsThereAtTheStart) {
-    RecordingLog log;
-    const MockUsbDevice& wire =
-        plugIn([](MockUsbDevice& device) { ASSERT_EQ(::chmod(device.node().c_str(), 0), 0); });
-    runBoundByPermissions([&] { start(); });
-    EXPECT_TRUE(eventually([&] { return log.contains("no permission"); }));
-    ASSERT_EQ(::chmod(wire.node().c_str(), 0666), 0);
-    EXPECT_EQ(burner.next(), "plug");
-    EXPECT_EQ(burner.next(), "done");
-    EXPECT_TRUE(log.contains("no permission to open USB\\VID_1234&PID_5678\\0000:00:14.0-2.4"));
+    EXPECT_TRUE(chip.flash().holds(0x10000, Bytes(image.begin(), image.end())));
+    EXPECT_TRUE(chip.flash().holds(0x7FF004, Bytes(kNumber.begin(), kNumber.end())));
+    EXPECT_EQ(chip.downloadedBurner().size(), burnerImage.size());
+    EXPECT_EQ(chip.errors(), std::vector<std::string>());
 }
