@@ -58,21 +58,7 @@ TEST_F(LoadSnDialogTest, ShowsWhatIsStored) {
     EXPECT_EQ(shown(kAddress), "") << "no address is stored";
 }
 
-TEST_F(LoadSnDialogTest, ImportsAndRemembersAGoodFile) {
-    const QString path = QString::fromStdString(directory_.write("good.csv", kGoodRows));
-    open();
-    import(path);
-    EXPECT_THAT(prompts_.takeBoxes(), ElementsAre(notice("导入成功")));
-    EXPECT_EQ(shown(kPath), path);
-    EXPECT_TRUE(dialog_->isVisible());
-    EXPECT_EQ(storage_.getSnFile().takeNext()->sn, "A1");
-
-    GlobalStorage restarted;
-    EXPECT_TRUE(restarted.load());
-    EXPECT_EQ(restarted.getSnFilePath(), path.toStdWString());
-}
-
-TEST_F(LoadSnDialogTest, ShowsTheListInForceAfterAFailedImport) {
+TEST_F(LoadSnDialogTest, RemembersAGoodFileAndShowsTheListInForce) {
     const QString good = QString::fromStdString(directory_.write("good.csv", kGoodRows));
     const QString wrong = QString::fromStdString(directory_.write("wrong.csv", "A1\r\n"));
     const QString gone = QString::fromStdString((directory_.path() / "gone.csv").string());
@@ -81,6 +67,11 @@ TEST_F(LoadSnDialogTest, ShowsTheListInForceAfterAFailedImport) {
     open();
     import(good);
     EXPECT_THAT(prompts_.takeBoxes(), ElementsAre(notice("导入成功")));
+    EXPECT_EQ(shown(kPath), good);
+    EXPECT_TRUE(storage_.getSnFile().isLoaded());
+    GlobalStorage restarted;
+    EXPECT_TRUE(restarted.load());
+    EXPECT_EQ(restarted.getSnFilePath(), good.toStdWString());
     import(gone);
     EXPECT_EQ(shown(kPath), good);
     import(std::nullopt);
