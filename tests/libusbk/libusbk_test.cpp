@@ -150,6 +150,9 @@ class Reports {
     std::vector<Report> reports_;
 };
 
+// How a transfer has ended, and how many bytes have moved.
+using Ended = std::pair<std::uint32_t, std::uint32_t>;
+
 // An open device with one slot.
 class Opened {
   public:
@@ -182,10 +185,21 @@ class Opened {
     std::uint32_t wait(std::uint32_t timeoutMs) {
         return error(usb().OvlK_WaitOrCancel(slot, timeoutMs, &moved));
     }
-    // What a read gives.
-    Bytes read(std::size_t length, std::uint32_t timeoutMs = kLong) {
+    // Whole transfers, of which the time may run out.
+    Ended tryRead(std::size_t length) {
         EXPECT_EQ(startRead(length), libusbk::kIoPending);
-        EXPECT_EQ(wait(timeoutMs), libusbk::kNoError);
+        const std::uint32_t code = wait(kShort);
+        return {code, moved};
+    }
+    Ended tryWrite(const Bytes& bytes) {
+        EXPECT_EQ(startWrite(bytes), libusbk::kIoPending);
+        const std::uint32_t code = wait(kShort);
+        return {code, moved};
+    }
+    // What a read gives.
+    Bytes read(std::size_t length) {
+        EXPECT_EQ(startRead(length), libusbk::kIoPending);
+        EXPECT_EQ(wait(kLong), libusbk::kNoError);
         return Bytes(buffer.begin(), buffer.begin() + moved);
     }
     std::uint32_t write(const Bytes& bytes) {
@@ -251,6 +265,7 @@ class LibusbkTest : public testing::Test {
 
     MockUsbBus bus;
     MockUsbDevice* device = nullptr;
+    libusbk::OverlappedSlot* noSlot = nullptr;
 
   private:
     std::optional<LibusbkBinding> binding_;
@@ -442,16 +457,10 @@ TEST_F(LibusbkTest, SlotsAreCheckedAndUsedAgain) {
 
 TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     Opened opened(plugInAndBind());
-
-    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
-    EXPECT_EQ(opened.moved, 0U);
-
+    EXPECT_EQ(opened.tryRead(16), Ended(libusbk::kCancelled, 0));
     // One full packet of two leaves the read open.
-    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
     device->send(kIn, pattern(512));
-    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
-    ASSERT_EQ(opened.moved, 512U);
+    EXPECT_EQ(opened.tryRead(1024), Ended(libusbk::kCancelled, 512));
     opened.buffer.resize(512);
     EXPECT_EQ(opened.buffer, pattern(512));
 
@@ -463,13 +472,9 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
 
     // What completes in the moment of the cancellation has completed, and else its count is exact.
     device->sendOnCancel(kIn, pattern(6));
-    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
-    EXPECT_EQ(opened.moved, 6U);
+    EXPECT_EQ(opened.tryRead(8), Ended(libusbk::kNoError, 6));
     device->sendOnCancel(kIn, pattern(512));
-    EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
-    EXPECT_EQ(opened.moved, 512U);
+    EXPECT_EQ(opened.tryRead(1024), Ended(libusbk::kCancelled, 512));
 
     Bytes received;
     device->setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
@@ -478,9 +483,7 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
         device->send(kIn, {1});
     });
     device->room = 3;
-    EXPECT_EQ(opened.startWrite(pattern(4096)), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
-    EXPECT_EQ(opened.moved, 3 * 512U);
+    EXPECT_EQ(opened.tryWrite(pattern(4096)), Ended(libusbk::kCancelled, 3 * 512));
     device->room = -1;
     EXPECT_EQ(opened.write(pattern(4096)), libusbk::kNoError);
     EXPECT_EQ(opened.moved, 4096U);
@@ -488,19 +491,16 @@ TEST_F(LibusbkTest, CountsExactlyWhatMovedBeforeATimeOut) {
     EXPECT_EQ(received, pattern(4096));
     // All that was to move has moved, though nobody was told of the end before the cancellation.
     device->withholdsEnd = true;
-    EXPECT_EQ(opened.startWrite(pattern(1024)), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kNoError);
-    EXPECT_EQ(opened.moved, 1024U);
+    EXPECT_EQ(opened.tryWrite(pattern(1024)), Ended(libusbk::kNoError, 1024));
 
     // Without a slot the time limit is the library's own.
-    std::uint32_t moved = 1;
-    EXPECT_EQ(
-        error(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr)),
-        libusbk::kSemaphoreTimeout);
-    EXPECT_EQ(moved, 0U);
+    std::swap(opened.slot, noSlot);
+    EXPECT_EQ(opened.startRead(64), libusbk::kSemaphoreTimeout);
+    EXPECT_EQ(opened.moved, 0U);
     device->send(kIn, pattern(64));
-    EXPECT_TRUE(usb().UsbK_ReadPipe(opened.handle, kIn, opened.buffer.data(), 64, &moved, nullptr));
-    EXPECT_EQ(moved, 64U);
+    EXPECT_EQ(opened.startRead(64), libusbk::kNoError);
+    EXPECT_EQ(opened.moved, 64U);
+    std::swap(opened.slot, noSlot);
 }
 
 TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
@@ -517,8 +517,7 @@ TEST_F(LibusbkTest, FlushDropsLateAnswersAndResetClearsAHalt) {
     device->sendOnCancel(kIn, pattern(512));
     device->sendOnCancel(kIn, pattern(10));
     EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kIn));
-    EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
-    EXPECT_EQ(opened.wait(kShort), libusbk::kCancelled);
+    EXPECT_EQ(opened.tryRead(16), Ended(libusbk::kCancelled, 0));
 
     // A device that babbles does not hold up the host for good.
     for (int i = 0; i < 200; ++i)
@@ -557,35 +556,25 @@ TEST_F(LibusbkTest, AMuteDeviceDoesNotHoldUpAReset) {
 }
 
 TEST_F(LibusbkTest, UnpluggingEndsATransferAtOnce) {
-    const libusbk::DeviceEntry entry = plugInAndBind();
-    Opened opened(entry);
+    Opened opened(plugInAndBind());
     EXPECT_EQ(opened.startRead(1024), libusbk::kIoPending);
     device->send(kIn, pattern(512));
     ASSERT_TRUE(device->awaitPending(kIn, 1));
-    const auto start = Clock::now();
     std::thread hand([&] { bus.unplug(*device); });
     EXPECT_EQ(opened.wait(kLong), libusbk::kDeviceNotConnected);
     EXPECT_EQ(opened.moved, 512U);
-    EXPECT_LT(Clock::now() - start, kPatience);
     hand.join();
     EXPECT_EQ(opened.startRead(16), libusbk::kDeviceNotConnected);
     EXPECT_EQ(opened.startWrite({1}), libusbk::kDeviceNotConnected);
 }
 
 TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
-    const libusbk::DeviceEntry entry = plugInAndBind();
-    Opened opened(entry);
-
+    Opened opened(plugInAndBind());
     // What has completed before keeps its result.
     device->send(kIn, pattern(8));
-    EXPECT_EQ(opened.startRead(8), libusbk::kIoPending);
-    ASSERT_TRUE(device->awaitPending(kIn, 0));
-    EXPECT_EQ(opened.wait(kLong), libusbk::kNoError);
+    EXPECT_EQ(opened.read(8), pattern(8));
 
-    std::uint8_t other[16];
-    std::uint32_t moved = 1;
     EXPECT_EQ(opened.startRead(16), libusbk::kIoPending);
-    const auto start = Clock::now();
     std::thread stopper([&] {
         EXPECT_TRUE(device->awaitPending(kIn, 1));
         EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
@@ -594,11 +583,11 @@ TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
     stopper.join();
 
     EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
-    EXPECT_EQ(error(usb().UsbK_ReadPipe(opened.handle, kIn, other, sizeof other, &moved, nullptr)),
-              libusbk::kOperationAborted);
+    std::swap(opened.slot, noSlot);
+    EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
+    std::swap(opened.slot, noSlot);
     EXPECT_EQ(error(usb().UsbK_FlushPipe(opened.handle, kIn)), libusbk::kOperationAborted);
     EXPECT_TRUE(usb().UsbK_FlushPipe(opened.handle, kOut));
-    EXPECT_LT(Clock::now() - start, kPatience);
 }
 
 TEST_F(LibusbkTest, ClaimsAreExclusiveAndEndWithTheirHandle) {
