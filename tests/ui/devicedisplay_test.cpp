@@ -203,29 +203,20 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
     }
 }
 
-TEST_F(DeviceDisplayTest, NobodyTypesIntoTheNextTile) {
+TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUseAndNobodyTypesIntoTheNextTile) {
     create();
     QLineEdit next(&area_);
     next.show();
-    area_.activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
-    tag()->setFocus();
-    ASSERT_TRUE(tag()->hasFocus());
-    display_.setActive(false);
-    settle();
-    EXPECT_EQ(area_.focusWidget(), nullptr);
-}
-
-TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUse) {
-    create();
     const QString cue = QStringLiteral("请输入标签");
     EXPECT_EQ(tag()->placeholderText(), cue);
     area_.activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&area_));
     tag()->setFocus();
     EXPECT_EQ(tag()->placeholderText(), "");
-    tag()->clearFocus();
+    display_.setActive(false);
+    settle();
     EXPECT_EQ(tag()->placeholderText(), cue);
+    EXPECT_EQ(area_.focusWidget(), nullptr);
 }
 
 TEST_F(DeviceDisplayTest, GivesTheTagThatWasTypedOrSetLast) {
