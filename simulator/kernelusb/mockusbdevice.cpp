@@ -25,9 +25,14 @@ constexpr std::uint32_t kCapabilities =
     USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
     USBDEVFS_CAP_BULK_SCATTER_GATHER | USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
 
-// What the pointer at `offset` points to, in the host's memory; the caller owns the reference.
-UMockdevIoctlData* resolve(UMockdevIoctlData* data, std::size_t offset, std::size_t size) {
-    UMockdevIoctlData* const target = umockdev_ioctl_data_resolve(data, offset, size, nullptr);
+using Data = std::shared_ptr<UMockdevIoctlData>;
+
+// What the pointer at `offset` points to, in the host's memory.
+Data resolve(UMockdevIoctlData* data, std::size_t offset, std::size_t size) {
+    Data target(umockdev_ioctl_data_resolve(data, offset, size, nullptr), [](auto* object) {
+        if (object != nullptr)
+            g_object_unref(object);
+    });
     if (target == nullptr)
         throw std::runtime_error("the host's memory cannot be read");
     return target;
@@ -41,18 +46,18 @@ Value valueAt(const UMockdevIoctlData* data) {
 }
 
 template <typename Value>
-void store(UMockdevIoctlData* data, std::size_t offset, Value value) {
-    umockdev_ioctl_data_update(data, offset, reinterpret_cast<guint8*>(&value), sizeof value);
+void store(const Data& data, std::size_t offset, Value value) {
+    umockdev_ioctl_data_update(data.get(), offset, reinterpret_cast<guint8*>(&value), sizeof value);
 }
 
-// The argument of a call that takes a pointer to a value.
+// The memory that a call's argument points to.
+Data argument(UMockdevIoctlClient* client, std::size_t size) {
+    return resolve(umockdev_ioctl_client_get_arg(client), 0, size);
+}
+
 template <typename Value>
 Value argument(UMockdevIoctlClient* client) {
-    UMockdevIoctlData* const data =
-        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(Value));
-    const Value value = valueAt<Value>(data);
-    g_object_unref(data);
-    return value;
+    return valueAt<Value>(argument(client, sizeof(Value)).get());
 }
 
 bool isIn(std::uint8_t endpoint) {
@@ -82,8 +87,6 @@ MockUsbDevice::~MockUsbDevice() {
     g_signal_handlers_disconnect_by_data(handler_, this);
     g_object_unref(handler_);
     ::close(fifo_);
-    while (!urbs_.empty())
-        forget(urbs_.begin());
 }
 
 void MockUsbDevice::setReceiver(Receiver receiver) {
@@ -170,12 +173,7 @@ void MockUsbDevice::onVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, 
     const std::lock_guard guard(device.mutex_);
     if (device.claimant_ == client)
         device.claimant_ = nullptr;
-    for (auto urb = device.urbs_.begin(); urb != device.urbs_.end();) {
-        const auto next = std::next(urb);
-        if (urb->client == client)
-            device.forget(urb);
-        urb = next;
-    }
+    std::erase_if(device.urbs_, [&](const Urb& urb) { return urb.client == client; });
     device.showFinished();
 }
 
@@ -184,10 +182,7 @@ int MockUsbDevice::answer(UMockdevIoctlClient* client) {
     if (request == USBDEVFS_REAPURBNDELAY)
         return reap(client);
     if (request == USBDEVFS_GET_CAPABILITIES) {
-        UMockdevIoctlData* const value =
-            resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof kCapabilities);
-        store(value, 0, kCapabilities);
-        g_object_unref(value);
+        store(argument(client, sizeof kCapabilities), 0, kCapabilities);
         return 0;
     }
     if (gone_)
@@ -215,12 +210,11 @@ int MockUsbDevice::answer(UMockdevIoctlClient* client) {
 int MockUsbDevice::submit(UMockdevIoctlClient* client) {
     if (claimant_ != client)
         return -EINVAL;  // more strict than the kernel, which grumbles and claims by itself
-    UMockdevIoctlData* const record =
-        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_urb));
-    const auto request = valueAt<usbdevfs_urb>(record);
+    const Data record = argument(client, sizeof(usbdevfs_urb));
+    const auto request = valueAt<usbdevfs_urb>(record.get());
     const auto length = static_cast<std::size_t>(request.buffer_length);
-    UMockdevIoctlData* const buffer =
-        length > 0 ? resolve(record, offsetof(usbdevfs_urb, buffer), length) : nullptr;
+    const Data buffer =
+        length > 0 ? resolve(record.get(), offsetof(usbdevfs_urb, buffer), length) : nullptr;
     Urb& urb =
         urbs_.emplace_back(Urb{client, record, buffer, request.type == USBDEVFS_URB_TYPE_CONTROL,
                                request.endpoint, length, Bytes(), 0, false});
@@ -245,15 +239,12 @@ int MockUsbDevice::reap(UMockdevIoctlClient* client) {
     if (urb == urbs_.end())
         return gone_ ? -ENODEV : -EAGAIN;
     if (isIn(urb->endpoint) && !urb->moved.empty())
-        umockdev_ioctl_data_update(urb->buffer, 0, urb->moved.data(),
+        umockdev_ioctl_data_update(urb->buffer.get(), 0, urb->moved.data(),
                                    static_cast<gint>(urb->moved.size()));
     store(urb->record, offsetof(usbdevfs_urb, status), urb->status);
     store(urb->record, offsetof(usbdevfs_urb, actual_length), static_cast<int>(urb->moved.size()));
-    UMockdevIoctlData* const place =
-        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(void*));
-    umockdev_ioctl_data_set_ptr(place, 0, urb->record);
-    g_object_unref(place);
-    forget(urb);
+    umockdev_ioctl_data_set_ptr(argument(client, sizeof(void*)).get(), 0, urb->record.get());
+    urbs_.erase(urb);
     showFinished();
     return 0;
 }
@@ -294,16 +285,13 @@ int MockUsbDevice::release(UMockdevIoctlClient* client) {
 
 int MockUsbDevice::askDriver(UMockdevIoctlClient* client) {
     const std::string name = claimant_ != nullptr ? "usbfs" : driver_;
-    UMockdevIoctlData* const data =
-        resolve(umockdev_ioctl_client_get_arg(client), 0, sizeof(usbdevfs_getdriver));
-    auto record = valueAt<usbdevfs_getdriver>(data);
-    const bool exists = record.interface == 0 && !name.empty();
-    if (exists) {
-        name.copy(record.driver, sizeof record.driver - 1);
-        store(data, 0, record);
-    }
-    g_object_unref(data);
-    return exists ? 0 : -ENODATA;
+    if (name.empty())
+        return -ENODATA;
+    const Data data = argument(client, sizeof(usbdevfs_getdriver));
+    auto record = valueAt<usbdevfs_getdriver>(data.get());
+    name.copy(record.driver, sizeof record.driver - 1);
+    store(data, 0, record);
+    return 0;
 }
 
 int MockUsbDevice::commandDriver(UMockdevIoctlClient* client) {
@@ -401,13 +389,6 @@ void MockUsbDevice::moveOut(Urb& urb) {
 void MockUsbDevice::finish(Urb& urb, int status) {
     urb.status = status;
     urb.finished = true;
-}
-
-void MockUsbDevice::forget(std::list<Urb>::iterator urb) {
-    g_object_unref(urb->record);
-    if (urb->buffer != nullptr)
-        g_object_unref(urb->buffer);
-    urbs_.erase(urb);
 }
 
 void MockUsbDevice::showFinished() {

@@ -11,6 +11,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -85,9 +86,9 @@ class MockUsbDevice {
   private:
     struct Urb {
         _UMockdevIoctlClient* client;
-        _UMockdevIoctlData* record;  // the host's usbdevfs_urb
-        _UMockdevIoctlData* buffer;  // null if it has no bytes
-        bool request;                // to the device itself, its bytes are the setup packet
+        std::shared_ptr<_UMockdevIoctlData> record;  // the host's usbdevfs_urb
+        std::shared_ptr<_UMockdevIoctlData> buffer;  // null if it has no bytes
+        bool request;  // to the device itself, its bytes are the setup packet
         std::uint8_t endpoint;
         std::size_t length;
         Bytes moved;
@@ -113,7 +114,6 @@ class MockUsbDevice {
     void moveIn(std::uint8_t endpoint);
     void moveOut(Urb& urb);
     void finish(Urb& urb, int status);
-    void forget(std::list<Urb>::iterator urb);
     void showFinished();
 
     const std::string sysfsName_;
