@@ -23,7 +23,7 @@ class SerialAvatar {
     // None is owned; all outlive the slot.
     void setTile(DeviceDisplay* tile) { slot_.tile = tile; }
     void setFirmwareManager(const FirmwareManager* manager) { slot_.firmwareManager = manager; }
-    void setPage(CSerialBurnPage* page) { slot_.page = page; }
+    void setPage(BurnPageBase* page) { slot_.page = page; }
     DeviceDisplay* getTile() const { return slot_.tile; }
 
     // Empty until the slot gets a port; it stays when the device has gone.

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "pages/burnend.h"
-#include "pages/serial/serialburnpage.h"
+#include "pages/burnpagebase.h"
 #include "pages/tiletexts.h"
 #include "platform/serialdevice.h"
 #include "storage/globalstorage.h"
@@ -55,7 +55,7 @@ SerialRun::SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::ui
       context_(uart_context_create()),
       snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved),
       tile_(slot_.tile) {
-    context_->run = this;
+    context_->user = this;
     context_->onProgress = onBurnProgress;
     context_->onFinish = onBurnFinished;
     context_->onError = onBurnError;
@@ -305,15 +305,19 @@ int SerialRun::fail(int code, const std::string& description) {
     return code;
 }
 
+SerialRun& SerialRun::runOf(const UartContext* context) {
+    return *static_cast<SerialRun*>(context->user);
+}
+
 void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, int percent) {
-    context->run->onTile([&](DeviceDisplay& tile) {
+    runOf(context).onTile([&](DeviceDisplay& tile) {
         tile.setProgress(percent);
         tile.setStatus(tiletexts::progress(name, percent));
     });
 }
 
 void SerialRun::onBurnFinished(UartContext* context) {
-    SerialRun& run = *context->run;
+    SerialRun& run = runOf(context);
     if (run.slot_.tile == nullptr)
         return;
     run.onTile(
@@ -324,7 +328,7 @@ void SerialRun::onBurnFinished(UartContext* context) {
 }
 
 void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& description) {
-    SerialRun& run = *context->run;
+    SerialRun& run = runOf(context);
     run.lastError_ = text::narrow(description) + ", code " + std::to_string(code);
     if (run.slot_.tile == nullptr)
         return;

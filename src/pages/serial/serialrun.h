@@ -16,14 +16,14 @@
 #include "vorlan/firmware/firmwaremanager.h"
 #include "vorlan/uart/header_configure.h"
 
-class CSerialBurnPage;
+class BurnPageBase;
 
 // What a slot lends its runs; all of it outlives them. Pointers may be null.
 struct SerialSlot {
     std::wstring portName;
     DeviceDisplay* tile = nullptr;
     const FirmwareManager* firmwareManager = nullptr;
-    CSerialBurnPage* page = nullptr;
+    BurnPageBase* page = nullptr;
     StopEvent* stopEvent = nullptr;  // cuts the pauses short; not null
 };
 
@@ -57,6 +57,7 @@ class SerialRun {
     // What has become of the serial number that was drawn.
     enum class SnState { kNone, kReserved, kWriting, kBurned, kGivenBack };
 
+    static SerialRun& runOf(const UartContext* context);
     static void onBurnProgress(UartContext* context, const std::wstring& name, int percent);
     static void onBurnFinished(UartContext* context);
     static void onBurnError(UartContext* context, int code, const std::wstring& description);

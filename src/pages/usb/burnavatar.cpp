@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "pages/burnend.h"
+#include "pages/burnpagebase.h"
 #include "pages/tiletexts.h"
-#include "pages/usb/burnpage.h"
 #include "storage/globalstorage.h"
 #include "storage/usbtagmap.h"
 #include "utils/interruption.h"

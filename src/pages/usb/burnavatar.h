@@ -13,7 +13,7 @@
 #include "vorlan/burn/burnlistener.h"
 #include "vorlan/firmware/burnitem.h"
 
-class CBurnPage;
+class BurnPageBase;
 
 // Takes no lock. The ids change under the page's lock only. What belongs to a burn (agent, serial
 // number, the reports) is used by the session's worker while that lives, and by the page on the
@@ -41,7 +41,7 @@ class BurnAvatar final : public BurnListener {
     // Neither is owned; both may be null.
     DeviceDisplay* getDisplay() const { return display_; }
     void setDisplay(DeviceDisplay* display) { display_ = display; }
-    void setPage(CBurnPage* page) { page_ = page; }
+    void setPage(BurnPageBase* page) { page_ = page; }
 
     // Burns the items and the next serial number into the device, if a list of numbers is loaded,
     // and returns when the burn has ended. Does nothing for a device that has had its burn: that
@@ -67,7 +67,7 @@ class BurnAvatar final : public BurnListener {
     std::wstring plugId_;
     std::unique_ptr<BurnAgent> agent_;
     DeviceDisplay* display_ = nullptr;
-    CBurnPage* page_ = nullptr;
+    BurnPageBase* page_ = nullptr;
     SerialNumFile::SnRecord* snRecord_ = nullptr;  // reserved for the present burn
     std::string error_;  // of the present burn, if its agent has reported one
     std::string step_;   // how far the present burn has come

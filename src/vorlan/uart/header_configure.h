@@ -17,8 +17,6 @@
 #include "vorlan/uart/slipcodec.h"
 #include "vorlan/uart/uartfile.h"
 
-class SerialRun;
-
 enum UartCommand : std::uint8_t {
     UART_FLASH_BEGIN = 2,  // to the flash proxy
     UART_FLASH_DATA = 3,
@@ -84,7 +82,7 @@ struct UartContext {
     // The operator's stop: asks every loop of the stages to give up at its next test. An exchange
     // under way is not cut short.
     std::atomic<bool> stop{false};
-    SerialRun* run = nullptr;  // whose callbacks these are
+    void* user = nullptr;  // for the callbacks; nobody here looks behind it
 
     // Called on the serving thread; each may be null. `name` is that of the image, `percent` of its
     // blocks are acknowledged.

@@ -19,24 +19,19 @@ struct ToldError {
     bool operator==(const ToldError&) const = default;
 };
 
-// What the context's callbacks have told.
-std::vector<ToldError> errors;
-std::vector<int> percents;
-std::wstring progressName;
-
 class FlashLoaderTest : public testing::Test {
   protected:
     FlashLoaderTest() {
         directory_.enter();
-        context_->onProgress = [](UartContext*, const std::wstring& name, int percent) {
-            percents.push_back(percent);
-            progressName = name;
+        context_->user = this;
+        context_->onProgress = [](UartContext* context, const std::wstring& name, int percent) {
+            auto& test = *static_cast<FlashLoaderTest*>(context->user);
+            test.percents.push_back(percent);
+            test.progressName = name;
         };
-        context_->onError = [](UartContext*, int code, const std::wstring& description) {
-            errors.push_back({code, description});
+        context_->onError = [](UartContext* context, int code, const std::wstring& description) {
+            static_cast<FlashLoaderTest*>(context->user)->errors.push_back({code, description});
         };
-        percents.clear();
-        errors.clear();
         // As the handshake leaves it.
         serial_set_timeouts(context_->port, context_->baudrate, 1000);
         giveImage(9000);
@@ -98,6 +93,11 @@ class FlashLoaderTest : public testing::Test {
                 context_->stop = true;
         };
     }
+
+    // What the callbacks of the context have told.
+    std::vector<ToldError> errors;
+    std::vector<int> percents;
+    std::wstring progressName;
 
     TemporaryDirectory directory_;
     std::string image_;

@@ -11,22 +11,18 @@
 
 namespace {
 
-std::vector<int> percents;
-std::wstring progressName;
-
-void keepProgress(UartContext* /*context*/, const std::wstring& name, int percent) {
-    percents.push_back(percent);
-    progressName = name;
-}
-
 class RamLoaderTest : public testing::Test {
   protected:
     RamLoaderTest() {
         directory_.enter();
         giveProxy(5000);
-        context_->onProgress = keepProgress;
+        context_->user = this;
+        context_->onProgress = [](UartContext* context, const std::wstring& name, int percent) {
+            auto& test = *static_cast<RamLoaderTest*>(context->user);
+            test.percents.push_back(percent);
+            test.progressName = name;
+        };
         context_->onError = [](UartContext*, int, const std::wstring&) { ADD_FAILURE(); };
-        percents.clear();
     }
 
     void giveProxy(std::size_t size) {
@@ -52,6 +48,10 @@ class RamLoaderTest : public testing::Test {
             ++count;
         return count;
     }
+
+    // What the context has told.
+    std::vector<int> percents;
+    std::wstring progressName;
 
     TemporaryDirectory directory_;
     std::string proxy_;
