@@ -609,7 +609,9 @@ TEST_F(LibusbkTest, ClaimsAreExclusiveAndEndWithTheirHandle) {
     EXPECT_EQ(third.startWrite({1}), libusbk::kBusy);
     EXPECT_TRUE(usb().UsbK_ReleaseInterface(second, 0, false));
     EXPECT_EQ(third.write({1}), libusbk::kNoError);
-    EXPECT_EQ(error(usb().UsbK_ClaimInterface(second, 0, false)), libusbk::kBusy);
+    const std::uint8_t byte = 1;
+    std::uint32_t moved = 0;
+    EXPECT_EQ(error(usb().UsbK_WritePipe(second, kOut, &byte, 1, &moved, nullptr)), libusbk::kBusy);
     EXPECT_TRUE(usb().UsbK_Free(second));
 }
 
