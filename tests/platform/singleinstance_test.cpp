@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "support/systemlimits.h"
 #include "support/temporarydirectory.h"
