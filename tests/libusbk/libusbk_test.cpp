@@ -663,9 +663,10 @@ TEST_F(LibusbkTest, ReportsADeviceAnewOnceItMayBeOpened) {
         if (handle != nullptr)
             usb().UsbK_Free(handle);
     });
-    libusbk::Monitor* const monitor = reports.watch();
+    libusbk::Monitor* monitor = nullptr;
     MockUsbDevice* late = nullptr;
     const Output output = outputOf([&] {
+        monitor = reports.watch();
         reports.await(1);
         late = &bus.plugIn("4", locked);
         reports.await(2);
