@@ -356,6 +356,24 @@ TEST_F(BurnPageTest, MarksTheNumberBeforeTheTileTellsSuccess) {
     beforeSync = [] {};
 }
 
+TEST_F(BurnPageTest, ADeviceThatIsReadyASecondTimeIsNotBurnedAgain) {
+    prepare();
+    importNumbers(row(1) + row(2));
+    ASSERT_TRUE(hands->press("开始烧录"));
+    plug(1);
+    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+    BURN_SESSION again;
+    again.device_id = "USB\\VID_1234&PID_5678\\" + port(1);
+    for (QWidget* const widget : window->findChildren<QWidget*>()) {
+        if (auto* const page = dynamic_cast<CBurnPage*>(widget))
+            page->onBurnerReady(&again);
+    }
+    expectCount(1);
+    EXPECT_EQ(tile(1).status, kBurned + "SN=SN-1");
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2));
+    EXPECT_FALSE(storage_.getSnFile().isInUse());
+}
+
 TEST_F(BurnPageTest, BurnsARowWithoutANumberAndGoesOnToTheNext) {
     prepare();
     importNumbers(",0\r\n" + row(2));
@@ -845,6 +863,12 @@ TEST_F(BurnPageTest, SixteenDevicesComeAndGoWhileTheOperatorStartsAndStops) {
         EXPECT_THAT(marks, testing::HasSubstr(sn.toStdString() + ",1\r\n"));
     }
     expectCount(static_cast<unsigned>(occurrences(marks, ",1\r\n")));
+    // Power may have come back between the two stages of a burn: before the removal is heard of,
+    // the ROM loader is then asked for what only the burner image knows, and the burn ends.
+    for (const auto& device : devices)
+        EXPECT_THAT(device->errors(),
+                    testing::Each("ROM loader: a command record in the ROM stage"));
+    devices.clear();
 }
 
 }  // namespace
