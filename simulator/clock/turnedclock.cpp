@@ -64,7 +64,7 @@ struct Next {
         next<decltype(&::pthread_cond_clockwait)>("pthread_cond_clockwait");
 };
 
-const Next& system() {
+const Next& below() {
     static const Next functions;
     return functions;
 }
@@ -164,7 +164,7 @@ class Clock {
         while (!stopping_ || hasWaiters()) {
             const timespec pause = toTimespec(kLook);
             const Nanoseconds before = realNow();
-            system().nanosleep(&pause, nullptr);
+            below().nanosleep(&pause, nullptr);
             // On a busy machine what is under way takes longer as well.
             const bool late = realNow() - before > 4 * kLook;
             wakeOverdue();
@@ -223,6 +223,7 @@ class Clock {
         if (tasks == nullptr)
             return false;
         bool asleep = true;
+        // Nobody else reads this stream. NOLINTNEXTLINE(concurrency-mt-unsafe)
         while (const dirent* const task = ::readdir(tasks)) {
             const int id = std::atoi(task->d_name);
             if (id != 0 && id != owner_ && id != lookout_ && stateOf(id) != 'S') {
@@ -291,13 +292,13 @@ int pollUntil(pollfd* waits, nfds_t count, Nanoseconds end, const sigset_t* sign
     all.push_back({wakeup.fresh(), POLLIN, 0});
     const auto waiter = theClock().enter({end, all.back().fd, nullptr});
     const timespec left = toTimespec(std::max<Nanoseconds>(0, end - theClock().now()));
-    int result = system().ppoll(all.data(), all.size(), &left, signals);
+    int result = below().ppoll(all.data(), all.size(), &left, signals);
     const int error = errno;
     theClock().leave(waiter);
     if (result > 0 && all.back().revents != 0) {
         // The time is up; what came in the same moment counts.
         const timespec none{};
-        result = system().ppoll(all.data(), count, &none, signals);
+        result = below().ppoll(all.data(), count, &none, signals);
     } else {
         errno = error;
     }
@@ -345,7 +346,7 @@ extern "C" {
 [[gnu::visibility("default")]] int ppoll(pollfd* waits, nfds_t count, const timespec* timeout,
                                          const sigset_t* signals) {
     if (timeout == nullptr || toNanoseconds(*timeout) == 0 || !theClock().rulesThisThread())
-        return system().ppoll(waits, count, timeout, signals);
+        return below().ppoll(waits, count, timeout, signals);
     return pollUntil(waits, count, theClock().now() + toNanoseconds(*timeout), signals);
 }
 
@@ -356,7 +357,7 @@ extern "C" {
 
 [[gnu::visibility("default")]] int nanosleep(const timespec* duration, timespec* left) {
     if (!theClock().rulesThisThread())
-        return system().nanosleep(duration, left);
+        return below().nanosleep(duration, left);
     const Nanoseconds end = theClock().now() + toNanoseconds(*duration);
     const int error = sleepUntil(end);
     if (left != nullptr)
@@ -369,10 +370,10 @@ extern "C" {
                                                    const timespec* duration, timespec* left) {
     if ((id != CLOCK_MONOTONIC && (flags & TIMER_ABSTIME) != 0) || !theClock().rulesThisThread()) {
         if (id != CLOCK_MONOTONIC || (flags & TIMER_ABSTIME) == 0)
-            return system().clockNanosleep(id, flags, duration, left);
+            return below().clockNanosleep(id, flags, duration, left);
         const Nanoseconds distance = toNanoseconds(*duration) - theClock().now();
         const timespec rest = toTimespec(std::max<Nanoseconds>(0, distance));
-        return system().clockNanosleep(id, 0, &rest, nullptr);
+        return below().clockNanosleep(id, 0, &rest, nullptr);
     }
     const bool isMoment = (flags & TIMER_ABSTIME) != 0;
     return sleepUntil(toNanoseconds(*duration) + (isMoment ? 0 : theClock().now()));
@@ -382,10 +383,10 @@ extern "C" {
                                                           pthread_mutex_t* mutex, clockid_t id,
                                                           const timespec* until) {
     if (id != CLOCK_MONOTONIC)
-        return system().condClockWait(condition, mutex, id, until);
+        return below().condClockWait(condition, mutex, id, until);
     const Nanoseconds end = toNanoseconds(*until);
     const auto wait = [&](const timespec& realEnd) {
-        return system().condClockWait(condition, mutex, CLOCK_MONOTONIC, &realEnd);
+        return below().condClockWait(condition, mutex, CLOCK_MONOTONIC, &realEnd);
     };
     if (!theClock().rulesThisThread())
         return wait(toTimespec(realNow() + std::max<Nanoseconds>(0, end - theClock().now())));
