@@ -179,17 +179,14 @@ void SerialNumFile::logFindings(const std::string& path, const Findings& finding
 
 SerialNumFile::SnRecord* SerialNumFile::takeNext() {
     const std::lock_guard guard(lock_);
-    SnRecord* record = nullptr;
-    if (!released_.empty()) {
-        record = *released_.begin();
-        released_.erase(released_.begin());
-    } else {
-        while (firstUntried_ < records_.size() && records_[firstUntried_].burnFlag != kFree)
-            ++firstUntried_;
-        if (firstUntried_ == records_.size())
-            return nullptr;
-        record = &records_[firstUntried_++];
-    }
+    const auto isFree = [](const SnRecord& record) {
+        return record.burnFlag == kFree && record.taken == 0;
+    };
+    while (firstCandidate_ < records_.size() && !isFree(records_[firstCandidate_]))
+        ++firstCandidate_;
+    if (firstCandidate_ == records_.size())
+        return nullptr;
+    SnRecord* const record = &records_[firstCandidate_++];
     record->taken = 1;
     return record;
 }
@@ -213,7 +210,6 @@ std::vector<SerialNumFile::Unmarked> SerialNumFile::markBurned(SnRecord* record)
         // It stays taken until its mark is on the disk: no load comes in between.
         record->taken = 1;
         record->burnFlag = kBurned;
-        released_.erase(record);
         mark = {record->offset, record->sn, record->toLine()};
     }
     std::vector<Unmarked> unmarked;
@@ -252,7 +248,8 @@ void SerialNumFile::releaseRecord(SnRecord* record) {
         return;
     record->taken = 0;
     if (owns(record))
-        released_.insert(record);
+        firstCandidate_ =
+            std::min(firstCandidate_, static_cast<std::size_t>(record - records_.data()));
 }
 
 bool SerialNumFile::isInUse() const {
@@ -406,8 +403,7 @@ void SerialNumFile::discardRecords() {
     if (isAnyTaken())
         abandoned_.push_back(std::move(records_));
     records_ = std::vector<SnRecord>();
-    released_.clear();
-    firstUntried_ = 0;
+    firstCandidate_ = 0;
 }
 
 bool SerialNumFile::isAnyTaken() const {
@@ -420,10 +416,8 @@ void SerialNumFile::keepOut(const std::string& number) {
         return;
     unmarked_.insert(number);
     for (SnRecord& record : records_) {
-        if (record.sn == number && record.burnFlag == kFree && record.taken == 0) {
+        if (record.sn == number && record.burnFlag == kFree && record.taken == 0)
             record.burnFlag = kKeptOut;
-            released_.erase(&record);
-        }
     }
 }
 

@@ -20,7 +20,8 @@
 
 class SerialNumFile {
   public:
-    // One row. Handed out by pointer; stays valid until the next load. A holder reads `sn` only.
+    // One row. Handed out by pointer, best held by an SnReservation; stays valid until the next
+    // load. A holder reads `sn` only.
     struct SnRecord {
         std::uint64_t offset = 0;  // of the row's first byte in the file
         std::string sn;            // the first column, any bytes
@@ -149,8 +150,7 @@ class SerialNumFile {
     std::shared_ptr<platform::File> file_;  // whoever writes keeps it open; null: none
     std::string path_;                      // of the file, native
     std::vector<SnRecord> records_;  // in the order of the file; addresses stay until the next load
-    std::size_t firstUntried_ = 0;   // no record from here on has been handed out
-    std::set<SnRecord*> released_;   // free records before that
+    std::size_t firstCandidate_ = 0;  // no record before this one is free
     std::set<std::string> unmarked_;  // numbers that are in devices, but not marked on the disk
     SeenBurned seenBurned_;
     Findings findings_;

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "storage/snreservation.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
@@ -85,6 +86,24 @@ TEST_F(SerialNumFileTest, ReleasedNumbersComeAgainLowestFirst) {
     EXPECT_EQ(next(), "-");
     file_.releaseRecord(b);
     EXPECT_EQ(next(), "B");
+}
+
+TEST_F(SerialNumFileTest, ANumberGoesBackWithItsLastHolder) {
+    ASSERT_TRUE(load("A,0\r\nB,0\r\nC,0\r\n"));
+    {
+        SnReservation number(file_);
+        EXPECT_EQ(number.sn(), "A");
+        number = SnReservation(file_);
+        EXPECT_EQ(number.sn(), "B");
+        EXPECT_EQ(next(), "A");
+        EXPECT_EQ(next(), "C");
+        EXPECT_FALSE(SnReservation(file_));
+    }
+    SnReservation burned(file_);
+    EXPECT_EQ(burned.sn(), "B");
+    EXPECT_THAT(burned.markBurned(), IsEmpty());
+    EXPECT_FALSE(burned);
+    EXPECT_EQ(content(), "A,0\r\nB,1\r\nC,0\r\n");
 }
 
 TEST_F(SerialNumFileTest, BurnedNumbersNeverComeAgain) {

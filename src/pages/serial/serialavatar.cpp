@@ -1,6 +1,7 @@
 #include "pages/serial/serialavatar.h"
 
 #include <system_error>
+#include <utility>
 
 #include "pages/burnend.h"
 #include "pages/tiletexts.h"
@@ -26,10 +27,10 @@ void SerialAvatar::start() {
     if (run_ != nullptr)
         run_->leaveTile();
     GlobalStorage& storage = GlobalStorage::getInstance();
-    SerialNumFile::SnRecord* snRecord = nullptr;
+    SnReservation sn;
     if (storage.getSnFile().isLoaded() != 0) {
-        snRecord = storage.getSnFile().takeNext();
-        if (snRecord == nullptr) {
+        sn = SnReservation(storage.getSnFile());
+        if (!sn) {
             if (slot_.tile != nullptr) {
                 slot_.tile->setProgress(0);
                 slot_.tile->setStatus(tiletexts::kNumbersUsedUp);
@@ -43,7 +44,7 @@ void SerialAvatar::start() {
     }
     threads_.remove_if([](const ServeThread& thread) { return thread.run->hasEnded(); });
     ServeThread& fresh = threads_.emplace_back();
-    fresh.run = std::make_unique<SerialRun>(slot_, snRecord, storage.getSnBurnAddr());
+    fresh.run = std::make_unique<SerialRun>(slot_, std::move(sn), storage.getSnBurnAddr());
     run_ = fresh.run.get();
     try {
         fresh.thread = std::jthread([run = run_](const std::stop_token& programEnds) {

@@ -34,10 +34,6 @@ struct Config {
 };
 constexpr Config config;
 
-SerialNumFile& snFile() {
-    return GlobalStorage::getInstance().getSnFile();
-}
-
 // An offset in the flash as an address of the device's window; one above the window's range wraps.
 std::uint32_t windowAddress(std::uint32_t offset) {
     return offset - kFlashWindow;
@@ -45,15 +41,15 @@ std::uint32_t windowAddress(std::uint32_t offset) {
 
 }  // namespace
 
-SerialRun::SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr)
+SerialRun::SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr)
     : slot_(std::move(slot)),
       items_(slot_.firmwareManager != nullptr ? slot_.firmwareManager->getBurnItems()
                                               : std::vector<BurnItem>()),
-      snRecord_(snRecord),
-      sn_(snRecord != nullptr ? snRecord->sn : std::string()),
+      sn_(sn ? sn.sn() : std::string()),
       snAddr_(snAddr),
       context_(uart_context_create()),
-      snState_(snRecord == nullptr ? SnState::kNone : SnState::kReserved),
+      reservation_(std::move(sn)),
+      snSettled_(!reservation_),
       tile_(slot_.tile) {
     context_->user = this;
     context_->onProgress = onBurnProgress;
@@ -80,12 +76,14 @@ void SerialRun::serve() {
     int ret = prepareDevice();
     if (ret == kUartOk && !uart_context_stopped(context_.get())) {
         ret = burnItems();
-        if (beginSn())
-            ret = burnSn();
+        if (config.md5Check && config.download && !sn_.empty()) {
+            if (SnReservation sn = takeReservation())
+                ret = burnSn(std::move(sn));
+        }
         good = ret == kUartOk && burnedItems_ == items_.size();
-        if (good)
+        if (good && sn_.empty())
             useUpRowWithoutNumber();
-        good = good && isSnSettled();
+        good = good && snSettled_;
         if (good)
             context_->onFinish(context_.get());
     }
@@ -98,15 +96,7 @@ void SerialRun::serve() {
 
 void SerialRun::stop() {
     context_->stop = true;
-    bool reserved = false;
-    {
-        const std::lock_guard guard(lock_);
-        reserved = snState_ == SnState::kReserved;
-        if (reserved)
-            snState_ = SnState::kGivenBack;
-    }
-    if (reserved)
-        giveBack();
+    releaseSn();
 }
 
 void SerialRun::leaveTile() {
@@ -214,79 +204,43 @@ int SerialRun::burnItem(const BurnItem& item, int ret) {
     return ret;
 }
 
-int SerialRun::burnSn() {
+int SerialRun::burnSn(SnReservation sn) {
     LOG_I("DOWNLOAD TO FLASH WITH MD5 CHECK");
     const int ret = flash_loader_download_buffer(
         context_.get(), reinterpret_cast<const std::uint8_t*>(sn_.data()),
         static_cast<std::uint32_t>(sn_.size()), windowAddress(snAddr_), config.endAction,
         config.md5Check, L"SN=" + text::widen(sn_));
-    if (ret != kUartOk) {
-        releaseSn();
-        return ret;
-    }
-    markBurned();
+    if (ret == kUartOk)
+        markBurned(sn);
     return ret;
 }
 
 // A row of the list may have no number: nothing is written for it, and the next device draws the
 // next row.
 void SerialRun::useUpRowWithoutNumber() {
-    {
-        const std::lock_guard guard(lock_);
-        if (snState_ != SnState::kReserved || !sn_.empty())
-            return;
-        snState_ = SnState::kWriting;
-    }
+    SnReservation sn = takeReservation();
+    if (!sn)
+        return;
     LOG_W("the row of the list has no number, none is written: port=%s",
           text::narrow(slot_.portName).c_str());
-    markBurned();
+    markBurned(sn);
 }
 
-void SerialRun::markBurned() {
-    {
-        const std::lock_guard guard(lock_);
-        snState_ = SnState::kBurned;
-    }
-    if (snFile().isLoaded() == 0)
-        return;
-    const auto unmarked = snFile().markBurned(snRecord_);
+void SerialRun::markBurned(SnReservation& sn) {
+    snSettled_ = true;
+    const auto unmarked = sn.markBurned();
     if (slot_.page != nullptr)
         slot_.page->tellUnmarked(unmarked);
 }
 
-// Whether there is a number to write. From here on the run alone decides what becomes of it.
-bool SerialRun::beginSn() {
-    if (!config.md5Check || !config.download)
-        return false;
-    const std::lock_guard guard(lock_);
-    if (snState_ != SnState::kReserved || sn_.empty())
-        return false;
-    snState_ = SnState::kWriting;
-    return true;
+SnReservation SerialRun::takeReservation() {
+    const std::lock_guard guard(snLock_);
+    return std::move(reservation_);
 }
 
-// Whether the device has the number that was drawn for it, or none was.
-bool SerialRun::isSnSettled() {
-    const std::lock_guard guard(lock_);
-    return snState_ == SnState::kNone || snState_ == SnState::kBurned;
-}
-
-// For the run: a number that is not in the device, whatever has become of its download.
+// The pool is asked outside the lock.
 void SerialRun::releaseSn() {
-    bool held = false;
-    {
-        const std::lock_guard guard(lock_);
-        held = snState_ == SnState::kReserved || snState_ == SnState::kWriting;
-        if (held)
-            snState_ = SnState::kGivenBack;
-    }
-    if (held)
-        giveBack();
-}
-
-void SerialRun::giveBack() {
-    if (snFile().isLoaded() != 0)
-        snFile().releaseRecord(snRecord_);
+    takeReservation().giveBack();
 }
 
 void SerialRun::logEnd(bool good) {

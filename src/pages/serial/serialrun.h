@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "pages/serial/stopevent.h"
-#include "storage/serialnumfile.h"
+#include "storage/snreservation.h"
 #include "ui/devicedisplay.h"
 #include "vorlan/firmware/firmwaremanager.h"
 #include "vorlan/uart/header_configure.h"
@@ -29,10 +29,10 @@ struct SerialSlot {
 
 class SerialRun {
   public:
-    // With the record of a serial number that was drawn for the device, or null, and the flash
-    // offset at which the number is written. Lists the images at once: the operator may choose
-    // another package as soon as the run has been asked to stop. User-interface thread.
-    SerialRun(SerialSlot slot, SerialNumFile::SnRecord* snRecord, std::uint32_t snAddr);
+    // With the serial number that was drawn for the device, if any, and the flash offset at which
+    // it is written. Lists the images at once: the operator may choose another package as soon as
+    // the run has been asked to stop. User-interface thread.
+    SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr);
     SerialRun(const SerialRun&) = delete;
     SerialRun& operator=(const SerialRun&) = delete;
 
@@ -54,9 +54,6 @@ class SerialRun {
     bool hasEnded() const { return ended_; }
 
   private:
-    // What has become of the serial number that was drawn.
-    enum class SnState { kNone, kReserved, kWriting, kBurned, kGivenBack };
-
     static SerialRun& runOf(const UartContext* context);
     static void onBurnProgress(UartContext* context, const std::wstring& name, int percent);
     static void onBurnFinished(UartContext* context);
@@ -67,24 +64,21 @@ class SerialRun {
     int connectWithRom();
     int burnItems();
     int burnItem(const BurnItem& item, int ret);
-    int burnSn();
+    int burnSn(SnReservation sn);
     int fail(int code, const std::string& description);
 
     template <typename Show>
     void onTile(const Show& show);
 
-    bool beginSn();
-    bool isSnSettled();
-    void useUpRowWithoutNumber();
-    void markBurned();
+    SnReservation takeReservation();
     void releaseSn();
-    void giveBack();
+    void useUpRowWithoutNumber();
+    void markBurned(SnReservation& sn);
     void logEnd(bool good);
 
     const SerialSlot slot_;
     const std::vector<BurnItem> items_;
-    SerialNumFile::SnRecord* const snRecord_;  // null if there is no list of numbers
-    const std::string sn_;  // of the record, which may be gone when the number is settled
+    const std::string sn_;  // the number that was drawn; it may be none, or empty
     const std::uint32_t snAddr_;
     const std::unique_ptr<UartContext> context_;
     std::size_t burnedItems_ = 0;
@@ -92,8 +86,11 @@ class SerialRun {
     std::string lastError_;  // that the operator was told of
     std::atomic<bool> ended_{false};
 
-    std::mutex lock_;  // guards the state, on which a stop and the run have to agree
-    SnState snState_;
+    // The number while it is not being written. Whoever takes it from here decides what becomes of
+    // it: the run that writes it, or a stop that gives it back.
+    std::mutex snLock_;
+    SnReservation reservation_;
+    bool snSettled_;  // the device has its number, or none was drawn; the run's own
 
     std::mutex tileLock_;  // held while something is shown, so that nothing comes up too late
     DeviceDisplay* tile_;  // null once the run has left it

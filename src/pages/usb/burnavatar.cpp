@@ -14,14 +14,6 @@
 
 #define LOG_TAG "BurnAvatar"
 
-namespace {
-
-SerialNumFile& snFile() {
-    return GlobalStorage::getInstance().getSnFile();
-}
-
-}  // namespace
-
 void BurnAvatar::setDeviceId(const std::wstring& deviceId) {
     deviceId_ = deviceId;
     plugId_ = makePlugId(deviceId);
@@ -31,10 +23,10 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
     if (agent_ != nullptr)
         return;
     const std::string deviceId = text::narrow(deviceId_);
-    snRecord_ = nullptr;
-    if (snFile().isLoaded() != 0) {
-        snRecord_ = snFile().takeNext();
-        if (snRecord_ == nullptr) {
+    GlobalStorage& storage = GlobalStorage::getInstance();
+    if (storage.getSnFile().isLoaded() != 0) {
+        sn_ = SnReservation(storage.getSnFile());
+        if (!sn_) {
             if (display_ != nullptr) {
                 display_->setProgress(0);
                 display_->setStatus(tiletexts::kNumbersUsedUp);
@@ -42,15 +34,15 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
             logBurnEnd({deviceId, false, "the serial numbers are used up", ""});
             return;
         }
-        if (snRecord_->sn.empty())
+        if (sn_.sn().empty())
             LOG_W("a row without a number: no number is written, device_id=%s", deviceId.c_str());
-        TRACE("SN=%s, device_id=%s\n", snRecord_->sn.c_str(), deviceId.c_str());
+        TRACE("SN=%s, device_id=%s\n", sn_.sn().c_str(), deviceId.c_str());
     }
     error_.clear();
     step_ = "the first SYNC";
     agent_ = std::make_unique<BurnAgent>(deviceId);
-    if (snRecord_ != nullptr)
-        agent_->set_sn(snRecord_->sn, GlobalStorage::getInstance().getSnBurnAddr());
+    if (sn_)
+        agent_->set_sn(sn_.sn(), storage.getSnBurnAddr());
     agent_->run(std::move(items), this, CMD_CODE_FLASH_WRITE);
     const bool good = agent_->is_done();
     logBurnEnd({deviceId, good, good ? std::string() : whatWentWrong(), agent_->get_sn()});
@@ -64,9 +56,7 @@ std::string BurnAvatar::whatWentWrong() const {
 }
 
 void BurnAvatar::releaseSn() {
-    if (snRecord_ != nullptr && snFile().isLoaded() != 0)
-        snFile().releaseRecord(snRecord_);
-    snRecord_ = nullptr;
+    sn_.giveBack();
 }
 
 void BurnAvatar::onBurnStart(BurnAgent* agent) {
@@ -98,9 +88,7 @@ void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
         return;
     const std::string sn = agent_ != nullptr ? agent_->get_sn() : std::string();
     // The tile comes last: what it tells is true whatever happens to the machine next.
-    std::vector<SerialNumFile::Unmarked> unmarked;
-    if (snRecord_ != nullptr && snFile().isLoaded() != 0)
-        unmarked = snFile().markBurned(snRecord_);
+    const auto unmarked = sn_.markBurned();
     GlobalStorage::getInstance().increaseFlashCount();
     if (page_ != nullptr) {
         page_->tellUnmarked(unmarked);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "storage/serialnumfile.h"
+#include "storage/snreservation.h"
 #include "ui/devicedisplay.h"
 #include "vorlan/burn/burnagent.h"
 #include "vorlan/burn/burnlistener.h"
@@ -48,7 +48,7 @@ class BurnAvatar final : public BurnListener {
     // ends with its removal.
     void startBurn(std::vector<BurnItem> items);
 
-    // Gives the serial number back, unless that has been done.
+    // Gives the serial number back, unless it is burned or that has been done.
     void releaseSn();
 
     void onBurnStart(BurnAgent* agent) override;
@@ -68,7 +68,7 @@ class BurnAvatar final : public BurnListener {
     std::unique_ptr<BurnAgent> agent_;
     DeviceDisplay* display_ = nullptr;
     BurnPageBase* page_ = nullptr;
-    SerialNumFile::SnRecord* snRecord_ = nullptr;  // reserved for the present burn
+    SnReservation sn_;   // for the present burn
     std::string error_;  // of the present burn, if its agent has reported one
     std::string step_;   // how far the present burn has come
 };
