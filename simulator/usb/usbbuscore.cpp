@@ -158,7 +158,8 @@ void UsbBusCore::runEvents() {
         events_.pop_front();
         reportingTo_ = event.monitor;
         lock.unlock();
-        event.monitor->callback(opaque(event.monitor), &event.entry, event.kind);
+        event.monitor->callback(opaque(event.monitor), &event.entry, event.kind,
+                                event.monitor->user);
         lock.lock();
         reportingTo_ = nullptr;
         eventsChanged_.notify_all();
@@ -266,6 +267,7 @@ bool UsbBusCore::initMonitor(libusbk::Monitor** monitor,
     MonitorObject& object = monitors_.emplace_back();
     object.pattern = parameters.pattern;
     object.callback = parameters.callback;
+    object.user = parameters.user;
     *monitor = opaque(&object);
     if ((parameters.flags & libusbk::kReportConnected) != 0) {
         for (const Plugged& plugged : plugged_) {

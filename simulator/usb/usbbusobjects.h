@@ -17,6 +17,7 @@ namespace simulator {
 struct MonitorObject {
     libusbk::DevicePattern pattern;
     libusbk::HotPlugCallback callback;
+    void* user = nullptr;             // for the callback
     std::set<std::int32_t> reported;  // addresses of devices whose arrival it has been told
     bool live = true;
 };

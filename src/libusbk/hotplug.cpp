@@ -201,7 +201,7 @@ void HotPlug::reportArrival(Lock& lock, Monitor& monitor, const Connected& conne
     callOut(lock, monitor, [&] {
         describe(reported.device, reported.entry);
         const DeviceEntry entry = reported.entry;
-        monitor.parameters.callback(&monitor, &entry, kArrival);
+        monitor.parameters.callback(&monitor, &entry, kArrival, monitor.parameters.user);
     });
 }
 
@@ -213,7 +213,9 @@ void HotPlug::reportRemoval(Lock& lock, Monitor& monitor, libusb_device* device)
         return;
     const DeviceEntry entry = place->entry;
     monitor.reported.erase(place);
-    callOut(lock, monitor, [&] { monitor.parameters.callback(&monitor, &entry, kRemoval); });
+    callOut(lock, monitor, [&] {
+        monitor.parameters.callback(&monitor, &entry, kRemoval, monitor.parameters.user);
+    });
 }
 
 template <typename Call>

@@ -75,8 +75,9 @@ constexpr std::int32_t kRemoval = 4;
 
 // Called on one thread of the library, in the order of the events; every removal follows an arrival
 // with the same ids. It may use every operation but HotK_Free on its own monitor, which fails with
-// kInvalidParameter, and it may take its time: transfers run on meanwhile.
-using HotPlugCallback = void (*)(Monitor* monitor, const DeviceEntry* entry, std::int32_t kind);
+// kInvalidParameter, and it may take its time: transfers run on meanwhile. `user` is the monitor's.
+using HotPlugCallback = void (*)(Monitor* monitor, const DeviceEntry* entry, std::int32_t kind,
+                                 void* user);
 
 constexpr std::uint32_t kReportConnected = 1;  // report what is connected already, as arrivals
 
@@ -84,6 +85,7 @@ struct MonitorParameters {
     std::uint32_t flags;
     DevicePattern pattern;
     HotPlugCallback callback;
+    void* user;  // for the callback; nobody else looks behind it
 };
 
 }  // namespace libusbk

@@ -12,7 +12,6 @@
 #include "simulator/usb/virtualusbbus.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
-#include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/burnagent.h"
 #include "vorlan/burn/fw_download.h"
 #include "vorlan/burn/libusbktable.h"
@@ -137,15 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                              makeImage(directory, 8193)};
     static simulator::VirtualUsbBus bus;
     static Listener listener;
-    static BurnAdmin* const admin = [] {
-        bus.fail(simulator::UsbOperation::Monitor, libusbk::kGeneralFailure);
-        BurnAdmin* const only = BurnAdmin::getInstance();
-        only->setRomWait(100);
-        only->setBurnerPath(burner.path);
-        only->startMonitor(&listener);  // for the listener: devices are plugged by hand here
-        return only;
-    }();
-    (void)admin;
+    static const LibusbkBinding binding;
     silenceOutput();
     leapingclock::reset();
     listener = {};
@@ -178,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     BURN_SESSION session;
     session.device_id = bus.plug("0-1", device);
     openSession(session);
-    const bool started = FwDownloadProc(&session) == 0;
+    const bool started = FwDownloadProc(&session, {burner.path, 100, listener}) == 0;
     require(listener.ready == (started ? 1 : 0), "who waits is told once");
     if (started) {
         require(!prompt || device->downloadedBurner() == burner.bytes, "the burner image is in");

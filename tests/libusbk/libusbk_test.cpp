@@ -60,8 +60,7 @@ std::uint32_t error(bool success) {
     return success ? std::uint32_t{libusbk::kNoError} : usb().LibK_LastError();
 }
 
-// What the monitors of the chip report. Their callback has no argument of its own, so there is one
-// at a time.
+// What the monitors of the chip report.
 class Reports {
   public:
     struct Report {
@@ -79,13 +78,10 @@ class Reports {
 
     // `hook` is taken along for each report.
     explicit Reports(std::function<void(const Report&)> hook = [](const Report&) {})
-        : hook_(std::move(hook)) {
-        current_ = this;
-    }
+        : hook_(std::move(hook)) {}
     ~Reports() {
         for (libusbk::Monitor* const monitor : monitors_)
             free(monitor);
-        current_ = nullptr;
     }
     Reports(const Reports&) = delete;
     Reports& operator=(const Reports&) = delete;
@@ -95,6 +91,7 @@ class Reports {
         parameters.flags = flags;
         std::string("USB\\VID_1234&PID_5678\\*").copy(parameters.pattern.deviceId, 255);
         parameters.callback = &Reports::onEvent;
+        parameters.user = this;
         libusbk::Monitor* monitor = nullptr;
         EXPECT_TRUE(usb().HotK_Init(&monitor, &parameters));
         monitors_.insert(monitor);
@@ -124,17 +121,18 @@ class Reports {
 
   private:
     static void onEvent(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
-                        std::int32_t kind) {
+                        std::int32_t kind, void* user) {
+        auto* const self = static_cast<Reports*>(user);
         const Report report{monitor, kind, *entry};
         {
-            const std::lock_guard guard(current_->mutex_);
-            if (current_->reports_.empty())
-                current_->thread_ = std::this_thread::get_id();
-            EXPECT_EQ(current_->thread_, std::this_thread::get_id());
-            current_->reports_.push_back(report);
-            current_->changed_.notify_all();
+            const std::lock_guard guard(self->mutex_);
+            if (self->reports_.empty())
+                self->thread_ = std::this_thread::get_id();
+            EXPECT_EQ(self->thread_, std::this_thread::get_id());
+            self->reports_.push_back(report);
+            self->changed_.notify_all();
         }
-        current_->hook_(report);
+        self->hook_(report);
     }
 
     static void free(libusbk::Monitor* monitor) {
@@ -142,7 +140,6 @@ class Reports {
         EXPECT_EQ(usb().LibK_LastError(), libusbk::kNoError);
     }
 
-    static inline Reports* current_ = nullptr;
     const std::function<void(const Report&)> hook_;
     std::set<libusbk::Monitor*> monitors_;
     std::mutex mutex_;

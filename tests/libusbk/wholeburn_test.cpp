@@ -91,7 +91,7 @@ TEST(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
     ASSERT_TRUE(LibusbkBinding::isBound());
     admin->setRomWait(10);
     admin->setBurnerPath(directory.write("burner.img", burnerImage));
-    admin->startMonitor(&burner);
+    admin->startMonitor(burner);
     MockUsbDevice& wire = bus.plugIn("2.4", [&](MockUsbDevice& device) { connect(device, chip); });
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");

@@ -82,7 +82,7 @@ void CBurnPage::startBurn() {
         burner = fileutil::inCurrentDirectory(kOwnBurnerImage);
     tellUnlessThere(burner);
     admin->setBurnerPath(text::narrow(burner));
-    admin->startMonitor(this);
+    admin->startMonitor(*this);
     setBurning(true);
     // A device that was plugged in already may have brought up the tile area by now.
     showHintUnlessTiles();

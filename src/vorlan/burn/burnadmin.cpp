@@ -23,11 +23,11 @@ namespace {
 constexpr const char* kDevicePattern = "USB\\VID_1234&PID_5678\\*";
 
 // The body of a session's thread.
-void serveSession(const std::stop_token& stop, SesHandle session) {
+void serveSession(const std::stop_token& stop, SesHandle session, const FwDownload& download) {
     const interruption::Scope scope(stop);
     // The listener must have heard of the device before anything else is told of it.
     session->entered.acquire();
-    FwDownloadProc(session);
+    FwDownloadProc(session, download);
     session->workerEnded = true;
 }
 
@@ -84,16 +84,17 @@ std::uint32_t BurnAdmin::getSessionCount() const {
     return count_;
 }
 
-void BurnAdmin::startMonitor(UsbListener* listener) {
+void BurnAdmin::startMonitor(UsbListener& listener) {
     if (monitor_ != nullptr)
         return;
-    listener_ = listener;
+    listener_ = &listener;
 
     libusbk::MonitorParameters parameters{};
     parameters.flags = libusbk::kReportConnected;
     std::snprintf(parameters.pattern.deviceId, sizeof parameters.pattern.deviceId, "%s",
                   kDevicePattern);
     parameters.callback = onHotPlug;
+    parameters.user = this;
     std::printf("Install HotK monitor for DeviceID = %s\n", kDevicePattern);
     const LibusbkTable& usb = libusbkTable();
     if (usb.HotK_Init(&monitor_, &parameters)) {
@@ -118,24 +119,21 @@ void BurnAdmin::stopMonitor() {
 }
 
 void BurnAdmin::onHotPlug(libusbk::Monitor* /*monitor*/, const libusbk::DeviceEntry* entry,
-                          std::int32_t kind) {
+                          std::int32_t kind, void* self) {
     TRACE(
         "\n[%s] %s (%s) [%s]\n  InstanceID          : %s\n  DeviceInterfaceGUID : %s\n"
         "  DevicePath          : %s\n  BusNum              : %d\n  DeviceAddress       : %d\n  \n",
         kind == libusbk::kArrival ? "ARRIVAL" : "REMOVAL", entry->description, entry->manufacturer,
         entry->service, entry->deviceId, entry->deviceInterfaceGuid, entry->devicePath,
         entry->busNumber, entry->deviceAddress);
-    BurnAdmin* const admin = peekInstance();
+    auto* const admin = static_cast<BurnAdmin*>(self);
     if (kind == libusbk::kArrival && entry->vendorId == kVorlanVendorId &&
         entry->productId == kVorlanProductId) {
         TRACE("%04X:%04X (%s): found %s - %s, DriverID = %04X\n", entry->vendorId, entry->productId,
               entry->instanceId, entry->description, entry->manufacturer,
               static_cast<unsigned>(entry->driverId));
-        if (admin != nullptr)
-            admin->arrived(*entry);
-        else
-            TRACE("Instance is null\n");
-    } else if (kind == libusbk::kRemoval && admin != nullptr) {
+        admin->arrived(*entry);
+    } else if (kind == libusbk::kRemoval) {
         admin->Burn_Session_Remove(entry->deviceId);
     }
 }
@@ -174,7 +172,8 @@ void BurnAdmin::arrived(const libusbk::DeviceEntry& entry) {
         session->device_id = entry.deviceId;
         session->bus_no = entry.busNumber;
         session->device_address = entry.deviceAddress;
-        session->worker = std::jthread(serveSession, session.get());
+        session->worker = std::jthread(serveSession, session.get(),
+                                       FwDownload{getBurnerPath(), getRomWait(), *listener_});
     } catch (const std::exception&) {  // no thread, or no memory for one
         TRACE("Failed to create Firmware Download thread!\n");
         releaseHandles(*session);
@@ -196,7 +195,8 @@ bool BurnAdmin::Burn_Session_Add(std::unique_ptr<BURN_SESSION>& session) {
     TRACE("Burn_Session_Add\n");
     *place = std::move(session);
     ++count_;
-    notifyPlug(place->get());
+    TRACE("notifyPlug\n");
+    listener_->onPlug(place->get());
     (*place)->entered.release();
     return true;
 }
@@ -221,7 +221,7 @@ bool BurnAdmin::Burn_Session_Remove(const std::string& device_id) {
                     "BurnAdmin::Burn_Session_Remove", session->device_id.c_str());
     session->worker.request_stop();
     session->worker.join();
-    notifyRemove(session.get());
+    listener_->onRemove(session.get());
     releaseHandles(*session);
     return true;
 }
@@ -243,30 +243,4 @@ std::vector<std::string> BurnAdmin::interruptWorkers() {
     for (std::stop_source& worker : workers)
         worker.request_stop();
     return ids;
-}
-
-void BurnAdmin::notifyPlug(SesHandle session) {
-    TRACE("notifyPlug\n");
-    if (listener_ != nullptr)
-        listener_->onPlug(session);
-}
-
-void BurnAdmin::notifyBurnerReady(SesHandle session) {
-    if (listener_ != nullptr)
-        listener_->onBurnerReady(session);
-}
-
-void BurnAdmin::notifyRemove(SesHandle session) {
-    if (listener_ != nullptr)
-        listener_->onRemove(session);
-}
-
-void BurnAdmin::notifyError(SesHandle session, std::uint32_t code, const std::string& message) {
-    if (listener_ != nullptr)
-        listener_->onError(session, code, message);
-}
-
-void BurnAdmin::notifyBurnerMissing(SesHandle session, const std::string& reason) {
-    if (listener_ != nullptr)
-        listener_->onBurnerMissing(session, reason);
 }

@@ -45,7 +45,7 @@ class BurnAdmin {
     std::uint32_t getSessionCount() const;
 
     // Starts watching, unless a monitor runs already. Devices that are connected already arrive.
-    void startMonitor(UsbListener* listener);
+    void startMonitor(UsbListener& listener);
 
     // Takes the session into the table, tells the listener and lets the session's worker begin.
     // False if there is no room; the session then stays the caller's.
@@ -54,22 +54,15 @@ class BurnAdmin {
     // if there is none of that id.
     bool Burn_Session_Remove(const std::string& device_id);
 
-    // For the workers: pass on to the listener.
-    void notifyBurnerReady(SesHandle session);
-    void notifyError(SesHandle session, std::uint32_t code, const std::string& message);
-    void notifyBurnerMissing(SesHandle session, const std::string& reason);
-
   private:
     BurnAdmin();
     ~BurnAdmin();
 
     static void onHotPlug(libusbk::Monitor* monitor, const libusbk::DeviceEntry* entry,
-                          std::int32_t kind);
+                          std::int32_t kind, void* self);
     void arrived(const libusbk::DeviceEntry& entry);
     void stopMonitor();
     std::vector<std::string> interruptWorkers();
-    void notifyPlug(SesHandle session);
-    void notifyRemove(SesHandle session);
 
     static std::atomic<BurnAdmin*> instance;
 
@@ -78,7 +71,7 @@ class BurnAdmin {
     mutable std::mutex lock_;                                           // guards table and count
     std::uint32_t count_ = 0;
     libusbk::Monitor* monitor_ = nullptr;
-    UsbListener* listener_ = nullptr;
+    UsbListener* listener_ = nullptr;  // null until the monitor starts
     std::string burnerPath_;
     std::uint32_t romWait_ = 0;
 };

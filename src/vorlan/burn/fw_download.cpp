@@ -12,7 +12,6 @@
 #include "utils/fileutil.h"
 #include "utils/interruption.h"
 #include "utils/trace.h"
-#include "vorlan/burn/burnadmin.h"
 #include "vorlan/burn/handleinterruption.h"
 #include "vorlan/burn/libusbktable.h"
 #include "vorlan/burn/rom_protocol.h"
@@ -27,8 +26,8 @@ constexpr const char* kOperation = "FwDownloadProc";
 // One download of the burner image into a device.
 class Download {
   public:
-    Download(BurnAdmin& admin, BURN_SESSION& session, libusbk::OverlappedSlot* slot)
-        : admin_(admin), session_(session), slot_(slot), path_(admin.getBurnerPath()) {}
+    Download(const FwDownload& settings, BURN_SESSION& session, libusbk::OverlappedSlot* slot)
+        : settings_(settings), session_(session), slot_(slot), path_(settings.burnerPath) {}
 
     bool openImage() {
         file_ = fileutil::openFile(path_, "rb");
@@ -62,9 +61,9 @@ class Download {
 
   private:
     void waitForRom() {
-        interruption::sleep(std::chrono::milliseconds(admin_.getRomWait()));
+        interruption::sleep(std::chrono::milliseconds(settings_.romWait));
         TRACE("%s: has slept for %d ms to let ROM get ready!\n", kOperation,
-              static_cast<int>(admin_.getRomWait()));
+              static_cast<int>(settings_.romWait));
         for (const std::uint8_t endpoint : {EP_ADDR_DATA_RESP_IN, EP_ADDR_DATA_RESP_OUT,
                                             EP_ADDR_CMD_RESP_IN, EP_ADDR_CMD_RESP_OUT})
             libusbkTable().UsbK_ResetPipe(session_.usbHandle, endpoint);
@@ -134,13 +133,13 @@ class Download {
     void fail(std::uint32_t code, const std::string& text) {
         reason_ = text;
         if (!interruption::requested())
-            admin_.notifyError(&session_, code, text);
+            settings_.listener.onError(&session_, code, text);
     }
 
-    BurnAdmin& admin_;
+    const FwDownload& settings_;
     BURN_SESSION& session_;
     libusbk::OverlappedSlot* slot_;
-    std::string path_;
+    const std::string& path_;
     std::string reason_;
     fileutil::FilePtr file_;
     std::unique_ptr<std::uint8_t[]> buffer_;
@@ -148,10 +147,7 @@ class Download {
 
 }  // namespace
 
-unsigned FwDownloadProc(SesHandle sesHandle) {
-    BurnAdmin* const admin = BurnAdmin::peekInstance();
-    if (admin == nullptr)
-        return 1;
+unsigned FwDownloadProc(SesHandle sesHandle, const FwDownload& settings) {
     if (sesHandle != nullptr)
         TRACE("Enter FwDownload for %s...\n", sesHandle->device_id.c_str());
     if (sesHandle == nullptr || sesHandle->usbHandle == nullptr) {
@@ -169,12 +165,12 @@ unsigned FwDownloadProc(SesHandle sesHandle) {
     std::string reason;
     {
         const HandleInterruption interruptible(sesHandle->usbHandle);
-        Download download(*admin, *sesHandle, slot);
+        Download download(settings, *sesHandle, slot);
         if (!download.openImage()) {
             // The session keeps its handle and its pool until its removal.
             if (slot != nullptr)
                 usb.OvlK_Release(slot);
-            admin->notifyBurnerMissing(sesHandle, download.reason());
+            settings.listener.onBurnerMissing(sesHandle, download.reason());
             return 1;
         }
         started = download.run();
@@ -191,9 +187,9 @@ unsigned FwDownloadProc(SesHandle sesHandle) {
         reason = "stopped or unplugged in the ROM stage";
     }
     if (started)
-        admin->notifyBurnerReady(sesHandle);
+        settings.listener.onBurnerReady(sesHandle);
     else
-        admin->notifyBurnerMissing(sesHandle, reason);
+        settings.listener.onBurnerMissing(sesHandle, reason);
     TRACE("Exit FwDownload for %s...\n", sesHandle->device_id.c_str());
     return started ? 0 : 1;
 }

@@ -103,7 +103,7 @@ class AdminFixture : public testing::Test {
         BurnAdmin* const admin = BurnAdmin::getInstance();
         admin->setRomWait(romWait);
         admin->setBurnerPath(burnerPath);
-        admin->startMonitor(&listener);
+        admin->startMonitor(listener);
     }
 
     static std::string port(std::size_t number) { return "0-" + std::to_string(number); }
