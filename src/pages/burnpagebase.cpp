@@ -87,7 +87,7 @@ void BurnPageBase::layoutTiles() {
         tiles_[i]->setName(layout_.tileName + std::to_wstring(i + 1));
         tiles_[i]->setProgress(0);
         tiles_[i]->setActive(false);
-        addTile(i, *tiles_[i]);
+        addSlot(*tiles_[i]);
     }
 }
 

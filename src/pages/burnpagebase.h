@@ -76,8 +76,8 @@ class BurnPageBase : public Page {
     virtual void onStartButton() { toggleBurn(); }
     // Makes the controls that only one page has.
     virtual void addControls(const DialogTemplate& /*controls*/) {}
-    // Gives a slot its tile.
-    virtual void addTile(std::size_t number, DeviceDisplay& tile) = 0;
+    // Makes the next slot, with its tile. Both live as long as the page.
+    virtual void addSlot(DeviceDisplay& tile) = 0;
 
     // Stores the flash address that the box holds. False, and the operator knows why, if it is
     // none.

@@ -16,8 +16,7 @@ SerialAvatar::~SerialAvatar() {
 
 void SerialAvatar::setPortName(const std::wstring& portName) {
     slot_.portName = portName;
-    if (slot_.tile != nullptr)
-        slot_.tile->setName(portName);
+    slot_.tile.setName(portName);
 }
 
 void SerialAvatar::start() {
@@ -31,10 +30,8 @@ void SerialAvatar::start() {
     if (storage.getSnFile().isLoaded() != 0) {
         sn = SnReservation(storage.getSnFile());
         if (!sn) {
-            if (slot_.tile != nullptr) {
-                slot_.tile->setProgress(0);
-                slot_.tile->setStatus(tiletexts::kNumbersUsedUp);
-            }
+            slot_.tile.setProgress(0);
+            slot_.tile.setStatus(tiletexts::kNumbersUsedUp);
             logBurnEnd({.place = text::narrow(slot_.portName),
                         .good = false,
                         .outcome = "no serial number is left",

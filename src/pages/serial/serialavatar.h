@@ -14,17 +14,15 @@
 // All on the user-interface thread; nothing but the destructor waits for a run.
 class SerialAvatar {
   public:
-    SerialAvatar() = default;
+    // None is owned; all outlive the slot.
+    SerialAvatar(DeviceDisplay& tile, const FirmwareManager& firmwareManager, BurnPageBase& page)
+        : slot_{{}, tile, firmwareManager, page, stopEvent_} {}
     // Cuts all runs short and waits for their threads.
     ~SerialAvatar();
     SerialAvatar(const SerialAvatar&) = delete;
     SerialAvatar& operator=(const SerialAvatar&) = delete;
 
-    // None is owned; all outlive the slot.
-    void setTile(DeviceDisplay* tile) { slot_.tile = tile; }
-    void setFirmwareManager(const FirmwareManager* manager) { slot_.firmwareManager = manager; }
-    void setPage(BurnPageBase* page) { slot_.page = page; }
-    DeviceDisplay* getTile() const { return slot_.tile; }
+    DeviceDisplay& getTile() const { return slot_.tile; }
 
     // Empty until the slot gets a port; it stays when the device has gone.
     std::wstring getPortName() const { return slot_.portName; }
@@ -54,7 +52,7 @@ class SerialAvatar {
     };
 
     StopEvent stopEvent_;
-    SerialSlot slot_{.portName = {}, .stopEvent = &stopEvent_};
+    SerialSlot slot_;
     bool inUse_ = false;
     SerialRun* run_ = nullptr;        // the latest
     std::list<ServeThread> threads_;  // the latest, and earlier ones that may still wind down

@@ -43,11 +43,9 @@ CSerialBurnPage::~CSerialBurnPage() {
         slot.interrupt();
 }
 
-void CSerialBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
+void CSerialBurnPage::addSlot(DeviceDisplay& tile) {
     tile.showTagBox(false);
-    slots_[number].setTile(&tile);
-    slots_[number].setFirmwareManager(&firmware());
-    slots_[number].setPage(this);
+    slots_.emplace_back(tile, firmware(), *this);
 }
 
 bool CSerialBurnPage::OnSetActive() {
@@ -137,9 +135,9 @@ void CSerialBurnPage::removePort(const std::wstring& port) {
     if (slot == slots_.end())
         return;  // it never got a slot, or has lost it to another port
     slot->stop();
-    slot->getTile()->setActive(false);
-    slot->getTile()->setStatus(tiletexts::kRemoved);
-    slot->getTile()->setProgress(0);
+    slot->getTile().setActive(false);
+    slot->getTile().setStatus(tiletexts::kRemoved);
+    slot->getTile().setProgress(0);
 }
 
 void CSerialBurnPage::onDeviceChange(const platform::PortEvent& event) {

@@ -3,7 +3,7 @@
 // burns the device there. An idle slot is taken over by a new port once all slots have had one.
 #pragma once
 
-#include <array>
+#include <deque>
 #include <string>
 
 #include "pages/burnpagebase.h"
@@ -32,7 +32,7 @@ class CSerialBurnPage final : public BurnPageBase {
     // Asks all slots to end and waits for none.
     void stopBurn() override;
     void onStartButton() override;
-    void addTile(std::size_t number, DeviceDisplay& tile) override;
+    void addSlot(DeviceDisplay& tile) override;
 
     void scanPorts();
     void addPort(const std::wstring& port);
@@ -42,5 +42,5 @@ class CSerialBurnPage final : public BurnPageBase {
     void stopAll();
 
     bool activated_ = false;
-    std::array<SerialAvatar, kSlots> slots_;
+    std::deque<SerialAvatar> slots_;
 };

@@ -43,14 +43,13 @@ std::uint32_t windowAddress(std::uint32_t offset) {
 
 SerialRun::SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr)
     : slot_(std::move(slot)),
-      items_(slot_.firmwareManager != nullptr ? slot_.firmwareManager->getBurnItems()
-                                              : std::vector<BurnItem>()),
+      items_(slot_.firmwareManager.getBurnItems()),
       sn_(sn ? sn.sn() : std::string()),
       snAddr_(snAddr),
       context_(uart_context_create()),
       reservation_(std::move(sn)),
       snSettled_(!reservation_),
-      tile_(slot_.tile) {
+      tile_(&slot_.tile) {
     context_->user = this;
     context_->onProgress = onBurnProgress;
     context_->onFinish = onBurnFinished;
@@ -60,13 +59,6 @@ SerialRun::SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr)
 void SerialRun::serve() {
     const std::string port = text::narrow(slot_.portName);
     LOG_I("start serve thread, port=%s", port.c_str());
-    if (slot_.firmwareManager == nullptr) {
-        LOG_I("firmware manager is NULL, serve thread stopped, port=%s", port.c_str());
-        releaseSn();
-        logEnd(false);
-        ended_ = true;
-        return;
-    }
     onTile([](DeviceDisplay& tile) {
         tile.setActive(true);
         tile.setProgress(0);
@@ -130,7 +122,7 @@ int SerialRun::prepareDevice() {
             return fail(ret, "CONNECT WITH ROM TRIGGER ERROR");
         if (uart_context_stopped(context_.get()))
             return kUartOk;
-        slot_.stopEvent->wait(kPauseAfterRom);
+        slot_.stopEvent.wait(kPauseAfterRom);
     }
     if (config.syncRamLoader) {
         LOG_I("SYNC WITH RAM LOADER");
@@ -158,7 +150,7 @@ int SerialRun::connectWithRom() {
         ret = ram_loader_download(context_.get());
         if (ret == kUartOk)
             break;
-        slot_.stopEvent->wait(kPauseAfterFailedAttempt);
+        slot_.stopEvent.wait(kPauseAfterFailedAttempt);
     }
     return ret;
 }
@@ -228,9 +220,7 @@ void SerialRun::useUpRowWithoutNumber() {
 
 void SerialRun::markBurned(SnReservation& sn) {
     snSettled_ = true;
-    const auto unmarked = sn.markBurned();
-    if (slot_.page != nullptr)
-        slot_.page->tellUnmarked(unmarked);
+    slot_.page.tellUnmarked(sn.markBurned());
 }
 
 SnReservation SerialRun::takeReservation() {
@@ -272,20 +262,15 @@ void SerialRun::onBurnProgress(UartContext* context, const std::wstring& name, i
 
 void SerialRun::onBurnFinished(UartContext* context) {
     SerialRun& run = runOf(context);
-    if (run.slot_.tile == nullptr)
-        return;
     run.onTile(
         [&](DeviceDisplay& tile) { tile.setStatus(tiletexts::success(text::widen(run.sn_))); });
     GlobalStorage::getInstance().increaseFlashCount();
-    if (run.slot_.page != nullptr)
-        run.slot_.page->refreshBurnCount();
+    run.slot_.page.refreshBurnCount();
 }
 
 void SerialRun::onBurnError(UartContext* context, int code, const std::wstring& description) {
     SerialRun& run = runOf(context);
     run.lastError_ = text::narrow(description) + ", code " + std::to_string(code);
-    if (run.slot_.tile == nullptr)
-        return;
     run.onTile([&](DeviceDisplay& tile) {
         tile.setStatus(tiletexts::failure(code, description));
         tile.setActive(false);

@@ -18,13 +18,13 @@
 
 class BurnPageBase;
 
-// What a slot lends its runs; all of it outlives them. Pointers may be null.
+// What a slot lends its runs; all of it outlives them.
 struct SerialSlot {
     std::wstring portName;
-    DeviceDisplay* tile = nullptr;
-    const FirmwareManager* firmwareManager = nullptr;
-    BurnPageBase* page = nullptr;
-    StopEvent* stopEvent = nullptr;  // cuts the pauses short; not null
+    DeviceDisplay& tile;
+    const FirmwareManager& firmwareManager;
+    BurnPageBase& page;
+    StopEvent& stopEvent;  // cuts the pauses short
 };
 
 class SerialRun {

@@ -27,10 +27,8 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
     if (storage.getSnFile().isLoaded() != 0) {
         sn_ = SnReservation(storage.getSnFile());
         if (!sn_) {
-            if (display_ != nullptr) {
-                display_->setProgress(0);
-                display_->setStatus(tiletexts::kNumbersUsedUp);
-            }
+            display_.setProgress(0);
+            display_.setStatus(tiletexts::kNumbersUsedUp);
             logBurnEnd({deviceId, false, "the serial numbers are used up", ""});
             return;
         }
@@ -61,10 +59,8 @@ void BurnAvatar::releaseSn() {
 
 void BurnAvatar::onBurnStart(BurnAgent* agent) {
     step_ = "the first image";
-    if (display_ == nullptr)
-        return;
-    display_->setName(text::widen(agent->get_device_id()));
-    display_->setActive(true);
+    display_.setName(text::widen(agent->get_device_id()));
+    display_.setActive(true);
 }
 
 void BurnAvatar::onBurnProgress(BurnAgent* /*agent*/, const std::string& name, unsigned percent) {
@@ -77,31 +73,22 @@ void BurnAvatar::onItemProgress(BurnAgent* /*agent*/, const BurnItem* item, unsi
 
 void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
     step_ = text::narrow(name) + ", " + std::to_string(percent) + "%";
-    if (display_ == nullptr)
-        return;
-    display_->setProgress(static_cast<int>(percent));
-    display_->setStatus(tiletexts::progress(name, static_cast<int>(percent)));
+    display_.setProgress(static_cast<int>(percent));
+    display_.setStatus(tiletexts::progress(name, static_cast<int>(percent)));
 }
 
-void BurnAvatar::onBurnDone(BurnAgent* /*agent*/) {
-    if (display_ == nullptr)
-        return;
-    const std::string sn = agent_ != nullptr ? agent_->get_sn() : std::string();
+void BurnAvatar::onBurnDone(BurnAgent* agent) {
     // The tile comes last: what it tells is true whatever happens to the machine next.
     const auto unmarked = sn_.markBurned();
     GlobalStorage::getInstance().increaseFlashCount();
-    if (page_ != nullptr) {
-        page_->tellUnmarked(unmarked);
-        page_->refreshBurnCount();
-    }
-    display_->setStatus(tiletexts::success(text::widen(sn)));
+    page_.tellUnmarked(unmarked);
+    page_.refreshBurnCount();
+    display_.setStatus(tiletexts::success(text::widen(agent->get_sn())));
 }
 
 void BurnAvatar::onBurnError(BurnAgent* /*agent*/, int code, const std::string& message) {
     error_ = "code=" + std::to_string(code) + ", " + message;
-    if (display_ == nullptr)
-        return;
-    display_->setStatus(tiletexts::failure(code, text::widen(message)));
-    display_->setActive(false);
+    display_.setStatus(tiletexts::failure(code, text::widen(message)));
+    display_.setActive(false);
     releaseSn();
 }

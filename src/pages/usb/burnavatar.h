@@ -20,7 +20,8 @@ class BurnPageBase;
 // thread that removes the session after it.
 class BurnAvatar final : public BurnListener {
   public:
-    BurnAvatar() = default;
+    // Neither is owned; both outlive the slot.
+    BurnAvatar(DeviceDisplay& display, BurnPageBase& page) : display_(display), page_(page) {}
     BurnAvatar(const BurnAvatar&) = delete;
     BurnAvatar& operator=(const BurnAvatar&) = delete;
 
@@ -38,10 +39,7 @@ class BurnAvatar final : public BurnListener {
     BurnAgent* getAgent() const { return agent_.get(); }
     void setAgent(std::unique_ptr<BurnAgent> agent) { agent_ = std::move(agent); }
 
-    // Neither is owned; both may be null.
-    DeviceDisplay* getDisplay() const { return display_; }
-    void setDisplay(DeviceDisplay* display) { display_ = display; }
-    void setPage(BurnPageBase* page) { page_ = page; }
+    DeviceDisplay& getDisplay() const { return display_; }
 
     // Burns the items and the next serial number into the device, if a list of numbers is loaded,
     // and returns when the burn has ended. Does nothing for a device that has had its burn: that
@@ -62,12 +60,12 @@ class BurnAvatar final : public BurnListener {
     // What the run log is told of a burn that has not succeeded.
     std::string whatWentWrong() const;
 
+    DeviceDisplay& display_;
+    BurnPageBase& page_;
     bool connected_ = false;
     std::wstring deviceId_;
     std::wstring plugId_;
     std::unique_ptr<BurnAgent> agent_;
-    DeviceDisplay* display_ = nullptr;
-    BurnPageBase* page_ = nullptr;
     SnReservation sn_;   // for the present burn
     std::string error_;  // of the present burn, if its agent has reported one
     std::string step_;   // how far the present burn has come

@@ -35,8 +35,6 @@ CBurnPage::CBurnPage()
                     .tileName = L"DEV ",
                     .unpackDirectory = L".\\temp_image\\"}) {
     tagMap_.load();
-    for (BurnAvatar& slot : slots_)
-        slot.setPage(this);
 }
 
 CBurnPage::~CBurnPage() {
@@ -50,8 +48,8 @@ void CBurnPage::addControls(const DialogTemplate& controls) {
     connect(saveTagsButton, &QPushButton::clicked, this, [this] { saveTags(); });
 }
 
-void CBurnPage::addTile(std::size_t number, DeviceDisplay& tile) {
-    slots_[number].setDisplay(&tile);
+void CBurnPage::addSlot(DeviceDisplay& tile) {
+    slots_.emplace_back(tile, *this);
 }
 
 bool CBurnPage::OnSetActive() {
@@ -145,14 +143,10 @@ void CBurnPage::onPlug(SesHandle session) {
         return;
     }
     slot->setConnected(true);
-    DeviceDisplay* const display = slot->getDisplay();
-    if (display == nullptr) {
-        showLater(QStringLiteral("display is empty"));
-        return;
-    }
-    display->setActive(true);
-    display->setName(deviceId);
-    display->setStatus(L"设备已插入！");
+    DeviceDisplay& display = slot->getDisplay();
+    display.setActive(true);
+    display.setName(deviceId);
+    display.setStatus(L"设备已插入！");
 }
 
 // Finds the slot of a device that has just arrived and puts the port's label on its tile.
@@ -160,8 +154,8 @@ BurnAvatar* CBurnPage::claimSlot(const std::wstring& deviceId) {
     const std::lock_guard guard(labelLock_);
     plugged_ = true;
     BurnAvatar* const slot = findAvatar(deviceId);
-    if (slot != nullptr && slot->getDisplay() != nullptr)
-        slot->getDisplay()->setTag(tagMap_.findTag(makePlugId(deviceId)).tag);
+    if (slot != nullptr)
+        slot->getDisplay().setTag(tagMap_.findTag(makePlugId(deviceId)).tag);
     return slot;
 }
 
@@ -191,19 +185,17 @@ void CBurnPage::deviceRemoved(const std::wstring& deviceId) {
         if (slot.getAgent() != nullptr && !slot.getAgent()->is_done())
             slot.releaseSn();
         slot.setAgent(nullptr);
-        if (DeviceDisplay* const display = slot.getDisplay(); display != nullptr) {
-            display->setActive(false);
-            display->setStatus(tiletexts::kRemoved);
-            display->setProgress(0);
-        }
+        slot.getDisplay().setActive(false);
+        slot.getDisplay().setStatus(tiletexts::kRemoved);
+        slot.getDisplay().setProgress(0);
     }
 }
 
 void CBurnPage::onError(SesHandle session, std::uint32_t code, const std::string& message) {
     TRACE("onError, device_id=%s, error=0x%x\n", session->device_id.c_str(), code);
     const BurnAvatar* const slot = findAvatar(text::widen(session->device_id));
-    if (slot != nullptr && slot->getDisplay() != nullptr)
-        slot->getDisplay()->setError(code, text::widen(message));
+    if (slot != nullptr)
+        slot->getDisplay().setError(code, text::widen(message));
 }
 
 void CBurnPage::onBurnerMissing(SesHandle session, const std::string& reason) {

@@ -3,8 +3,8 @@
 // claims the next free slot, and every later one comes up on the same tile with the same label.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
 
@@ -38,7 +38,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     // Every device that is still burning is cut off and its number is free again.
     void stopBurn() override;
     void addControls(const DialogTemplate& controls) override;
-    void addTile(std::size_t number, DeviceDisplay& tile) override;
+    void addSlot(DeviceDisplay& tile) override;
     bool checkUsbDriver();
     // Tells the operator of a burner image that cannot be opened.
     void tellUnlessThere(const std::wstring& burner);
@@ -48,7 +48,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     BurnAvatar* findAvatar(const std::wstring& deviceId);
     void deviceRemoved(const std::wstring& deviceId);
 
-    std::array<BurnAvatar, kSlots> slots_;
+    std::deque<BurnAvatar> slots_;
     std::mutex pageLock_;  // guards the slots' ids and the removal of their devices
     UsbTagMap tagMap_;
     // Guards plugged_, and keeps saveTags from missing a label that is on its way from the map to
