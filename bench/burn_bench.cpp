@@ -2,16 +2,14 @@
 // compared with a bare loop of the same transfers over the same table.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "measure.h"
 #include "simulator/usb/virtualusbbus.h"
 #include "simulator/usb/virtualusbdevice.h"
 #include "support/temporarydirectory.h"
@@ -29,36 +27,10 @@ constexpr std::size_t kDevices = 16;
 // What a burn of one image waits by rule: after the first SYNC, and before the first chunk.
 constexpr double kFixedWaits = 0.001 + 0.010;  // s
 
-std::vector<std::uint8_t> makeImage() {
-    std::vector<std::uint8_t> image(kImageSize);
-    std::uint32_t state = 1;
-    for (std::uint8_t& byte : image) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<std::uint8_t>(state >> 24);
-    }
-    return image;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-double processorTime() {
-    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
-}
-
-template <typename Work>
-double secondsOf(Work work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 // A floor of devices that run the burner image and answer at once.
 class Floor {
   public:
-    explicit Floor(std::size_t devices) : image_(makeImage()) {
+    explicit Floor(std::size_t devices) : image_(evenImage(kImageSize)) {
         hj::setLogLevel(hj::kError + 1);  // or the terminal is what is measured
         file_ = directory_.write("image.bin", std::string(image_.begin(), image_.end()));
         for (std::size_t i = 0; i < devices; ++i)
@@ -170,7 +142,7 @@ class BareLoop {
 };
 
 void crc64OfChunks(benchmark::State& state) {
-    const std::vector<std::uint8_t> image = makeImage();
+    const std::vector<std::uint8_t> image = evenImage(kImageSize);
     std::uint64_t crc = 0;
     const double start = processorTime();
     for (auto _ : state) {

@@ -3,7 +3,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "measure.h"
 #include "simulator/packagebuilder.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/firmware/firmwaremanager.h"
@@ -44,18 +44,6 @@ std::string makeImage(std::uint32_t seed) {
     }
     image.resize(kImageSize);
     return image;
-}
-
-template <typename Work>
-double secondsOf(Work work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 bool runUnzip() {

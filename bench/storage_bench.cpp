@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "measure.h"
 #include "storage/serialnumfile.h"
 #include "utils/text.h"
 
@@ -19,10 +20,6 @@ constexpr std::size_t kRows = 1'000'000;
 constexpr std::size_t kNumberSize = 20;  // characters of the numbers that the budgets are for
 
 using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // A file of `rows` free numbers that lives as long as this.
 class NumberFile {
@@ -138,11 +135,6 @@ void markBurned(benchmark::State& state) {
             mark(kRows - 1 - i, last);
         }
     }
-    const auto median = [](std::vector<double>& times) {
-        const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-        std::nth_element(times.begin(), middle, times.end());
-        return *middle;
-    };
     const double firstMedian = median(first);
     const double lastMedian = median(last);
     state.counters["first_us"] = firstMedian * 1e6;

@@ -6,13 +6,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "measure.h"
 #include "simulator/serial/virtualserialdevice.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/uart/flash_loader.h"
@@ -111,24 +111,9 @@ class Port {
     double bytes_ = 0;  // on the line, both ways together
 };
 
-// Its bytes are spread evenly, so about one in 128 needs an escape.
-std::vector<std::uint8_t> makeImage() {
-    std::vector<std::uint8_t> image(kImageSize);
-    std::uint32_t state = 1;
-    for (std::uint8_t& byte : image) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<std::uint8_t>(state >> 24);
-    }
-    return image;
-}
-
-double processorTime() {
-    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
-}
-
 // One download on each of so many ports, all at once.
 void downloadAtLinePace(benchmark::State& state) {
-    const std::vector<std::uint8_t> image = makeImage();
+    const std::vector<std::uint8_t> image = evenImage(kImageSize);
     const TemporaryDirectory directory;
     const std::string file = directory.write("image.bin", std::string(image.begin(), image.end()));
     std::vector<double> ratios;

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "demo/operator/windowoperator.h"
+#include "measure.h"
 #include "platform/process.h"
 #include "simulator/packagebuilder.h"
 #include "simulator/usb/virtualusbbus.h"
@@ -67,20 +68,11 @@ class WatchedApplication final : public QApplication {
     static inline double longestEvent_ = 0;
 };
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // Processor time of the calling thread, in seconds.
 double threadTime() {
     std::timespec time{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 // Keeps what the engine prints out of the table of results: it goes where the trace goes.

@@ -22,7 +22,7 @@ std::string narrow(std::wstring_view wide);
 std::u16string toUtf16(std::wstring_view wide);
 std::wstring fromUtf16(std::u16string_view units);
 
-// The hexadecimal number at the start of what an operator typed: blanks, a sign and "0x" may come
+// The hexadecimal number at the start of what somebody typed: blanks, a sign and "0x" may come
 // first, and the first character that is no digit ends it. 0 if there is no number; a number that
 // does not fit becomes the nearest one that does.
 std::int32_t parseHex(const std::string& text);

@@ -3,9 +3,7 @@
 #include <cjson/cJSON.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,13 +35,6 @@ std::string stringOf(const cJSON* json) {
     return value == nullptr ? std::string() : std::string(value);
 }
 
-// Hexadecimal text as a 32-bit signed number, which it never leaves: larger ones stop at its ends.
-std::int32_t parseAddr(const std::string& hex) {
-    using Limits = std::numeric_limits<std::int32_t>;
-    const long value = std::strtol(hex.c_str(), nullptr, 16);
-    return static_cast<std::int32_t>(std::clamp<long>(value, Limits::min(), Limits::max()));
-}
-
 template <typename Items>
 auto findName(Items& items, const std::wstring& name) {
     return std::find_if(items.begin(), items.end(),
@@ -73,7 +64,7 @@ BurnCfg::Load BurnCfg::load(const std::wstring& path) {
         const cJSON* addr = cJSON_GetObjectItem(element, "addr");
         if (name == nullptr || addr == nullptr)
             continue;
-        const std::int32_t address = parseAddr(stringOf(addr));
+        const std::int32_t address = text::parseHex(stringOf(addr));
         const BurnItem& item = items_.emplace_back(
             BurnItem{text::widen(stringOf(name)), static_cast<std::uint32_t>(address)});
         TRACE("name=%s, addr=%ld\n", text::narrow(item.file).c_str(), static_cast<long>(address));
