@@ -26,10 +26,10 @@ UsbDevices::UsbDevices(Report& report, Audience audience) : report_(report) {
 
     failingInRom().fate = UsbDevice::Fate::kFailsInRom;
     failingInRom().device->addFault(
-        {.where = FaultPoint::MemData, .what = Fault::romStatus(0xF1), .skip = 5});
+        {.where = UsbFaultPoint::MemData, .what = UsbFault::romStatus(0xF1), .skip = 5});
     failingInFlash().fate = UsbDevice::Fate::kFailsInFlash;
-    failingInFlash().device->addFault({.where = FaultPoint::Chunk,
-                                       .what = Fault::error("flash program failed"),
+    failingInFlash().device->addFault({.where = UsbFaultPoint::Chunk,
+                                       .what = UsbFault::error("flash program failed"),
                                        .skip = kGoodChunks});
     late().fate = UsbDevice::Fate::kComesLate;
 }

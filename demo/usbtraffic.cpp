@@ -22,7 +22,7 @@ bool isSettled(const UsbDevice& device, const TileView& tile) {
         case UsbDevice::Fate::kFailsInRom:
             return tile.status.startsWith(QStringLiteral("error="));
         case UsbDevice::Fate::kFailsInFlash:
-            return device.device->count(FaultPoint::Chunk) > UsbDevices::kGoodChunks;
+            return device.device->count(UsbFaultPoint::Chunk) > UsbDevices::kGoodChunks;
         default:
             return TileWatch::isBurned(tile);
     }
@@ -55,11 +55,11 @@ bool UsbTraffic::oneTooManyComes() {
 
 bool UsbTraffic::waitForMidBurn() {
     const UsbDevice& device = devices_.toUnplug();
-    return watch_.waitForTile("the burn of the device to unplug", device.deviceId,
-                              [&](const TileView& tile) {
-                                  return TileWatch::isWriting(tile) &&
-                                         device.device->count(FaultPoint::Chunk) >= kMidBurnChunks;
-                              });
+    return watch_.waitForTile(
+        "the burn of the device to unplug", device.deviceId, [&](const TileView& tile) {
+            return TileWatch::isWriting(tile) &&
+                   device.device->count(UsbFaultPoint::Chunk) >= kMidBurnChunks;
+        });
 }
 
 bool UsbTraffic::oneLeavesAndReturns() {

@@ -87,10 +87,10 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
              bytes[1] == kMemBegin;
     if (!fresh_) {
         outcome.needsClaim = stage_ == UsbStage::Burner;
-        const Fault& fault = strike(pointOf(endpoint, bytes));
-        if (fault.kind >= Fault::Kind::Stall && fault.kind <= Fault::Kind::Unplug)
+        const UsbFault& fault = strike(pointOf(endpoint, bytes));
+        if (fault.kind >= UsbFault::Kind::Stall && fault.kind <= UsbFault::Kind::Unplug)
             return transferFault(endpoint, fault, size);
-        if (fault.kind != Fault::Kind::Swallow)
+        if (fault.kind != UsbFault::Kind::Swallow)
             take(endpoint, bytes, fault, now);
     }
     traffic_ += size;
@@ -101,18 +101,18 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
     return outcome;
 }
 
-TransferOutcome VirtualUsbDevice::transferFault(std::uint8_t endpoint, const Fault& fault,
+TransferOutcome VirtualUsbDevice::transferFault(std::uint8_t endpoint, const UsbFault& fault,
                                                 std::uint32_t size) {
-    if (fault.kind == Fault::Kind::Stall) {
+    if (fault.kind == UsbFault::Kind::Stall) {
         halted_.insert(endpoint);
         return {.state = TransferOutcome::State::Stalled};
     }
     TransferOutcome outcome{.state = TransferOutcome::State::Refused,
                             .moved = std::min(fault.value, size)};
     traffic_ += outcome.moved;
-    if (fault.kind == Fault::Kind::ShortWrite)
+    if (fault.kind == UsbFault::Kind::ShortWrite)
         outcome.state = TransferOutcome::State::Ended;
-    if (fault.kind == Fault::Kind::Unplug) {
+    if (fault.kind == UsbFault::Kind::Unplug) {
         leave();
         outcome.left = true;
     }
@@ -214,7 +214,7 @@ void VirtualUsbDevice::hostResets(std::uint8_t endpoint) {
     resets_.push_back(endpoint);
 }
 
-void VirtualUsbDevice::addFault(FaultRule rule) {
+void VirtualUsbDevice::addFault(UsbFaultRule rule) {
     const std::lock_guard guard(lock_);
     faults_.add(std::move(rule));
 }
@@ -235,7 +235,7 @@ std::vector<std::uint8_t> VirtualUsbDevice::downloadedBurner() const {
     return rom_.image();
 }
 
-std::uint32_t VirtualUsbDevice::count(FaultPoint point) const {
+std::uint32_t VirtualUsbDevice::count(UsbFaultPoint point) const {
     const std::lock_guard guard(lock_);
     return faults_.count(point);
 }
@@ -274,38 +274,38 @@ std::uint64_t VirtualUsbDevice::bytesUntilUnplugged() const {
     return trafficLimit_ > traffic_ ? trafficLimit_ - traffic_ : 0;
 }
 
-std::optional<FaultPoint> VirtualUsbDevice::pointOf(std::uint8_t endpoint, Bytes bytes) const {
-    static constexpr std::array kCommands = {FaultPoint::FlashWrite, FaultPoint::VerifyOnly,
-                                             FaultPoint::EraseOnly,  FaultPoint::Sync,
-                                             FaultPoint::GetResult,  FaultPoint::SetCrc64};
+std::optional<UsbFaultPoint> VirtualUsbDevice::pointOf(std::uint8_t endpoint, Bytes bytes) const {
+    static constexpr std::array kCommands = {UsbFaultPoint::FlashWrite, UsbFaultPoint::VerifyOnly,
+                                             UsbFaultPoint::EraseOnly,  UsbFaultPoint::Sync,
+                                             UsbFaultPoint::GetResult,  UsbFaultPoint::SetCrc64};
     if (stage_ == UsbStage::RomLoader) {
         if (endpoint != kDataOut || bytes.size() < 2)
             return std::nullopt;
         switch (bytes[1]) {
             case kMemBegin:
-                return FaultPoint::MemBegin;
+                return UsbFaultPoint::MemBegin;
             case kMemData:
-                return FaultPoint::MemData;
+                return UsbFaultPoint::MemData;
             case kMemEnd:
-                return FaultPoint::MemEnd;
+                return UsbFaultPoint::MemEnd;
             default:
                 return std::nullopt;
         }
     }
     if (endpoint == kDataOut)
-        return FaultPoint::Chunk;
+        return UsbFaultPoint::Chunk;
     const std::size_t code = bytes.size() == kRecordSize ? bytes[3] >> 1 : 0U;
     if (code < kFlashWrite || code > kSetCrc64)
         return std::nullopt;
     return kCommands[code - kFlashWrite];
 }
 
-const Fault& VirtualUsbDevice::strike(std::optional<FaultPoint> point) {
-    static const Fault none;
+const UsbFault& VirtualUsbDevice::strike(std::optional<UsbFaultPoint> point) {
+    static const UsbFault none;
     return point ? faults_.strike(*point) : none;
 }
 
-void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const Fault& fault,
+void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const UsbFault& fault,
                             Clock::time_point now) {
     if (stage_ == UsbStage::RomLoader) {
         if (endpoint == kDataOut)
@@ -319,13 +319,13 @@ void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const Fault& fau
     }
 }
 
-void VirtualUsbDevice::takeRomMessage(Bytes message, const Fault& fault, Clock::time_point now) {
+void VirtualUsbDevice::takeRomMessage(Bytes message, const UsbFault& fault, Clock::time_point now) {
     const bool lastAnswered = commands_.lastAnswered();
     const bool again = rom_.repeats(message) && !lastAnswered;
     std::uint8_t status = rom_.take(message, fault.carriesOut(), lastAnswered, inStep_);
     if (!again)
         ++commands_.message;
-    if (fault.kind == Fault::Kind::RomStatus) {
+    if (fault.kind == UsbFault::Kind::RomStatus) {
         status = static_cast<std::uint8_t>(fault.value);
         if (status >= kFatalStatus)
             rom_.die();
@@ -336,7 +336,7 @@ void VirtualUsbDevice::takeRomMessage(Bytes message, const Fault& fault, Clock::
     answer(commands_, reply, {kRomReplySize}, status == 0, fault, now);
 }
 
-void VirtualUsbDevice::takeCommand(Bytes record, const Fault& fault, Clock::time_point now) {
+void VirtualUsbDevice::takeCommand(Bytes record, const UsbFault& fault, Clock::time_point now) {
     if (record.size() != kRecordSize) {
         errors_.add("burner: a command record of " + std::to_string(record.size()) + " bytes");
         return;
@@ -351,14 +351,14 @@ void VirtualUsbDevice::takeCommand(Bytes record, const Fault& fault, Clock::time
     ++commands_.message;
     if (!tookData && burner_.takesData())
         data_ = {};  // what an earlier write has left
-    if (fault.kind == Fault::Kind::Error && response.cmdorg != kSync)
+    if (fault.kind == UsbFault::Kind::Error && response.cmdorg != kSync)
         burner_.fail();
     respond(commands_, response, fault, now);
 }
 
-void VirtualUsbDevice::takeChunk(Bytes chunk, const Fault& fault, Clock::time_point now) {
+void VirtualUsbDevice::takeChunk(Bytes chunk, const UsbFault& fault, Clock::time_point now) {
     std::optional<std::uint32_t> corruptOffset;
-    if (fault.kind == Fault::Kind::Corrupt)
+    if (fault.kind == UsbFault::Kind::Corrupt)
         corruptOffset = fault.value;
     const std::optional<UsbBurner::Response> response = burner_.takeChunk(
         chunk, now, fault.carriesOut(), data_.lastAnswered(), inStep_, corruptOffset);
@@ -371,12 +371,12 @@ void VirtualUsbDevice::takeChunk(Bytes chunk, const Fault& fault, Clock::time_po
 }
 
 void VirtualUsbDevice::respond(Exchange& exchange, const UsbBurner::Response& response,
-                               const Fault& fault, Clock::time_point now) {
+                               const UsbFault& fault, Clock::time_point now) {
     std::uint8_t code = response.code;
     std::string description = response.description;
-    if (fault.kind == Fault::Kind::Response)
+    if (fault.kind == UsbFault::Kind::Response)
         code = static_cast<std::uint8_t>(fault.value);
-    if (fault.kind == Fault::Kind::Error) {
+    if (fault.kind == UsbFault::Kind::Error) {
         code = kError;
         description = fault.text.substr(0, kLongestDescription);
     }
@@ -386,36 +386,36 @@ void VirtualUsbDevice::respond(Exchange& exchange, const UsbBurner::Response& re
     answer(exchange,
            encode(code, fault.cmdorg.value_or(response.cmdorg), code == kError ? length : kFiller),
            {kRecordSize}, good, fault, readableAt);
-    if (code != kError || length == 0 || fault.kind == Fault::Kind::Silence)
+    if (code != kError || length == 0 || fault.kind == UsbFault::Kind::Silence)
         return;
-    answer(commands_, bytesOf(description), {length, false}, false, strike(FaultPoint::Description),
-           readableAt);
+    answer(commands_, bytesOf(description), {length, false}, false,
+           strike(UsbFaultPoint::Description), readableAt);
 }
 
 void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool good,
-                              const Fault& fault, Clock::time_point readableAt) {
+                              const UsbFault& fault, Clock::time_point readableAt) {
     AnswerQueue& answers = exchange.answers;
-    const bool cut = fault.kind == Fault::Kind::CutAnswer;
+    const bool cut = fault.kind == UsbFault::Kind::CutAnswer;
     const bool late =
-        cut || fault.kind == Fault::Kind::LateAnswer || readableAt > Clock::now() + kPatience;
+        cut || fault.kind == UsbFault::Kind::LateAnswer || readableAt > Clock::now() + kPatience;
     if (late && &exchange == &commands_)
         inStep_ = false;
 
     switch (fault.kind) {
-        case Fault::Kind::Silence:
+        case UsbFault::Kind::Silence:
             return;
-        case Fault::Kind::StallAnswer:
+        case UsbFault::Kind::StallAnswer:
             answers.add(readableAt).kind = Packet::Kind::Stall;
             return;
-        case Fault::Kind::LateAnswer:
+        case UsbFault::Kind::LateAnswer:
             readableAt += fault.time;
             break;
         default:
             break;
     }
 
-    const bool unplugs = fault.kind == Fault::Kind::UnplugInAnswer;
-    const bool whole = fault.kind != Fault::Kind::ShortAnswer && !unplugs && !cut;
+    const bool unplugs = fault.kind == UsbFault::Kind::UnplugInAnswer;
+    const bool whole = fault.kind != UsbFault::Kind::ShortAnswer && !unplugs && !cut;
     const std::size_t firstSize =
         whole ? bytes.size() : std::min<std::size_t>(fault.value, bytes.size());
     const std::uint64_t answered = good ? exchange.message : 0;

@@ -14,8 +14,8 @@
 #include "simulator/errorlist.h"
 #include "simulator/flash.h"
 #include "simulator/usb/answerqueue.h"
-#include "simulator/usb/fault.h"
 #include "simulator/usb/usbburner.h"
+#include "simulator/usb/usbfault.h"
 #include "simulator/usb/usbromloader.h"
 #include "simulator/usb/usbwire.h"
 
@@ -72,7 +72,7 @@ class VirtualUsbDevice {
     // Ends a halt of the endpoint: once stalled, it stays so until then.
     void hostResets(std::uint8_t endpoint);
 
-    void addFault(FaultRule rule);
+    void addFault(UsbFaultRule rule);
     // The device leaves as soon as so many bytes have moved since power-on, both ways together.
     void unplugAtByte(std::uint64_t count);
 
@@ -82,7 +82,7 @@ class VirtualUsbDevice {
     // The image that the ROM loader has got, as far as it has come.
     std::vector<std::uint8_t> downloadedBurner() const;
     // How many messages of this kind came, repeats and refused ones included.
-    std::uint32_t count(FaultPoint point) const;
+    std::uint32_t count(UsbFaultPoint point) const;
     // Bytes that have moved since power-on, both ways together.
     std::uint64_t traffic() const;
     // The endpoints that the host has reset since power-on, in the order of the resets.
@@ -103,18 +103,18 @@ class VirtualUsbDevice {
 
     void advance(Clock::time_point now);
     std::uint64_t bytesUntilUnplugged() const;
-    std::optional<FaultPoint> pointOf(std::uint8_t endpoint, Bytes bytes) const;
+    std::optional<UsbFaultPoint> pointOf(std::uint8_t endpoint, Bytes bytes) const;
     // The fault that befalls this message; it is counted.
-    const Fault& strike(std::optional<FaultPoint> point);
-    TransferOutcome transferFault(std::uint8_t endpoint, const Fault& fault, std::uint32_t size);
-    void take(std::uint8_t endpoint, Bytes bytes, const Fault& fault, Clock::time_point now);
-    void takeRomMessage(Bytes message, const Fault& fault, Clock::time_point now);
-    void takeCommand(Bytes record, const Fault& fault, Clock::time_point now);
-    void takeChunk(Bytes chunk, const Fault& fault, Clock::time_point now);
-    void respond(Exchange& exchange, const UsbBurner::Response& response, const Fault& fault,
+    const UsbFault& strike(std::optional<UsbFaultPoint> point);
+    TransferOutcome transferFault(std::uint8_t endpoint, const UsbFault& fault, std::uint32_t size);
+    void take(std::uint8_t endpoint, Bytes bytes, const UsbFault& fault, Clock::time_point now);
+    void takeRomMessage(Bytes message, const UsbFault& fault, Clock::time_point now);
+    void takeCommand(Bytes record, const UsbFault& fault, Clock::time_point now);
+    void takeChunk(Bytes chunk, const UsbFault& fault, Clock::time_point now);
+    void respond(Exchange& exchange, const UsbBurner::Response& response, const UsbFault& fault,
                  Clock::time_point now);
     // Queues an answer as the fault shapes it. `asked`: how many bytes the host has to ask for.
-    void answer(Exchange& exchange, Bytes bytes, Asked asked, bool good, const Fault& fault,
+    void answer(Exchange& exchange, Bytes bytes, Asked asked, bool good, const UsbFault& fault,
                 Clock::time_point readableAt);
     void delivered(Exchange& exchange, const Packet& packet, Clock::time_point now);
     void checkRead(const Packet& packet, std::size_t size);
@@ -138,7 +138,7 @@ class VirtualUsbDevice {
     Exchange data_;      // on kDataIn: chunks
     std::set<std::uint8_t> halted_;
     std::vector<std::uint8_t> resets_;
-    FaultScript<FaultPoint, Fault, kFaultPoints> faults_;
+    FaultScript<UsbFaultPoint, UsbFault, kUsbFaultPoints> faults_;
     std::uint64_t traffic_ = 0;
     std::uint64_t trafficLimit_ = UINT64_MAX;
     std::vector<UsbTransfer> transfers_;

@@ -18,56 +18,56 @@
 
 namespace {
 
-using simulator::Fault;
-using simulator::FaultPoint;
+using simulator::UsbFault;
+using simulator::UsbFaultPoint;
 
 constexpr std::uint32_t kSnAddress = 0x7FF004;
 
-Fault nextFault(Script& script) {
+UsbFault nextFault(Script& script) {
     const std::uint8_t kind = script.next() % 15;
     const std::uint8_t value = script.next();
     const std::chrono::milliseconds time(value * 20);
     switch (kind) {
         case 0:
-            return Fault::swallow();
+            return UsbFault::swallow();
         case 1:
-            return Fault::romStatus(value | 1);  // not that all is well
+            return UsbFault::romStatus(value | 1);  // not that all is well
         case 2:
-            return Fault::response(value, script.next());
+            return UsbFault::response(value, script.next());
         case 3: {
             const Bytes text = script.take(value);
-            return Fault::error(std::string(text.begin(), text.end()), script.next());
+            return UsbFault::error(std::string(text.begin(), text.end()), script.next());
         }
         case 4:
-            return Fault::stall();
+            return UsbFault::stall();
         case 5:
-            return Fault::shortWrite(value);
+            return UsbFault::shortWrite(value);
         case 6:
-            return Fault::refuseWrite(value);
+            return UsbFault::refuseWrite(value);
         case 7:
-            return Fault::unplug(value);
+            return UsbFault::unplug(value);
         case 8:
-            return Fault::silence();
+            return UsbFault::silence();
         case 9:
-            return Fault::shortAnswer(value % 10);
+            return UsbFault::shortAnswer(value % 10);
         case 10:
-            return Fault::cutAnswer(value % 10, std::chrono::milliseconds(script.next() * 20));
+            return UsbFault::cutAnswer(value % 10, std::chrono::milliseconds(script.next() * 20));
         case 11:
-            return Fault::lateAnswer(time);
+            return UsbFault::lateAnswer(time);
         case 12:
-            return Fault::wrongCmdorg(value);
+            return UsbFault::wrongCmdorg(value);
         case 13:
-            return Fault::stallAnswer();
+            return UsbFault::stallAnswer();
         default:
-            return Fault::corrupt(value);
+            return UsbFault::corrupt(value);
     }
 }
 
 // Each stage has answers of its own.
-bool fits(const Fault& fault, FaultPoint point) {
-    const bool inRom = point < FaultPoint::FlashWrite;
-    return inRom ? fault.kind != Fault::Kind::Response && fault.kind != Fault::Kind::Error
-                 : fault.kind != Fault::Kind::RomStatus;
+bool fits(const UsbFault& fault, UsbFaultPoint point) {
+    const bool inRom = point < UsbFaultPoint::FlashWrite;
+    return inRom ? fault.kind != UsbFault::Kind::Response && fault.kind != UsbFault::Kind::Error
+                 : fault.kind != UsbFault::Kind::RomStatus;
 }
 
 // Listens to the ROM stage and to the burn.
@@ -146,11 +146,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     bool honest = true;  // a device that lies can make anybody believe anything
     bool prompt = true;  // the ROM's answers do not tell to what they belong
     for (std::uint8_t count = script.next() % 5; count > 0; --count) {
-        const auto point = static_cast<FaultPoint>(script.next() % simulator::kFaultPoints);
-        const Fault fault = nextFault(script);
-        honest = honest && fault.kind != Fault::Kind::Response;
-        prompt =
-            prompt && fault.kind != Fault::Kind::LateAnswer && fault.kind != Fault::Kind::CutAnswer;
+        const auto point = static_cast<UsbFaultPoint>(script.next() % simulator::kUsbFaultPoints);
+        const UsbFault fault = nextFault(script);
+        honest = honest && fault.kind != UsbFault::Kind::Response;
+        prompt = prompt && fault.kind != UsbFault::Kind::LateAnswer &&
+                 fault.kind != UsbFault::Kind::CutAnswer;
         const std::uint8_t skip = script.next();
         const std::uint8_t times = script.next();
         if (fits(fault, point))

@@ -26,10 +26,10 @@
 #include "window/loadsndialog.h"
 
 using namespace std::chrono_literals;
-using simulator::Fault;
-using simulator::FaultPoint;
-using simulator::FaultRule;
 using simulator::TileView;
+using simulator::UsbFault;
+using simulator::UsbFaultPoint;
+using simulator::UsbFaultRule;
 using simulator::UsbOperation;
 using simulator::WindowOperator;
 
@@ -278,18 +278,18 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     importNumbers(row(1) + row(2) + row(3) + row(4));
     ASSERT_TRUE(hands->press("开始烧录"));
 
-    const auto failing = [](FaultRule rule) {
+    const auto failing = [](UsbFaultRule rule) {
         auto device = makeDevice();
         device->addFault(std::move(rule));
         return device;
     };
     // No number is drawn in the ROM stage.
-    plug(1, failing({FaultPoint::MemData, Fault::romStatus(0xF1)}));
+    plug(1, failing({UsbFaultPoint::MemData, UsbFault::romStatus(0xF1)}));
     ASSERT_TRUE(reads(1, "error=0xf1, des=Return Fatal Error! (retries = 0)"));
     EXPECT_TRUE(tile(1).active);
 
     // What the agent reports frees the number at once: each of these gets the first one.
-    plug(2, failing({FaultPoint::Sync, Fault::silence(), 0, FaultRule::kAlways}));
+    plug(2, failing({UsbFaultPoint::Sync, UsbFault::silence(), 0, UsbFaultRule::kAlways}));
     ASSERT_TRUE(readsLike(2, "出错, code=-2, des="));
     EXPECT_FALSE(tile(2).active);
     const auto unopened = makeDevice({.romStartUp = 300ms});
@@ -306,9 +306,10 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     std::filesystem::rename("kept.bin", "temp_image/master.bin");
 
     // A refused command is not reported: the last progress stays, and the number with it.
-    const auto refusing = failing({FaultPoint::Chunk, Fault::error("worn out"), 3});
+    const auto refusing = failing({UsbFaultPoint::Chunk, UsbFault::error("worn out"), 3});
     plug(5, refusing);
-    ASSERT_TRUE(WindowOperator::waitFor([&] { return refusing->count(FaultPoint::Description); }));
+    ASSERT_TRUE(
+        WindowOperator::waitFor([&] { return refusing->count(UsbFaultPoint::Description); }));
     ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
     EXPECT_TRUE(tile(5).active);
     // The device that gave it back before has no claim on it any more.
@@ -395,12 +396,12 @@ TEST_F(BurnPageTest, TellsTheRunLogOnceHowEachBurnHasEnded) {
     prepare();
     importNumbers(row(1) + row(2) + row(3) + row(4));
     ASSERT_TRUE(hands->press("开始烧录"));
-    const auto failing = [&](int number, FaultRule rule) {
+    const auto failing = [&](int number, UsbFaultRule rule) {
         const auto device = makeDevice();
         device->addFault(std::move(rule));
         plug(number, device);
     };
-    failing(1, {FaultPoint::MemData, Fault::romStatus(0xF1)});
+    failing(1, {UsbFaultPoint::MemData, UsbFault::romStatus(0xF1)});
     EXPECT_TRUE(endsLike(1, "not burned: no number: MEM_DATA: Return Fatal Error! (retries = 0)"));
     std::filesystem::rename("temp_image/burner.img", "kept.img");
     plug(2);
@@ -411,9 +412,9 @@ TEST_F(BurnPageTest, TellsTheRunLogOnceHowEachBurnHasEnded) {
     bus.unplug(port(3));
     EXPECT_TRUE(endsLike(3, "not burned: no number: stopped or unplugged in the ROM stage"));
 
-    failing(4, {FaultPoint::Sync, Fault::silence(), 0, FaultRule::kAlways});
+    failing(4, {UsbFaultPoint::Sync, UsbFault::silence(), 0, UsbFaultRule::kAlways});
     EXPECT_TRUE(endsLike(4, "not burned: SN=SN-1: code=-2, Failed to sync device!"));
-    failing(5, {FaultPoint::Chunk, Fault::error("worn out"), 3});
+    failing(5, {UsbFaultPoint::Chunk, UsbFault::error("worn out"), 3});
     EXPECT_TRUE(
         endsLike(5, "not burned: SN=SN-1: a command failed at .\\temp_image\\master.bin, "));
     plug(6, makeDevice(slowly()));

@@ -110,9 +110,9 @@ class AdminFixture : public testing::Test {
 
     std::shared_ptr<simulator::VirtualUsbDevice> plug(
         const std::string& at, simulator::UsbDeviceOptions options = {},
-        const std::vector<simulator::FaultRule>& faults = {}) {
+        const std::vector<simulator::UsbFaultRule>& faults = {}) {
         auto device = std::make_shared<simulator::VirtualUsbDevice>(options);
-        for (const simulator::FaultRule& fault : faults)
+        for (const simulator::UsbFaultRule& fault : faults)
             device->addFault(fault);
         devices.push_back(device);
         bus.plug(at, device);

@@ -9,9 +9,9 @@
 #include "adminfixture.h"
 
 using namespace std::chrono_literals;
-using simulator::Fault;
-using simulator::FaultPoint;
-using simulator::FaultRule;
+using simulator::UsbFault;
+using simulator::UsbFaultPoint;
+using simulator::UsbFaultRule;
 using testing::ElementsAre;
 
 // Each case with transfers that end inside the call and with such as never do.
@@ -39,10 +39,11 @@ class BurnAdminTest : public AdminFixture, public testing::WithParamInterface<bo
         clock.reset();  // they are to stay there
         burnForReal();
         for (std::size_t i = 1; i <= 16; ++i)
-            plug(port(i), {}, {{FaultPoint::Chunk, Fault::silence(), 1, FaultRule::kAlways}});
+            plug(port(i), {},
+                 {{UsbFaultPoint::Chunk, UsbFault::silence(), 1, UsbFaultRule::kAlways}});
         start();
         for (const auto& device : devices)
-            ASSERT_TRUE(eventually([&] { return device->count(FaultPoint::Chunk) >= 2; }));
+            ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::Chunk) >= 2; }));
     }
 
     std::string image;
@@ -108,11 +109,12 @@ TEST_P(BurnAdminTest, RemovalEndsADownloadAndABurn) {
     burnForReal();
     start();
     const auto inRom =
-        plug("0-1", {}, {{FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways}});
+        plug("0-1", {}, {{UsbFaultPoint::MemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
     const auto inFlash =
-        plug("0-2", {}, {{FaultPoint::Chunk, Fault::silence(), 2, FaultRule::kAlways}});
+        plug("0-2", {}, {{UsbFaultPoint::Chunk, UsbFault::silence(), 2, UsbFaultRule::kAlways}});
     ASSERT_TRUE(eventually([&] {
-        return inRom->count(FaultPoint::MemData) >= 2 && inFlash->count(FaultPoint::Chunk) >= 3;
+        return inRom->count(UsbFaultPoint::MemData) >= 2 &&
+               inFlash->count(UsbFaultPoint::Chunk) >= 3;
     }));
 
     bus.unplug("0-1");
@@ -208,10 +210,11 @@ TEST_P(BurnAdminTest, WithoutHotPlugOrLibraryNothingArrivesAndNothingBreaks) {
 TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
     clock.reset();  // the download is not to fail before
     for (std::size_t i = 1; i <= 3; ++i)
-        plug(port(i), {}, {{FaultPoint::MemData, Fault::swallow(), 1, FaultRule::kAlways}});
+        plug(port(i), {},
+             {{UsbFaultPoint::MemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
     start();
     for (const auto& device : devices)
-        ASSERT_TRUE(eventually([&] { return device->count(FaultPoint::MemData) >= 2; }));
+        ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::MemData) >= 2; }));
     BurnAdmin::destroyInstance();
     EXPECT_EQ(listener.count("plug"), 3U);
     EXPECT_EQ(listener.count("remove"), 3U);

@@ -8,9 +8,9 @@
 #include "adminfixture.h"
 
 using namespace std::chrono_literals;
-using simulator::Fault;
-using simulator::FaultPoint;
-using simulator::FaultRule;
+using simulator::UsbFault;
+using simulator::UsbFaultPoint;
+using simulator::UsbFaultRule;
 
 // Each case with transfers that end inside the call and with such as never do.
 class FwDownloadTest : public AdminFixture, public testing::WithParamInterface<bool> {
@@ -32,7 +32,7 @@ TEST_P(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
         ASSERT_TRUE(listener.waitFor("burned 0-1"));
         const std::vector<std::uint8_t> downloaded = device->downloadedBurner();
         EXPECT_EQ(std::string(downloaded.begin(), downloaded.end()), image);
-        EXPECT_EQ(device->count(FaultPoint::MemData), blocks);
+        EXPECT_EQ(device->count(UsbFaultPoint::MemData), blocks);
         EXPECT_EQ(device->stage(), simulator::UsbStage::Burner);
         // The ROM stage's handle is gone when the burn begins.
         EXPECT_EQ(bus.openHandles(), 0U);
@@ -62,7 +62,7 @@ TEST_P(FwDownloadTest, ResetsThePipesBeforeItsMessages) {
 
 struct RomFaultCase {
     const char* name;
-    std::vector<FaultRule> rules;
+    std::vector<UsbFaultRule> rules;
     const char* reported;  // empty: the download succeeds
 };
 
@@ -92,38 +92,38 @@ TEST_P(FwDownloadFaults, AreRetriedAndThenReported) {
     }
 }
 
-constexpr std::uint32_t kAlways = FaultRule::kAlways;
+constexpr std::uint32_t kAlways = UsbFaultRule::kAlways;
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, FwDownloadFaults,
     testing::ValuesIn(std::vector<RomFaultCase>{
         {"FatalStatus",
-         {{FaultPoint::MemData, Fault::romStatus(0xF0)}},
+         {{UsbFaultPoint::MemData, UsbFault::romStatus(0xF0)}},
          "error f0 Return Fatal Error! (retries = 0)"},
         {"FatalStatusAfterAnError",
-         {{FaultPoint::MemData, Fault::romStatus(0x05), 1},
-          {FaultPoint::MemData, Fault::romStatus(0xFF), 1}},
+         {{UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 1},
+          {UsbFaultPoint::MemData, UsbFault::romStatus(0xFF), 1}},
          "error ff Return Fatal Error! (retries = 1)"},
-        {"ErrorStatusNineTimes", {{FaultPoint::MemData, Fault::romStatus(0x05), 0, 9}}, ""},
+        {"ErrorStatusNineTimes", {{UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 0, 9}}, ""},
         {"ErrorStatusForGood",
-         {{FaultPoint::MemBegin, Fault::romStatus(0xEF), 0, kAlways}},
+         {{UsbFaultPoint::MemBegin, UsbFault::romStatus(0xEF), 0, kAlways}},
          "error ef Retry WritePipe has reaches max (10)!"},
         {"ErrorStatusBehindALostAnswer",
-         {{FaultPoint::MemBegin, Fault::silence()},
-          {FaultPoint::MemBegin, Fault::romStatus(0x05), 0, kAlways}},
+         {{UsbFaultPoint::MemBegin, UsbFault::silence()},
+          {UsbFaultPoint::MemBegin, UsbFault::romStatus(0x05), 0, kAlways}},
          "error 4c7 Retry WritePipe has reaches max (10)!"},
         {"ShortAnswersForGood",
-         {{FaultPoint::MemBegin, Fault::shortAnswer(9), 0, kAlways}},
+         {{UsbFaultPoint::MemBegin, UsbFault::shortAnswer(9), 0, kAlways}},
          "error 1f Retry WritePipe has reaches max (10)!"},
         {"NoAnswerToTheEnd",
-         {{FaultPoint::MemEnd, Fault::swallow(), 0, kAlways}},
+         {{UsbFaultPoint::MemEnd, UsbFault::swallow(), 0, kAlways}},
          "error 4c7 Retry WritePipe has reaches max (10)!"},
-        {"AnswerLostOnce", {{FaultPoint::MemData, Fault::silence(), 1, 1}}, ""},
-        {"ShortAnswer", {{FaultPoint::MemData, Fault::shortAnswer(9), 0, 2}}, ""},
-        {"LateAnswer", {{FaultPoint::MemBegin, Fault::lateAnswer(205ms)}}, ""},
+        {"AnswerLostOnce", {{UsbFaultPoint::MemData, UsbFault::silence(), 1, 1}}, ""},
+        {"ShortAnswer", {{UsbFaultPoint::MemData, UsbFault::shortAnswer(9), 0, 2}}, ""},
+        {"LateAnswer", {{UsbFaultPoint::MemBegin, UsbFault::lateAnswer(205ms)}}, ""},
         // Nothing clears the halt before the device is plugged in again.
         {"Stall",
-         {{FaultPoint::MemData, Fault::stall(), 1, 2}},
+         {{UsbFaultPoint::MemData, UsbFault::stall(), 1, 2}},
          "error 1f Retry WritePipe has reaches max (10)!"}}),
     [](const auto& test) { return std::string(test.param.name); });
 

@@ -18,8 +18,8 @@
 #include "utils/fileutil.h"
 
 using namespace std::chrono_literals;
-using simulator::Fault;
-using simulator::FaultPoint;
+using simulator::UsbFault;
+using simulator::UsbFaultPoint;
 using testing::ElementsAre;
 
 namespace {
@@ -36,13 +36,13 @@ TEST_F(TappedBusTest, TheRomGetsItsTimeBeforeAndAfterEachMessage) {
     listener.plugged = [&](SesHandle) { plugged = UsbTap::Clock::now(); };
     start(60);
     const auto device = plug("0-1", {},
-                             {{FaultPoint::MemBegin, Fault::shortAnswer(9)},
-                              {FaultPoint::MemData, Fault::romStatus(0x05), 1}});
+                             {{UsbFaultPoint::MemBegin, UsbFault::shortAnswer(9)},
+                              {UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 1}});
     ASSERT_TRUE(listener.waitFor("ready 0-1"));
 
-    EXPECT_EQ(device->count(FaultPoint::MemBegin), 2U);
-    EXPECT_EQ(device->count(FaultPoint::MemData), 4U);
-    EXPECT_EQ(device->count(FaultPoint::MemEnd), 1U);
+    EXPECT_EQ(device->count(UsbFaultPoint::MemBegin), 2U);
+    EXPECT_EQ(device->count(UsbFaultPoint::MemData), 4U);
+    EXPECT_EQ(device->count(UsbFaultPoint::MemEnd), 1U);
     EXPECT_GE(tap.first(kMessage) - plugged, 60ms);
     EXPECT_GE(tap.shortest(kMessage, kMessage), 10ms);
     EXPECT_GE(tap.freed - tap.last(kMessage), 100ms);
@@ -51,19 +51,19 @@ TEST_F(TappedBusTest, TheRomGetsItsTimeBeforeAndAfterEachMessage) {
 TEST_F(TappedBusTest, AFailedAttemptIsGivenTimeAndThenItsPipeIsEmptied) {
     constexpr int kReply = UsbTap::kEndpoint + EP_ADDR_CMD_RESP_IN;
     const struct {
-        Fault fault;
+        UsbFault fault;
         int failed;
         std::vector<int> emptied;         // endpoints
         std::chrono::milliseconds least;  // from the start of what failed
     } cases[] = {
-        {Fault::shortAnswer(9), kReply, {EP_ADDR_CMD_RESP_IN}, 10ms},
-        {Fault::silence(), kReply, {EP_ADDR_CMD_RESP_IN}, 210ms},
-        {Fault::refuseWrite(), kMessage, {EP_ADDR_DATA_RESP_OUT}, 210ms},
-        {Fault::stallAnswer(), kReply, std::vector<int>(10, EP_ADDR_CMD_RESP_IN), 10ms},
+        {UsbFault::shortAnswer(9), kReply, {EP_ADDR_CMD_RESP_IN}, 10ms},
+        {UsbFault::silence(), kReply, {EP_ADDR_CMD_RESP_IN}, 210ms},
+        {UsbFault::refuseWrite(), kMessage, {EP_ADDR_DATA_RESP_OUT}, 210ms},
+        {UsbFault::stallAnswer(), kReply, std::vector<int>(10, EP_ADDR_CMD_RESP_IN), 10ms},
     };
     start();
     for (const auto& c : cases) {
-        plug("0-1", {}, {{FaultPoint::MemBegin, c.fault}});
+        plug("0-1", {}, {{UsbFaultPoint::MemBegin, c.fault}});
         ASSERT_TRUE(eventually([&] { return listener.count("ready") + listener.count("error"); }));
         bus.unplug("0-1");
         ASSERT_TRUE(listener.waitFor("remove 0-1"));
@@ -82,7 +82,7 @@ TEST_F(TappedBusTest, AnImageThatCannotBeReadToItsEndIsNotStarted) {
     const fileutil::FilePtr writeOnly = fileutil::openFile("/dev/null", "wb");
     std::shared_ptr<simulator::VirtualUsbDevice> device;
     tap.afterRead = [&] {
-        if (device->count(FaultPoint::MemData) != 1)
+        if (device->count(UsbFaultPoint::MemData) != 1)
             return;
         for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code gone;  // other threads open and close theirs
@@ -94,7 +94,7 @@ TEST_F(TappedBusTest, AnImageThatCannotBeReadToItsEndIsNotStarted) {
     start();
     ASSERT_TRUE(listener.waitFor("plug 0-1"));
     ASSERT_TRUE(eventually([&] { return listener.session("0-1")->workerEnded.load(); }));
-    EXPECT_EQ(device->count(FaultPoint::MemEnd), 0U);
+    EXPECT_EQ(device->count(UsbFaultPoint::MemEnd), 0U);
     EXPECT_LT(device->downloadedBurner().size(), 20'000U);
     EXPECT_THAT(listener.events(), ElementsAre("plug 0-1"));
     EXPECT_EQ(bus.openHandles(), 0U);
@@ -116,7 +116,7 @@ TEST_F(TappedBusTest, NoBurnAfterAStopBehindTheLastMessage) {
     std::atomic<bool> stopSeen = false;
     const auto device = plug("0-1");
     tap.afterRead = [&] {
-        if (device->count(FaultPoint::MemEnd) == 0)
+        if (device->count(UsbFaultPoint::MemEnd) == 0)
             return;
         // The device has taken MEM_END; the stop comes now.
         ended = true;
@@ -136,12 +136,12 @@ TEST_F(TappedBusTest, WithoutASlotAShortWriteIsAFailedAttempt) {
     start();
     std::shared_ptr<simulator::VirtualUsbDevice> device;
     const Output output = outputOf([&] {
-        device = plug("0-1", {}, {{FaultPoint::MemData, Fault::shortWrite(5)}});
+        device = plug("0-1", {}, {{UsbFaultPoint::MemData, UsbFault::shortWrite(5)}});
         EXPECT_TRUE(listener.waitFor("ready 0-1"));
     });
     const std::vector<std::uint8_t> downloaded = device->downloadedBurner();
     EXPECT_EQ(std::string(downloaded.begin(), downloaded.end()), burner);
-    EXPECT_EQ(device->count(FaultPoint::MemData), 4U);
+    EXPECT_EQ(device->count(UsbFaultPoint::MemData), 4U);
     EXPECT_EQ(occurrences(output.traced, "WritePipe 0x4 failed (retries = 0), errorCode = "), 1U);
     EXPECT_EQ(occurrences(output.traced, "ReadPipe"), 0U);
     EXPECT_TRUE(tap.flushes.empty());

@@ -12,7 +12,7 @@
 namespace simulator {
 
 // The messages of the host, and the description that follows an answer with an error.
-enum class FaultPoint {
+enum class UsbFaultPoint {
     MemBegin,
     MemData,
     MemEnd,
@@ -25,9 +25,9 @@ enum class FaultPoint {
     Chunk,        // one transfer of image data to the burner image
     Description,  // knows the faults of answers only
 };
-constexpr std::size_t kFaultPoints = 11;
+constexpr std::size_t kUsbFaultPoints = 11;
 
-class Fault {
+class UsbFault {
   public:
     enum class Kind {
         None,
@@ -52,64 +52,66 @@ class Fault {
         Corrupt,
     };
 
-    Fault() = default;
+    UsbFault() = default;
 
     // The message reaches nobody.
-    static Fault swallow() { return Fault(Kind::Swallow); }
+    static UsbFault swallow() { return UsbFault(Kind::Swallow); }
     // The ROM loader refuses with this status.
-    static Fault romStatus(std::uint8_t status) { return {Kind::RomStatus, status}; }
+    static UsbFault romStatus(std::uint8_t status) { return {Kind::RomStatus, status}; }
     // The burner image answers with this code, naming `cmdorg` or else the command.
-    static Fault response(std::uint8_t code, std::optional<std::uint8_t> cmdorg = {}) {
-        Fault fault(Kind::Response, code);
+    static UsbFault response(std::uint8_t code, std::optional<std::uint8_t> cmdorg = {}) {
+        UsbFault fault(Kind::Response, code);
         fault.cmdorg = cmdorg;
         return fault;
     }
     // The command fails with this description. `length` is what the answer says of it, else its
     // true length; at most 255 bytes are sent.
-    static Fault error(std::string description, std::optional<std::uint8_t> length = {}) {
-        Fault fault(Kind::Error);
+    static UsbFault error(std::string description, std::optional<std::uint8_t> length = {}) {
+        UsbFault fault(Kind::Error);
         fault.text = std::move(description);
         fault.length = length;
         return fault;
     }
     // The host's transfer fails, and all later ones on its endpoint until the host resets that.
-    static Fault stall() { return Fault(Kind::Stall); }
+    static UsbFault stall() { return UsbFault(Kind::Stall); }
     // The host's transfer ends well, but with this many bytes only.
-    static Fault shortWrite(std::uint32_t bytes) { return {Kind::ShortWrite, bytes}; }
+    static UsbFault shortWrite(std::uint32_t bytes) { return {Kind::ShortWrite, bytes}; }
     // The device takes this many bytes and then no more, until the host gives up.
-    static Fault refuseWrite(std::uint32_t bytes = 0) { return {Kind::RefuseWrite, bytes}; }
+    static UsbFault refuseWrite(std::uint32_t bytes = 0) { return {Kind::RefuseWrite, bytes}; }
     // The device leaves when this many bytes of the message have moved.
-    static Fault unplug(std::uint32_t bytes = 0) { return {Kind::Unplug, bytes}; }
+    static UsbFault unplug(std::uint32_t bytes = 0) { return {Kind::Unplug, bytes}; }
 
     // No answer comes.
-    static Fault silence() { return Fault(Kind::Silence); }
+    static UsbFault silence() { return UsbFault(Kind::Silence); }
     // The answer ends after this many bytes.
-    static Fault shortAnswer(std::uint32_t bytes) { return {Kind::ShortAnswer, bytes}; }
+    static UsbFault shortAnswer(std::uint32_t bytes) { return {Kind::ShortAnswer, bytes}; }
     // The answer comes in two: so many bytes, and the rest after the pause.
-    static Fault cutAnswer(std::uint32_t bytes, std::chrono::milliseconds pause) {
-        Fault fault(Kind::CutAnswer, bytes);
+    static UsbFault cutAnswer(std::uint32_t bytes, std::chrono::milliseconds pause) {
+        UsbFault fault(Kind::CutAnswer, bytes);
         fault.time = pause;
         return fault;
     }
     // The answer comes so much later.
-    static Fault lateAnswer(std::chrono::milliseconds time) {
-        Fault fault(Kind::LateAnswer);
+    static UsbFault lateAnswer(std::chrono::milliseconds time) {
+        UsbFault fault(Kind::LateAnswer);
         fault.time = time;
         return fault;
     }
-    static Fault wrongCmdorg(std::uint8_t cmdorg) {
-        Fault fault(Kind::WrongCmdorg);
+    static UsbFault wrongCmdorg(std::uint8_t cmdorg) {
+        UsbFault fault(Kind::WrongCmdorg);
         fault.cmdorg = cmdorg;
         return fault;
     }
     // The transfer that comes for the answer fails, and all later ones on its endpoint until the
     // host resets that.
-    static Fault stallAnswer() { return Fault(Kind::StallAnswer); }
+    static UsbFault stallAnswer() { return UsbFault(Kind::StallAnswer); }
     // The device leaves when this many bytes of the answer have moved.
-    static Fault unplugInAnswer(std::uint32_t bytes = 0) { return {Kind::UnplugInAnswer, bytes}; }
+    static UsbFault unplugInAnswer(std::uint32_t bytes = 0) {
+        return {Kind::UnplugInAnswer, bytes};
+    }
 
     // The byte at this offset of the chunk gets into the flash with one bit wrong.
-    static Fault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }
+    static UsbFault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }
 
     bool carriesOut() const { return kind == Kind::None || kind >= Kind::Silence; }
 
@@ -121,10 +123,10 @@ class Fault {
     std::string text;
 
   private:
-    explicit Fault(Kind faultKind) : kind(faultKind) {}
-    Fault(Kind faultKind, std::uint32_t faultValue) : kind(faultKind), value(faultValue) {}
+    explicit UsbFault(Kind faultKind) : kind(faultKind) {}
+    UsbFault(Kind faultKind, std::uint32_t faultValue) : kind(faultKind), value(faultValue) {}
 };
 
-using FaultRule = ScriptedFault<FaultPoint, Fault>;
+using UsbFaultRule = ScriptedFault<UsbFaultPoint, UsbFault>;
 
 }  // namespace simulator
