@@ -34,8 +34,7 @@ void UsbBurner::powerOn() {
     crc_.reset();
 }
 
-UsbBurner::Response UsbBurner::takeCommand(Bytes record, Clock::time_point now, bool carryOut,
-                                           bool lastAnswered, bool strictOrder) {
+UsbBurner::Response UsbBurner::takeCommand(Bytes record, const UsbTurn& turn) {
     const std::uint32_t first = readU32(record, 0);
     const Command command{static_cast<std::uint8_t>(first >> 25), first & 0x1FFFFFF,
                           readU32(record, 4), readU32(record, 8)};
@@ -47,11 +46,11 @@ UsbBurner::Response UsbBurner::takeCommand(Bytes record, Clock::time_point now, 
         case kSync:
             return {kSuccess, kSync};
         case kGetResult:
-            return getResult(now, carryOut, lastAnswered, strictOrder);
+            return getResult(turn);
         case kSetCrc64:
-            return setCrc(record, carryOut);
+            return setCrc(record, turn);
         default:
-            return begin(record, command, now, carryOut, lastAnswered, strictOrder);
+            return begin(record, command, turn);
     }
 }
 
@@ -71,8 +70,7 @@ bool UsbBurner::isClean(Bytes record, const Command& command) {
     return clean;
 }
 
-UsbBurner::Response UsbBurner::getResult(Clock::time_point now, bool carryOut, bool lastAnswered,
-                                         bool strictOrder) {
+UsbBurner::Response UsbBurner::getResult(const UsbTurn& turn) {
     switch (state_) {
         case State::Idle:
             return breach("GET_RESULT without a command", 0);
@@ -80,9 +78,9 @@ UsbBurner::Response UsbBurner::getResult(Clock::time_point now, bool carryOut, b
             note("GET_RESULT in the data phase");
             return {kOngoing, running_.code};
         case State::Running:
-            if (now < resultAt_)
+            if (turn.now < resultAt_)
                 return {kOngoing, running_.code};
-            if (!carryOut)
+            if (!turn.carryOut)
                 return {kSuccess, running_.code};
             outcome_ = finish();
             return outcome_;
@@ -90,24 +88,23 @@ UsbBurner::Response UsbBurner::getResult(Clock::time_point now, bool carryOut, b
         case State::Failed:
             break;
     }
-    if (strictOrder && lastAnswered)
+    if (turn.inStep && turn.lastAnswered)
         note("GET_RESULT again after the result");
     return outcome_;
 }
 
-UsbBurner::Response UsbBurner::setCrc(Bytes record, bool carryOut) {
+UsbBurner::Response UsbBurner::setCrc(Bytes record, const UsbTurn& turn) {
     if (state_ == State::TakingData || state_ == State::Running)
         return breach("SET_CRC64 while a command runs", kSetCrc64);
-    if (carryOut)
+    if (turn.carryOut)
         crc_ = readU64(record, 4);
     return {kSuccess, kSetCrc64};
 }
 
-UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, Clock::time_point now,
-                                     bool carryOut, bool lastAnswered, bool strictOrder) {
+UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, const UsbTurn& turn) {
     const bool runs = state_ == State::TakingData || state_ == State::Running;
     const bool again = runs && received_ == 0 && std::ranges::equal(record, lastRecord_) &&
-                       (!lastAnswered || !strictOrder);
+                       (!turn.lastAnswered || !turn.inStep);
     if (runs && !again)
         return breach("a command while another runs", command.code);
 
@@ -121,7 +118,7 @@ UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, Clock
     const bool isWrite = command.code == kFlashWrite;
     const Response accepted{isWrite ? kReady : kOngoing, command.code,
                             isWrite ? options_->eraseTime : Clock::duration{}};
-    if (!carryOut)
+    if (!turn.carryOut)
         return accepted;
     std::ranges::copy(record, lastRecord_.begin());
     running_ = command;
@@ -131,19 +128,17 @@ UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, Clock
     received_ = 0;
     receivedCrc_ = 0;
     corrupted_ = false;
-    resultAt_ = now + accepted.delay + options_->resultTime;
+    resultAt_ = turn.now + accepted.delay + options_->resultTime;
     state_ = isWrite && command.size > 0 ? State::TakingData : State::Running;
     return accepted;
 }
 
-std::optional<UsbBurner::Response> UsbBurner::takeChunk(
-    Bytes chunk, Clock::time_point now, bool carryOut, bool lastAnswered, bool strictOrder,
-    std::optional<std::uint32_t> corruptOffset) {
+std::optional<UsbBurner::Response> UsbBurner::takeChunk(Bytes chunk, const UsbTurn& turn) {
     if (state_ != State::TakingData) {
         note("data outside the data phase");
         return std::nullopt;
     }
-    if (strictOrder && !lastAnswered)
+    if (turn.inStep && !turn.lastAnswered)
         note("a chunk before the last answer was read");
     const std::uint32_t expected =
         std::min(running_.size - received_, static_cast<std::uint32_t>(kChunkSize));
@@ -152,14 +147,14 @@ std::optional<UsbBurner::Response> UsbBurner::takeChunk(
         return breach("a chunk of a wrong size", kFlashWrite);
     }
     const Response taken{kReady, kFlashWrite, options_->chunkTime};
-    if (!carryOut)
+    if (!turn.carryOut)
         return taken;
 
     const std::uint32_t address = running_.address + received_;
     flash_->program(address, chunk);
-    if (corruptOffset && *corruptOffset < chunk.size()) {
-        const auto wrong = static_cast<std::uint8_t>(chunk[*corruptOffset] ^ 1);
-        flash_->program(address + *corruptOffset, Bytes(&wrong, 1));
+    if (turn.corruptOffset && *turn.corruptOffset < chunk.size()) {
+        const auto wrong = static_cast<std::uint8_t>(chunk[*turn.corruptOffset] ^ 1);
+        flash_->program(address + *turn.corruptOffset, Bytes(&wrong, 1));
         corrupted_ = true;
     }
     if ((running_.flags & kFlagCrc64) != 0)
@@ -167,7 +162,7 @@ std::optional<UsbBurner::Response> UsbBurner::takeChunk(
     received_ += expected;
     if (received_ == running_.size) {
         state_ = State::Running;
-        resultAt_ = now + options_->chunkTime + options_->resultTime;
+        resultAt_ = turn.now + options_->chunkTime + options_->resultTime;
     }
     return taken;
 }

@@ -11,6 +11,7 @@
 #include "simulator/errorlist.h"
 #include "simulator/flash.h"
 #include "simulator/usb/answerqueue.h"
+#include "simulator/usb/usbturn.h"
 #include "simulator/usb/usbwire.h"
 
 namespace simulator {
@@ -32,15 +33,9 @@ class UsbBurner {
     void powerOn();
 
     // Checks a record of 16 bytes and returns the response to it; it is carried out if told to.
-    // `lastAnswered`: whether the host has got the good answer to its last record; `strictOrder` is
-    // false once nobody can tell that any more.
-    Response takeCommand(Bytes record, Clock::time_point now, bool carryOut, bool lastAnswered,
-                         bool strictOrder);
+    Response takeCommand(Bytes record, const UsbTurn& turn);
     // The same for a transfer of image data; nothing answers what comes outside the data phase.
-    // Given `corruptOffset`, the byte there gets into the flash with one bit wrong.
-    std::optional<Response> takeChunk(Bytes chunk, Clock::time_point now, bool carryOut,
-                                      bool lastAnswered, bool strictOrder,
-                                      std::optional<std::uint32_t> corruptOffset);
+    std::optional<Response> takeChunk(Bytes chunk, const UsbTurn& turn);
     // The running command has ended with an error.
     void fail();
 
@@ -57,10 +52,9 @@ class UsbBurner {
     };
 
     bool isClean(Bytes record, const Command& command);
-    Response getResult(Clock::time_point now, bool carryOut, bool lastAnswered, bool strictOrder);
-    Response setCrc(Bytes record, bool carryOut);
-    Response begin(Bytes record, const Command& command, Clock::time_point now, bool carryOut,
-                   bool lastAnswered, bool strictOrder);
+    Response getResult(const UsbTurn& turn);
+    Response setCrc(Bytes record, const UsbTurn& turn);
+    Response begin(Bytes record, const Command& command, const UsbTurn& turn);
     // Ends the running command: its outcome is what GET_RESULT tells.
     Response finish();
     bool dataIsGood();

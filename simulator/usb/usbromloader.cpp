@@ -31,7 +31,8 @@ bool UsbRomLoader::repeats(Bytes message) const {
     return !last_.empty() && std::ranges::equal(message, last_);
 }
 
-std::uint8_t UsbRomLoader::take(Bytes message, bool carry, bool lastAnswered, bool strictOrder) {
+std::uint8_t UsbRomLoader::take(Bytes message, const UsbTurn& turn) {
+    bool lastAnswered = turn.lastAnswered;
     const bool begins = message.size() > 1 && message[1] == kMemBegin;
     if (fresh_ && begins) {
         powerOn();
@@ -42,11 +43,11 @@ std::uint8_t UsbRomLoader::take(Bytes message, bool carry, bool lastAnswered, bo
         return breach("a message after a fatal status");
 
     if (!repeats(message)) {
-        if (strictOrder && !lastAnswered)
+        if (turn.inStep && !lastAnswered)
             breach("a new message before the last one was answered with 0");
         lastCarriedOut_ = false;
         last_.assign(message.begin(), message.end());
-    } else if (strictOrder && lastAnswered) {
+    } else if (turn.inStep && lastAnswered) {
         return breach("a message again that was answered with 0");
     }
 
@@ -55,7 +56,7 @@ std::uint8_t UsbRomLoader::take(Bytes message, bool carry, bool lastAnswered, bo
     const std::uint8_t status = judge(message);
     if (status >= kFatalStatus)
         die();
-    if (status == 0 && carry) {
+    if (status == 0 && turn.carryOut) {
         carryOut(message);
         lastCarriedOut_ = true;
     }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "simulator/errorlist.h"
+#include "simulator/usb/usbturn.h"
 #include "simulator/usb/usbwire.h"
 
 namespace simulator {
@@ -22,9 +23,7 @@ class UsbRomLoader {
     // Whether it repeats the last message, byte for byte.
     bool repeats(Bytes message) const;
     // Checks the message and returns the status to answer with; on 0 carries it out, if told to.
-    // `lastAnswered`: whether the host has got the good answer to its last message; `strictOrder`
-    // is false once nobody can tell that any more.
-    std::uint8_t take(Bytes message, bool carryOut, bool lastAnswered, bool strictOrder);
+    std::uint8_t take(Bytes message, const UsbTurn& turn);
     // A fatal status was sent: nothing may follow.
     void die() { state_ = State::Dead; }
 

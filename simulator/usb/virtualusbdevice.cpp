@@ -319,10 +319,18 @@ void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const UsbFault& 
     }
 }
 
+UsbTurn VirtualUsbDevice::turnOf(const Exchange& exchange, const UsbFault& fault,
+                                 Clock::time_point now) const {
+    UsbTurn turn{now, fault.carriesOut(), exchange.lastAnswered(), inStep_, {}};
+    if (fault.kind == UsbFault::Kind::Corrupt)
+        turn.corruptOffset = fault.value;
+    return turn;
+}
+
 void VirtualUsbDevice::takeRomMessage(Bytes message, const UsbFault& fault, Clock::time_point now) {
-    const bool lastAnswered = commands_.lastAnswered();
-    const bool again = rom_.repeats(message) && !lastAnswered;
-    std::uint8_t status = rom_.take(message, fault.carriesOut(), lastAnswered, inStep_);
+    const UsbTurn turn = turnOf(commands_, fault, now);
+    const bool again = rom_.repeats(message) && !turn.lastAnswered;
+    std::uint8_t status = rom_.take(message, turn);
     if (!again)
         ++commands_.message;
     if (fault.kind == UsbFault::Kind::RomStatus) {
@@ -346,8 +354,7 @@ void VirtualUsbDevice::takeCommand(Bytes record, const UsbFault& fault, Clock::t
         answers.front().readableAt <= now)
         errors_.add("burner: a command before the last answer was read");
     const bool tookData = burner_.takesData();
-    const UsbBurner::Response response =
-        burner_.takeCommand(record, now, fault.carriesOut(), commands_.lastAnswered(), inStep_);
+    const UsbBurner::Response response = burner_.takeCommand(record, turnOf(commands_, fault, now));
     ++commands_.message;
     if (!tookData && burner_.takesData())
         data_ = {};  // what an earlier write has left
@@ -357,11 +364,8 @@ void VirtualUsbDevice::takeCommand(Bytes record, const UsbFault& fault, Clock::t
 }
 
 void VirtualUsbDevice::takeChunk(Bytes chunk, const UsbFault& fault, Clock::time_point now) {
-    std::optional<std::uint32_t> corruptOffset;
-    if (fault.kind == UsbFault::Kind::Corrupt)
-        corruptOffset = fault.value;
-    const std::optional<UsbBurner::Response> response = burner_.takeChunk(
-        chunk, now, fault.carriesOut(), data_.lastAnswered(), inStep_, corruptOffset);
+    const std::optional<UsbBurner::Response> response =
+        burner_.takeChunk(chunk, turnOf(data_, fault, now));
     ++data_.message;
     if (!response)
         return;

@@ -108,6 +108,7 @@ class VirtualUsbDevice {
     const UsbFault& strike(std::optional<UsbFaultPoint> point);
     TransferOutcome transferFault(std::uint8_t endpoint, const UsbFault& fault, std::uint32_t size);
     void take(std::uint8_t endpoint, Bytes bytes, const UsbFault& fault, Clock::time_point now);
+    UsbTurn turnOf(const Exchange& exchange, const UsbFault& fault, Clock::time_point now) const;
     void takeRomMessage(Bytes message, const UsbFault& fault, Clock::time_point now);
     void takeCommand(Bytes record, const UsbFault& fault, Clock::time_point now);
     void takeChunk(Bytes chunk, const UsbFault& fault, Clock::time_point now);
