@@ -43,7 +43,7 @@ struct SlotObject {
 
 struct PoolObject {
     HandleObject* handle;
-    std::deque<SlotObject> slots;
+    std::deque<SlotObject> members;
     bool live = true;
 };
 

@@ -2,12 +2,19 @@
 // its table. Strict: what the host does wrong with handles, slots and claims is recorded.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/libusbk.h"
+#include "simulator/errorlist.h"
+#include "simulator/usb/usbbusobjects.h"
 #include "simulator/usb/virtualusbdevice.h"
 
 namespace simulator {
@@ -30,8 +37,6 @@ enum class UsbOperation {
     PoolInit,     // OvlK_Init
     SlotAcquire,  // OvlK_Acquire
 };
-
-class UsbBusCore;
 
 // One bus at a time, made before libusbK is bound and destroyed after it is unbound. All operations
 // may be called from any thread.
@@ -61,7 +66,85 @@ class VirtualUsbBus {
     std::size_t openHandles() const;
 
   private:
-    const std::unique_ptr<UsbBusCore> core_;
+    friend struct UsbBusTable;
+
+    struct Plugged {
+        std::string port;
+        std::shared_ptr<UsbConnection> connection;
+    };
+    struct Event {
+        MonitorObject* monitor;
+        libusbk::DeviceEntry entry;
+        std::int32_t kind;
+    };
+    struct Failure {
+        UsbOperation operation;
+        std::uint32_t code;
+        std::uint32_t skip;
+        std::uint32_t times;
+    };
+
+    // The operations of libusbK, which UsbBusTable hands on.
+    bool startup();
+    void shutdown();
+    bool isDriverInstalled();
+    bool initMonitor(libusbk::Monitor** monitor, const libusbk::MonitorParameters& parameters);
+    bool freeMonitor(libusbk::Monitor* monitor);
+    bool initList(libusbk::DeviceList** list, const libusbk::DevicePattern& pattern);
+    bool findInList(libusbk::DeviceList* list, std::uint16_t vendorId, std::uint16_t productId,
+                    const libusbk::DeviceEntry** entry);
+    bool freeList(libusbk::DeviceList* list);
+    bool open(libusbk::UsbHandle** handle, const libusbk::DeviceEntry& entry);
+    bool close(libusbk::UsbHandle* handle);
+    bool claim(libusbk::UsbHandle* handle, std::uint8_t number);
+    bool release(libusbk::UsbHandle* handle, std::uint8_t number);
+    bool transfer(libusbk::UsbHandle* handle, const UsbRequest& request, std::uint32_t* transferred,
+                  libusbk::OverlappedSlot* slot, const char* name);
+    bool reset(libusbk::UsbHandle* handle, std::uint8_t endpoint);
+    bool flush(libusbk::UsbHandle* handle, std::uint8_t endpoint);
+    bool interrupt(libusbk::UsbHandle* handle);
+    bool initPool(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle, std::int32_t count);
+    bool freePool(libusbk::OverlappedPool* pool);
+    bool acquire(libusbk::OverlappedSlot** slot, libusbk::OverlappedPool* pool);
+    bool releaseSlot(libusbk::OverlappedSlot* slot);
+    bool reuse(libusbk::OverlappedSlot* slot);
+    bool waitOrCancel(libusbk::OverlappedSlot* slot, std::uint32_t timeoutMs,
+                      std::uint32_t* transferred);
+
+    // Records a breach by the host; the operation fails.
+    bool misuse(const char* operation, const char* text,
+                std::uint32_t code = libusbk::kInvalidParameter);
+    // Whether the operation is told to fail now; sets the last error then.
+    bool isToFail(UsbOperation operation);
+    HandleObject* openHandle(libusbk::UsbHandle* handle, const char* operation);
+    // The same for an operation on a pipe.
+    HandleObject* openPipe(libusbk::UsbHandle* handle, std::uint8_t endpoint,
+                           const char* operation);
+    SlotObject* takenSlot(libusbk::OverlappedSlot* slot, const char* operation);
+    // Takes the device off the bus, once, and has its removal reported.
+    void remove(const UsbConnection* connection);
+    // These two are called with lock_ held.
+    void report(const libusbk::DeviceEntry& entry, std::int32_t kind);
+    void report(MonitorObject& monitor, const libusbk::DeviceEntry& entry, std::int32_t kind);
+    void runEvents();
+
+    ErrorList errors_;
+    std::atomic<bool> deferred_ = false;
+
+    mutable std::mutex lock_;  // guards all below but the atomic members; never held in a transfer
+    std::condition_variable eventsChanged_;
+    bool started_ = false;
+    bool ending_ = false;
+    std::int32_t lastAddress_ = 0;
+    std::vector<Plugged> plugged_;
+    std::vector<Failure> failures_;
+    std::deque<Event> events_;
+    MonitorObject* reportingTo_ = nullptr;
+    std::deque<MonitorObject> monitors_;
+    std::deque<ListObject> lists_;
+    std::deque<HandleObject> handles_;
+    std::deque<PoolObject> pools_;
+    std::thread thread_;
 };
 
 }  // namespace simulator
