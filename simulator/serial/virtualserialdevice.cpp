@@ -101,8 +101,6 @@ void VirtualSerialDevice::run() {
         const std::lock_guard guard(lock_);
         plugged_ = false;
     }
-    if (options_.onUnplug)
-        options_.onUnplug();
 }
 
 Clock::time_point VirtualSerialDevice::step(Clock::time_point now) {

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -46,9 +45,6 @@ struct SerialDeviceOptions {
     std::chrono::microseconds digestTime{};    // before MD5 is answered
     // A host that has got no answer waits at least this long before it asks again.
     std::chrono::milliseconds patience{300};
-    // Called on the device's thread when it has left, asked or not. unplug() waits for its end, so
-    // it must not wait for anybody who plugs.
-    std::function<void()> onUnplug{};
 };
 
 // All operations may be called from any thread. A port list, real or scripted, is told portName()

@@ -22,9 +22,7 @@ struct Asked {
 
 // One piece of an answer. The host's transfer ends with it, unless it is the first of two halves.
 struct Packet {
-    enum class Kind { Data, Stall, Unplug };
-
-    Kind kind = Kind::Data;
+    bool stalls = false;  // it is no answer: the transfer that comes for one fails
     bool endsTransfer = true;
     Asked asked;
     std::uint16_t size = 0;

@@ -8,6 +8,8 @@
 namespace simulator {
 namespace {
 
+constexpr std::uint64_t kFlashSize = std::uint64_t{1} << 32;  // bytes: all that a record can name
+
 const char* nameOf(std::uint8_t code) {
     switch (code) {
         case kFlashWrite:
@@ -112,7 +114,7 @@ UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, const
                           (command.code == kFlashWrite && (command.flags & kFlagCrc64) != 0);
     if (needsCrc && !again && !crc_)
         return breach("a command that needs SET_CRC64 before it", command.code);
-    if (std::uint64_t{command.address} + command.size > options_->flashSize)
+    if (std::uint64_t{command.address} + command.size > kFlashSize)
         return {kError, command.code, {}, "address out of range"};
 
     const bool isWrite = command.code == kFlashWrite;

@@ -47,7 +47,6 @@ class UsbFault {
         LateAnswer,
         WrongCmdorg,
         StallAnswer,
-        UnplugInAnswer,
         // The data suffers, the answer does not.
         Corrupt,
     };
@@ -105,10 +104,6 @@ class UsbFault {
     // The transfer that comes for the answer fails, and all later ones on its endpoint until the
     // host resets that.
     static UsbFault stallAnswer() { return UsbFault(Kind::StallAnswer); }
-    // The device leaves when this many bytes of the answer have moved.
-    static UsbFault unplugInAnswer(std::uint32_t bytes = 0) {
-        return {Kind::UnplugInAnswer, bytes};
-    }
 
     // The byte at this offset of the chunk gets into the flash with one bit wrong.
     static UsbFault corrupt(std::uint32_t offset) { return {Kind::Corrupt, offset}; }

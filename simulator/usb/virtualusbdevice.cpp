@@ -140,14 +140,10 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
             return outcome;
         }
         const Packet& packet = answers.front();
-        if (packet.kind == Packet::Kind::Stall) {
+        if (packet.stalls) {
             answers.pop();
             halted_.insert(endpoint);
             continue;
-        }
-        if (packet.kind == Packet::Kind::Unplug) {
-            leave();
-            break;
         }
         if (outcome.moved == 0 && answers.offset() == 0)
             checkRead(packet, buffer.size());
@@ -409,7 +405,7 @@ void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool
         case UsbFault::Kind::Silence:
             return;
         case UsbFault::Kind::StallAnswer:
-            answers.add(readableAt).kind = Packet::Kind::Stall;
+            answers.add(readableAt).stalls = true;
             return;
         case UsbFault::Kind::LateAnswer:
             readableAt += fault.time;
@@ -418,18 +414,15 @@ void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool
             break;
     }
 
-    const bool unplugs = fault.kind == UsbFault::Kind::UnplugInAnswer;
-    const bool whole = fault.kind != UsbFault::Kind::ShortAnswer && !unplugs && !cut;
+    const bool whole = fault.kind != UsbFault::Kind::ShortAnswer && !cut;
     const std::size_t firstSize =
         whole ? bytes.size() : std::min<std::size_t>(fault.value, bytes.size());
     const std::uint64_t answered = good ? exchange.message : 0;
     Packet& first = answers.add(readableAt);
     first.asked = asked;
     first.append(bytes.first(firstSize));
-    first.endsTransfer = !cut && !unplugs;
+    first.endsTransfer = !cut;
     first.answers = whole ? answered : 0;
-    if (unplugs)
-        answers.add(readableAt).kind = Packet::Kind::Unplug;
     if (cut) {
         Packet& rest = answers.add(readableAt + fault.time);
         rest.append(bytes.subspan(firstSize));

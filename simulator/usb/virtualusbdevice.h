@@ -32,7 +32,6 @@ struct UsbDeviceOptions {
     std::chrono::microseconds eraseTime{};   // before FLASH_WRITE is answered
     std::chrono::microseconds chunkTime{};   // before a chunk is answered
     std::chrono::microseconds resultTime{};  // after the last chunk or the command, while ONGOING
-    std::uint64_t flashSize = std::uint64_t{1} << 32;
 };
 
 struct UsbTransfer {

@@ -229,13 +229,32 @@ TEST_F(HurriedSerialBurnPageTest, AStopOrAPullInAnyPhaseLosesAndDoublesNoNumber)
         serve(phase, stopped, phase.burns);
         leave(stopped);
 
-        VirtualSerialDevice& pulled = makeSerial(0);
-        pulled.addFault({phase.request, SerialFault::unplug(), phase.skip});
-        serve(phase, pulled, false);
-        leave(pulled);
-        EXPECT_TRUE(canRead(kConnect));
-        ASSERT_TRUE(hands->press("停止烧录"));
+        for (const SerialFault& pull : {SerialFault::unplug(), SerialFault::unplugInAnswer(3)}) {
+            VirtualSerialDevice& pulled = makeSerial(0);
+            pulled.addFault({phase.request, pull, phase.skip});
+            serve(phase, pulled, false);
+            leave(pulled);
+            EXPECT_TRUE(canRead(kConnect));
+            ASSERT_TRUE(hands->press("停止烧录"));
+        }
     }
+}
+
+TEST_F(HurriedSerialBurnPageTest, FindsTheProxysRateAndAsksAgainBehindAnOddAnswer) {
+    using enum SerialFaultPoint;
+    prepareSerial();
+    importNumbers(row(1));
+    VirtualSerialDevice& device = makeSerial(0, {.proxyRate = 3'000'000});
+    device.addFault({RamData, SerialFault::emptyFrame()});
+    device.addFault({FlashBegin, SerialFault::cutAnswer(4, 1s)});
+    device.addFault({FlashData, SerialFault::longFrame(40)});
+    device.addFault({FlashData, SerialFault::lateAnswer(2s), 1});
+    device.addFault({Md5, SerialFault::earlierAnswer()});
+    arrive(device);
+    ASSERT_TRUE(hands->press("开始烧录"));
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
+    EXPECT_TRUE(holdsAll(device, "SN-1"));
+    EXPECT_THAT(device.errors(), testing::IsEmpty());
 }
 
 TEST_F(HurriedSerialBurnPageTest, LeavesTheProxyTwoSecondsToStart) {
