@@ -577,7 +577,9 @@ TEST_F(LibusbkTest, InterruptionEndsTheWaitAndSticks) {
         EXPECT_TRUE(device->awaitPending(kIn, 1));
         EXPECT_TRUE(usb().UsbK_Interrupt(opened.handle));
     });
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(opened.wait(kLong), libusbk::kOperationAborted);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kLong));
     stopper.join();
 
     EXPECT_EQ(opened.startRead(16), libusbk::kOperationAborted);
