@@ -10,9 +10,9 @@
 #include "utils/fileutil.h"
 #include "utils/logutil.h"
 
-namespace {
+#define LOG_TAG "SerialNumFile"
 
-constexpr const char* LOG_TAG = "SerialNumFile";
+namespace {
 
 constexpr std::string_view kFree = "0";
 constexpr std::string_view kBurned = "1";

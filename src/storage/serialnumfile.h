@@ -88,7 +88,7 @@ class SerialNumFile {
     // Waits for no disk.
     bool isInUse() const;
 
-    // Forgets all records.
+    // Forgets all records. This and the next are operations of the pool that no page calls.
     void clearRecords();
 
     // Ends the use of the file, and with it the marking.

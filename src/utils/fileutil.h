@@ -62,11 +62,13 @@ std::string textOf(std::string bytes);
 std::string readFile(const std::wstring& path);
 
 // Whether some directory directly below `parent` whose name begins with `prefix` holds `file`, a
-// relative path that brings its own leading backslash.
+// relative path that brings its own leading backslash. An operation of this layer that looks for a
+// driver's files; on this system the check of the driver needs none.
 bool findInSubdirs(const std::wstring& parent, const std::wstring& prefix,
                    const std::wstring& file);
 
-// Whether the file can be opened for reading; if not, the trace says why.
+// Whether the file can be opened for reading; if not, the trace says why. An operation of this
+// layer that no page calls now.
 bool isFileReadable(const std::wstring& path);
 
 }  // namespace fileutil

@@ -12,6 +12,7 @@
 #include "vorlan/uart/flash_loader.h"
 #include "vorlan/uart/ram_loader.h"
 
+// In the log a run is its slot: whoever reads the lines of a port finds them under one tag.
 #define LOG_TAG "SerialAvatar"
 
 using namespace std::chrono_literals;

@@ -119,13 +119,13 @@ std::wstring CBurnPage::portOf(const BurnAvatar& slot) {
 
 BurnAvatar* CBurnPage::findAvatar(const std::wstring& deviceId) {
     const std::lock_guard guard(pageLock_);
-    const std::wstring curPlugId = makePlugId(deviceId);
+    const std::wstring port = makePlugId(deviceId);
     BurnAvatar* firstFree = nullptr;
     for (BurnAvatar& slot : slots_) {
         const std::wstring plugId = slot.getPlugId();
         if (plugId.empty() && firstFree == nullptr)
             firstFree = &slot;
-        if (plugId == curPlugId)
+        if (plugId == port)
             return &slot;
     }
     if (firstFree != nullptr)

@@ -7,6 +7,7 @@
 #include "utils/interruption.h"
 #include "utils/logutil.h"
 
+// For the reader of the log an exchange is a step of the agent.
 #define LOG_TAG "BurnAgent"
 
 using namespace std::chrono_literals;

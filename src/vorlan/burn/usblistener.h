@@ -16,7 +16,9 @@ class UsbListener {
     // The device has left or the administrator is being stopped; the session's worker has ended.
     // Hot-plug thread or the thread that stops.
     virtual void onRemove(SesHandle session) = 0;
-    // The ROM stage has failed. The session's worker.
+    // The ROM stage has failed: with the status of the ROM loader, an error code of libusbK or, if
+    // no attempt failed in a system call, another code that is not 0; and a text that tells which.
+    // The session's worker.
     virtual void onError(SesHandle session, std::uint32_t code, const std::string& message) = 0;
     // The ROM stage has ended and no burner image runs: for the run log, also where nobody has been
     // told of a failure, and after an interruption. The session's worker, as its last call.
