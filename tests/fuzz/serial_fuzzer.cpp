@@ -16,7 +16,7 @@
 #include "simulator/serial/serialflashproxy.h"
 #include "simulator/serial/serialromloader.h"
 #include "simulator/serial/serialwire.h"
-#include "slipmodel.h"
+#include "simulator/serial/slipreader.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/uart/flash_loader.h"
 #include "vorlan/uart/ram_loader.h"
@@ -45,11 +45,15 @@ class Peer final : public platform::SerialDevice {
 
     int write(const std::uint8_t* bytes, int size) override {
         require(++requests_ < 5000, "a burn ends");
-        const std::optional<Bytes> frame = slipUnframe(Bytes(bytes, bytes + size));
-        require(frame.has_value(), "a request is a sound frame");
+        using Event = simulator::SlipReader::Event;
+        simulator::SlipReader reader;
+        for (int i = 0; i < size; ++i)
+            require((reader.take(bytes[i]) == Event::Frame) == (i == size - 1),
+                    "a request is one sound frame");
+        const Bytes& frame = reader.frame();
         simulator::Refusal refusal = simulator::Refusal::None;
         const std::optional<SerialRequest> request =
-            simulator::parseRequest(*frame, packetErrors_, refusal);
+            simulator::parseRequest(frame, packetErrors_, refusal);
         require(request && packetErrors_.texts().empty(), "a request keeps the rules of packets");
 
         answer_.clear();
@@ -66,7 +70,7 @@ class Peer final : public platform::SerialDevice {
         if (action == kStopAndAcknowledge)
             context_.stop = true;
         if (hostRate_ == rate_ && action != kKeepSilent)
-            answer(*request, *frame, action);
+            answer(*request, frame, action);
         return size;
     }
 
@@ -125,7 +129,7 @@ class Peer final : public platform::SerialDevice {
             result.refusal = simulator::Refusal::BadPacket;
         else
             result = carryOut(request, frame, action == kCorrupt);
-        const Bytes good = slipFrame(simulator::answerPacket(request.command, result));
+        const Bytes good = simulator::slipFrame(simulator::answerPacket(request.command, result));
         const auto cut = good.begin() + script_.next() % std::ssize(good);
         switch (action) {
             case kAcknowledgeBehindNoise:

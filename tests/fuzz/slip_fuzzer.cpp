@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "fuzzing.h"
+#include "simulator/serial/slipreader.h"
 #include "slipmodel.h"
 #include "vorlan/uart/header_configure.h"
 
@@ -51,7 +52,7 @@ void findSoundFrame(Line& line, Script& script) {
     Bytes plain{1, UART_SYNC, 2, 0, 0, 0, 0, 0, 0, 0};
     const Bytes more = script.take(kLongestAnswer - plain.size());
     plain.insert(plain.end(), more.begin(), more.end());
-    const Bytes frame = slipFrame(plain);
+    const Bytes frame = simulator::slipFrame(plain);
     const bool idle = line.model().isIdle();
     const auto isFound = [&] {
         return line.read(frame, UART_SYNC) == Result::kComplete &&
@@ -64,7 +65,7 @@ void findSoundFrame(Line& line, Script& script) {
 }
 
 void checkEncoder(const Bytes& plain) {
-    const Bytes expected = slipFrame(plain);
+    const Bytes expected = simulator::slipFrame(plain);
     SlipCodec codec;
     const std::uint8_t* output = nullptr;
     std::size_t size = 0;

@@ -3,47 +3,12 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 
 #include "fuzzing.h"
 
 constexpr std::uint8_t kSlipEnd = 0xC0;
 constexpr std::uint8_t kSlipEscape = 0xDB;
 constexpr std::size_t kLongestAnswer = 63;  // bytes of a received frame, without its escapes
-
-inline Bytes slipFrame(const Bytes& plain) {
-    Bytes frame{kSlipEnd};
-    for (const std::uint8_t byte : plain) {
-        if (byte == kSlipEnd)
-            frame.insert(frame.end(), {kSlipEscape, 0xDC});
-        else if (byte == kSlipEscape)
-            frame.insert(frame.end(), {kSlipEscape, 0xDD});
-        else
-            frame.push_back(byte);
-    }
-    frame.push_back(kSlipEnd);
-    return frame;
-}
-
-// The plain bytes of a frame that was sent in one piece; nothing if it is none.
-inline std::optional<Bytes> slipUnframe(const Bytes& frame) {
-    if (frame.size() < 2 || frame.front() != kSlipEnd || frame.back() != kSlipEnd)
-        return std::nullopt;
-    Bytes plain;
-    for (std::size_t i = 1; i + 1 < frame.size(); ++i) {
-        if (frame[i] == kSlipEnd)
-            return std::nullopt;
-        if (frame[i] != kSlipEscape) {
-            plain.push_back(frame[i]);
-            continue;
-        }
-        ++i;
-        if (frame[i] != 0xDC && frame[i] != 0xDD)
-            return std::nullopt;
-        plain.push_back(frame[i] == 0xDC ? kSlipEnd : kSlipEscape);
-    }
-    return plain;
-}
 
 // The receiving side of a port, one read after the other.
 class SlipModel {
