@@ -16,7 +16,7 @@
 #include "simulator/serial/virtualserialdevice.h"
 #include "support/temporarydirectory.h"
 #include "vorlan/uart/flash_loader.h"
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "fuzzing.h"
 #include "simulator/serial/slipreader.h"
 #include "slipmodel.h"
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "storage/snreservation.h"
 #include "ui/devicedisplay.h"
 #include "vorlan/firmware/firmwaremanager.h"
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uartcontext.h"
 
 class BurnPageBase;
 

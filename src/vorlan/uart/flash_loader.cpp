@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <utility>
 
 #include "utils/text.h"
+#include "vorlan/uart/loaderstep.h"
 #include "vorlan/uart/uarttrace.h"
 
 namespace {
@@ -17,24 +20,36 @@ constexpr std::uint32_t kHandshakeRead = 100;
 constexpr std::uint32_t kFlashRead = 1000;
 constexpr std::uint32_t kMd5Read = 10000;  // the device reads all of the image for its digest
 
-// What the trace says of a step's failures, and what the operator is told when it gives up. The
-// code told is not always the one returned.
-struct StepTexts {
-    const char* silent;
-    const char* refused;
+// A step of a download, and what the operator is told when refusals have ended it. A refused digest
+// is told with the code of silence, though a refusal is what the download then returns.
+struct DownloadStep : LoaderStep {
     int refusedCode;
     const wchar_t* refusedDescription;
 };
 
+// What the operator is told when silence has ended a step.
 constexpr const wchar_t* kSilentDescription = L"RECEIVE OVERTIME......";
-constexpr StepTexts kBegin{"RECEIVE OVERTIME......\n", "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n",
-                           kUartRefused, L"BEGIN COMMAND FORMAT ERROR"};
-constexpr StepTexts kData{"RECEIVE OVERTIME......\n", "DATA COMMAND FORMAT ERROR, SEND AGAIN\n",
-                          kUartRefused, L"DATA COMMAND FORMAT ERROR"};
-constexpr StepTexts kMd5{"CONNECT OVERTIME......\n", "MD5 FORMAT ERROR, CONNECT AGAIN\n",
-                         kUartNoAnswer, L"MD5 FORMAT ERROR"};
-constexpr StepTexts kEnd{"RECEIVE OVERTIME......\n", "END COMMAND FORMAT ERROR, SEND AGAIN\n",
-                         kUartRefused, L"END COMMAND FORMAT ERROR"};
+
+constexpr DownloadStep kBegin{
+    {"RECEIVE OVERTIME......\n", "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n"},
+    kUartRefused,
+    L"BEGIN COMMAND FORMAT ERROR"};
+constexpr DownloadStep kData{
+    {"RECEIVE OVERTIME......\n", "DATA COMMAND FORMAT ERROR, SEND AGAIN\n"},
+    kUartRefused,
+    L"DATA COMMAND FORMAT ERROR"};
+constexpr DownloadStep kMd5{{"CONNECT OVERTIME......\n", "MD5 FORMAT ERROR, CONNECT AGAIN\n"},
+                            kUartNoAnswer,
+                            L"MD5 FORMAT ERROR"};
+constexpr DownloadStep kEnd{{"RECEIVE OVERTIME......\n", "END COMMAND FORMAT ERROR, SEND AGAIN\n"},
+                            kUartRefused,
+                            L"END COMMAND FORMAT ERROR"};
+
+// Steps outside a download, which no stop ends and of which the operator is told nothing.
+constexpr LoaderStep kChangeRate{
+    .silent = "RECEIVE OVERTIME......\n", .refused = nullptr, .onStop = OnStop::kGoOn};
+constexpr LoaderStep kMd5Alone{
+    .silent = kMd5.silent, .refused = kMd5.refused, .onStop = OnStop::kGoOn};
 
 class Md5 {
   public:
@@ -50,30 +65,12 @@ class Md5 {
     MD5_CTX state_;
 };
 
-// Where a download's bytes come from: a file slot, or memory.
-class Source {
-  public:
-    explicit Source(UartFile& file) : file_(&file), size_(uart_file_size(file)) {}
-    Source(const std::uint8_t* data, std::uint32_t size) : data_(data), size_(size) {}
-
-    std::uint32_t size() const { return size_; }
-
-    // The next `count` bytes; null if they cannot be read.
-    const std::uint8_t* next(std::uint32_t count) {
-        if (file_ != nullptr) {
-            std::uint32_t got = count;
-            const std::uint8_t* const bytes = uart_file_read(*file_, got);
-            return got == count ? bytes : nullptr;
-        }
-        const std::uint8_t* const bytes = data_;
-        data_ += count;
-        return bytes;
-    }
-
-  private:
-    UartFile* file_ = nullptr;
-    const std::uint8_t* data_ = nullptr;
-    std::uint32_t size_;
+// What a download writes.
+struct Image {
+    std::wstring name;   // in progress reports
+    std::uint32_t size;  // bytes
+    // Gives the next `count` bytes; null if they cannot be read.
+    std::function<const std::uint8_t*(std::uint32_t count)> next;
 };
 
 // Ends a download: the operator hears of it when the image is closed.
@@ -99,33 +96,35 @@ void setRate(UartContext* context, std::uint32_t rate) {
     serial_set_params(context->port, rate, context->stopBits, context->parity);
 }
 
-// Sends until the answer is an acknowledgement or the budget has run out, of which onError is told.
-template <typename Send>
-int sendUntilAcknowledged(UartContext* context, const StepTexts& texts, Send send) {
-    for (;;) {
-        if (uart_context_stopped(context))
-            return kUartNoAnswer;
-        const int result = send();
-        if (result == kUartOk)
-            return kUartOk;
-        const bool silent = result == kUartNoAnswer;
-        UART_TRACE("%s", silent ? texts.silent : texts.refused);
-        if (uart_gives_up(context->flashRetries))
-            return silent ? fail(context, kUartNoAnswer, kSilentDescription, result)
-                          : fail(context, texts.refusedCode, texts.refusedDescription, result);
-    }
+int resultOf(StepEnd end) {
+    if (end == StepEnd::kAcknowledged)
+        return kUartOk;
+    return end == StepEnd::kRefused ? kUartRefused : kUartNoAnswer;
 }
 
-int sendBlocks(UartContext* context, Source& source, Md5* digest, const std::wstring& name) {
+// One step of a download. kUartOk, the result of the failure that ended it, of which onError has
+// been told, or -1 for a stop.
+template <typename Send>
+int runStep(UartContext* context, const DownloadStep& step, Send send) {
+    const StepEnd end = sendUntilAcknowledged(context, step, context->flashRetries, send);
+    if (end == StepEnd::kSilent)
+        return fail(context, kUartNoAnswer, kSilentDescription, kUartNoAnswer);
+    if (end == StepEnd::kRefused)
+        return fail(context, step.refusedCode, step.refusedDescription, kUartRefused);
+    return resultOf(end);
+}
+
+// `digest` may be null; it takes each block once, however often that is sent.
+int sendBlocks(UartContext* context, const Image& image, Md5* digest) {
     while (context->flashSeq < context->flashBlocks) {
         const std::uint32_t red_size =
             std::min(kFlashBlockSize, context->flashTotal - context->flashSent);
-        const std::uint8_t* const block = source.next(red_size);
+        const std::uint8_t* const block = image.next(red_size);
         if (block == nullptr)
-            return failWithFile(context, L"Read file failed!", name);
+            return failWithFile(context, L"Read file failed!", image.name);
         if (digest != nullptr)
             digest->update(block, red_size);
-        const int result = sendUntilAcknowledged(context, kData, [&] {
+        const int result = runStep(context, kData, [&] {
             return send_flash_data(context, block, static_cast<std::uint16_t>(red_size));
         });
         if (result != kUartOk)
@@ -135,7 +134,7 @@ int sendBlocks(UartContext* context, Source& source, Md5* digest, const std::wst
         UART_VERBOSE("SEND DATA COMMAND SUCCESS IN ID: %d, PROGRESS=%d\n",
                      static_cast<int>(context->flashSeq - 1), percent);
         if (context->onProgress != nullptr)
-            context->onProgress(context, name, percent);
+            context->onProgress(context, image.name, percent);
     }
     return kUartOk;
 }
@@ -150,12 +149,14 @@ bool digestsAgree(const Md5Digest& ours, const Md5Digest& theirs) {
     return true;
 }
 
+// When no digest comes, the long reads stay in force until a later one has come: the commands of
+// the next download then wait as long for a silent device.
 int compareDigests(UartContext* context, std::uint32_t address, Md5& digest) {
     setReadConstant(context, kMd5Read);
-    const int result = sendUntilAcknowledged(
-        context, kMd5, [&] { return send_md5(context, address, context->flashTotal); });
+    const int result =
+        runStep(context, kMd5, [&] { return send_md5(context, address, context->flashTotal); });
     if (result != kUartOk)
-        return result;  // and the long reads stay
+        return result;
     UART_VERBOSE("SEND MD5 COMMAND WITH RAM SUCCESS\n");
     setReadConstant(context, kFlashRead);
     if (digestsAgree(digest.finish(), context->md5))
@@ -169,25 +170,25 @@ bool isInWindow(std::uint32_t address) {
 }
 
 // The whole write of one image; `address` lies in the window.
-int download(UartContext* context, Source& source, std::uint32_t address, std::uint8_t endAction,
-             bool md5Check, const std::wstring& name) {
+int download(UartContext* context, const Image& image, std::uint32_t address,
+             std::uint8_t endAction, bool md5Check) {
     const std::uint32_t offset = address - kFlashWindow;
-    if (source.size() == 0)
-        return failWithFile(context, L"Empty file!", name);
-    if (source.size() > kFlashWindowSize - offset)
-        return failWithFile(context, L"File too large!", name);
+    if (image.size == 0)
+        return failWithFile(context, L"Empty file!", image.name);
+    if (image.size > kFlashWindowSize - offset)
+        return failWithFile(context, L"File too large!", image.name);
 
     // A block that was never acknowledged in an earlier download leaves `resend` set: to the device
     // the next block is then a repeat, too.
     context->flashRetries = 0;
-    int result = sendUntilAcknowledged(
-        context, kBegin, [&] { return send_flash_begin(context, offset, source.size()); });
+    int result =
+        runStep(context, kBegin, [&] { return send_flash_begin(context, offset, image.size); });
     if (result != kUartOk)
         return result;
     UART_VERBOSE("SEND BEGIN COMMAND SUCCESS\n");
     context->flashRetries = 0;
     Md5 digest;
-    result = sendBlocks(context, source, md5Check ? &digest : nullptr, name);
+    result = sendBlocks(context, image, md5Check ? &digest : nullptr);
     if (result != kUartOk)
         return result;
     // The digest and the end share one budget.
@@ -195,8 +196,7 @@ int download(UartContext* context, Source& source, std::uint32_t address, std::u
         result = compareDigests(context, address, digest);
     if (result != kUartOk)
         return result;
-    result =
-        sendUntilAcknowledged(context, kEnd, [&] { return send_flash_end(context, endAction); });
+    result = runStep(context, kEnd, [&] { return send_flash_end(context, endAction); });
     if (result != kUartOk)
         return result;
     UART_VERBOSE("SEND END COMMAND SUCCESS\n");
@@ -204,24 +204,14 @@ int download(UartContext* context, Source& source, std::uint32_t address, std::u
     return kUartOk;
 }
 
-// Asks the device for its digest of `size` bytes. Tells nobody but the trace.
-int fetchDigest(UartContext* context, std::uint32_t address, std::uint32_t size) {
-    for (;;) {
-        const int result = send_md5(context, address, size);
-        if (result == kUartOk)
-            return kUartOk;
-        UART_TRACE("%s", result == kUartNoAnswer ? kMd5.silent : kMd5.refused);
-        if (uart_gives_up(context->flashRetries))
-            return result;
-    }
-}
-
-// The check of an image that is open.
+// The check of an image that is open. The long reads stay in force as in compareDigests.
 int checkImage(UartContext* context, UartFile& image, std::uint32_t address) {
     setReadConstant(context, kMd5Read);
-    const int result = fetchDigest(context, address, uart_file_size(image));
-    if (result != kUartOk)
-        return result;  // and the long reads stay
+    const StepEnd end = sendUntilAcknowledged(context, kMd5Alone, context->flashRetries, [&] {
+        return send_md5(context, address, uart_file_size(image));
+    });
+    if (end != StepEnd::kAcknowledged)
+        return resultOf(end);
     setReadConstant(context, kFlashRead);
     const std::uint8_t* const bytes = uart_file_read_all(image);
     Md5 digest;
@@ -231,7 +221,7 @@ int checkImage(UartContext* context, UartFile& image, std::uint32_t address) {
         UART_TRACE("MD5 CHECKSUM ERROR\n");
     // A file that cannot be read agrees with nothing.
     if (bytes == nullptr || !digestsAgree(digest.finish(), context->md5)) {
-        UART_TRACE("MD5 CHECK ERROR");
+        UART_TRACE("MD5 CHECK ERROR");  // with no line end, unlike in a download
         return kUartMd5Mismatch;
     }
     UART_VERBOSE("MD5 CHECK SUCCESS");
@@ -262,30 +252,29 @@ int flash_loader_handshake(UartContext* context) {
 }
 
 int flash_loader_change_baudrate(UartContext* context, std::uint32_t newRate) {
-    for (;;) {
-        const int result = send_change_baudrate(context, newRate, context->baudrate);
-        if (result == kUartOk) {
-            UART_VERBOSE("SEND CHANGE BAUDRATE COMMAND SUCCESS\n");
-            setRate(context, newRate);
-            return kUartOk;
-        }
-        if (result == kUartNoAnswer)
-            UART_TRACE("RECEIVE OVERTIME......\n");
-        if (uart_gives_up(context->flashRetries))
-            return result;
+    const StepEnd end = sendUntilAcknowledged(context, kChangeRate, context->flashRetries, [&] {
+        return send_change_baudrate(context, newRate, context->baudrate);
+    });
+    if (end == StepEnd::kAcknowledged) {
+        UART_VERBOSE("SEND CHANGE BAUDRATE COMMAND SUCCESS\n");
+        // At once: the device uses the new rate from here on.
+        setRate(context, newRate);
     }
+    return resultOf(end);
 }
 
 int flash_loader_download_file(UartContext* context, const char* path, std::uint32_t address,
                                std::uint8_t endAction, bool md5Check) {
     if (!isInWindow(address))
         return kUartNoAnswer;
+    UartFile& file = context->flashImage;
     const std::wstring cur_file = text::widen(path);
-    if (!uart_file_open(context->flashImage, path))
+    if (!uart_file_open(file, path))
         return failWithFile(context, L"Open file failed!", cur_file);
-    Source source(context->flashImage);
-    const int result = download(context, source, address, endAction, md5Check, cur_file);
-    uart_file_close(context->flashImage);
+    const Image image{cur_file, uart_file_size(file),
+                      [&file](std::uint32_t count) { return uart_file_next(file, count); }};
+    const int result = download(context, image, address, endAction, md5Check);
+    uart_file_close(file);
     return result;
 }
 
@@ -294,8 +283,10 @@ int flash_loader_download_buffer(UartContext* context, const std::uint8_t* data,
                                  const std::wstring& name) {
     if (!isInWindow(address))
         return kUartNoAnswer;
-    Source source(data, size);
-    return download(context, source, address, endAction, md5Check, name);
+    const Image image{name, size, [next = data](std::uint32_t count) mutable {
+                          return std::exchange(next, next + count);
+                      }};
+    return download(context, image, address, endAction, md5Check);
 }
 
 int flash_loader_md5_check(UartContext* context, const char* path, std::uint32_t address) {

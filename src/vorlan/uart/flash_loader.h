@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 constexpr std::uint32_t kFlashWindow = 0x80000000;
 constexpr std::uint32_t kFlashWindowSize = 0x800000;
@@ -17,7 +17,7 @@ constexpr std::uint32_t kFlashWindowSize = 0x800000;
 // in force. kUartOk, or -1 after seven rounds or on a stop.
 int flash_loader_handshake(UartContext* context);
 
-// Goes over to another rate. kUartOk or the last failure's result. Does not heed a stop.
+// Goes over to another rate, in bit/s. kUartOk or the last failure's result. Does not heed a stop.
 int flash_loader_change_baudrate(UartContext* context, std::uint32_t newRate);
 
 // Writes a file, or `size` bytes of memory, to `address`, and with `md5Check` has the device's

@@ -3,40 +3,27 @@
 #include <algorithm>
 
 #include "utils/text.h"
+#include "vorlan/uart/loaderstep.h"
 #include "vorlan/uart/uarttrace.h"
 
 namespace {
 
-// What the trace says of a step's failures.
-struct StepTexts {
-    const char* silent;
-    const char* refused;
-};
+// Silence ends each step, and with it the attempt. A stop lets a block that has gone out once be
+// brought to its end.
+constexpr LoaderStep kConnect{"CONNECT OVERTIME......\n", "SYNC FORMAT ERROR, CONNECT AGAIN\n",
+                              OnSilence::kGiveUp, OnStop::kGiveUp};
+constexpr LoaderStep kBegin{"RECEIVE OVERTIME......\n", "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n",
+                            OnSilence::kGiveUp, OnStop::kGiveUp};
+constexpr LoaderStep kData{"RECEIVE OVERTIME......\n", "DATA COMMAND FORMAT ERROR, SEND AGAIN\n",
+                           OnSilence::kGiveUp, OnStop::kGoOn};
+constexpr LoaderStep kEnd{"RECEIVE OVERTIME......\n", "END COMMAND FORMAT ERROR, SEND AGAIN\n",
+                          OnSilence::kGiveUp, OnStop::kGiveUp};
 
-constexpr StepTexts kConnect{"CONNECT OVERTIME......\n", "SYNC FORMAT ERROR, CONNECT AGAIN\n"};
-constexpr StepTexts kBegin{"RECEIVE OVERTIME......\n", "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n"};
-constexpr StepTexts kData{"RECEIVE OVERTIME......\n", "DATA COMMAND FORMAT ERROR, SEND AGAIN\n"};
-constexpr StepTexts kEnd{"RECEIVE OVERTIME......\n", "END COMMAND FORMAT ERROR, SEND AGAIN\n"};
-
-// Sends until the answer is an acknowledgement. False when the step has failed. `stops` tells
-// before each send whether the operator wants the end.
-template <typename Send, typename Stops>
-bool sendUntilAcknowledged(UartContext* context, const StepTexts& texts, Send send, Stops stops) {
-    while (!stops()) {
-        const int result = send();
-        if (result == kUartOk)
-            return true;
-        UART_TRACE("%s", result == kUartNoAnswer ? texts.silent : texts.refused);
-        if (result == kUartNoAnswer || uart_gives_up(context->ramRetries))
-            return false;
-    }
-    return false;
-}
-
+// Whether the device has acknowledged the step.
 template <typename Send>
-bool sendCommandUntilAcknowledged(UartContext* context, const StepTexts& texts, Send send) {
-    return sendUntilAcknowledged(context, texts, send,
-                                 [&] { return uart_context_stopped(context); });
+bool runStep(UartContext* context, const LoaderStep& step, Send send) {
+    return sendUntilAcknowledged(context, step, context->ramRetries, send) ==
+           StepEnd::kAcknowledged;
 }
 
 bool sendBlocks(UartContext* context) {
@@ -44,18 +31,15 @@ bool sendBlocks(UartContext* context) {
     while (context->ramSeq < context->ramBlocks) {
         if (uart_context_stopped(context))
             return false;
-        const std::uint32_t wanted = std::min(kRamBlockSize, context->ramTotal - context->ramSent);
-        std::uint32_t count = wanted;
-        const std::uint8_t* const block = uart_file_read(context->ramImage, count);
-        if (count != wanted) {
+        const std::uint32_t count = std::min(kRamBlockSize, context->ramTotal - context->ramSent);
+        const std::uint8_t* const block = uart_file_next(context->ramImage, count);
+        if (block == nullptr) {
             UART_TRACE("cannot read %s\n", kFlashProxyPath);
             return false;
         }
-        const auto send = [&] {
-            return send_ram_data(context, block, static_cast<std::uint16_t>(count));
-        };
-        // A block that has gone out once is brought to its end.
-        if (!sendUntilAcknowledged(context, kData, send, [] { return false; }))
+        if (!runStep(context, kData, [&] {
+                return send_ram_data(context, block, static_cast<std::uint16_t>(count));
+            }))
             return false;
         UART_VERBOSE("SEND DATA COMMAND SUCCESS IN ID: %d\n", static_cast<int>(context->ramSeq));
         if (context->onProgress != nullptr)
@@ -65,22 +49,21 @@ bool sendBlocks(UartContext* context) {
     return true;
 }
 
-// The attempt, with the image open. It begins with the failures that an earlier one has counted
-// when the line fell silent.
+// The attempt, with the image open. The count of failures is not cleared first, on purpose: what an
+// attempt that ended in silence has counted, the next one's SYNC finds used up.
 bool download(UartContext* context) {
-    if (!sendCommandUntilAcknowledged(context, kConnect, [&] { return send_sync(context); }))
+    if (!runStep(context, kConnect, [&] { return send_sync(context); }))
         return false;
     UART_VERBOSE("CONNECT WITH ROM SUCCESS\n");
     context->ramRetries = 0;
     const std::uint32_t size = uart_file_size(context->ramImage);
-    if (!sendCommandUntilAcknowledged(context, kBegin,
-                                      [&] { return send_ram_begin(context, 0, size); }))
+    if (!runStep(context, kBegin, [&] { return send_ram_begin(context, 0, size); }))
         return false;
     UART_VERBOSE("SEND BEGIN COMMAND SUCCESS\n");
     context->ramRetries = 0;
     if (!sendBlocks(context))
         return false;
-    if (!sendCommandUntilAcknowledged(context, kEnd, [&] { return send_ram_end(context, 0, 0); }))
+    if (!runStep(context, kEnd, [&] { return send_ram_end(context, 0, 0); }))
         return false;
     UART_VERBOSE("SEND END COMMAND SUCCESS\n");
     context->ramRetries = 0;

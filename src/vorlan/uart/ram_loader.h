@@ -2,7 +2,7 @@
 // download the flash proxy, which the ROM then runs from RAM. Attempts are repeated by the caller.
 #pragma once
 
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 // Relative to the current directory; it lies beside the program.
 constexpr const char* kFlashProxyPath = "ramloader/flash_proxy.img";

@@ -32,11 +32,15 @@ const std::uint8_t* uart_file_read(UartFile& file, std::uint32_t& count) {
     return file.buffer.data();
 }
 
+const std::uint8_t* uart_file_next(UartFile& file, std::uint32_t count) {
+    std::uint32_t got = count;
+    const std::uint8_t* const bytes = uart_file_read(file, got);
+    return got == count ? bytes : nullptr;
+}
+
 const std::uint8_t* uart_file_read_all(UartFile& file) {
     std::rewind(file.stream.get());
-    std::uint32_t count = file.size;
-    const std::uint8_t* const bytes = uart_file_read(file, count);
-    return count == file.size ? bytes : nullptr;
+    return uart_file_next(file, file.size);
 }
 
 void uart_file_close(UartFile& file) {

@@ -25,6 +25,9 @@ std::uint32_t uart_file_size(const UartFile& file);
 // bytes stay until the next read. A smaller `count` is the end of the file or a failure.
 const std::uint8_t* uart_file_read(UartFile& file, std::uint32_t& count);
 
+// Reads the next `count` bytes; null if the file does not give as many.
+const std::uint8_t* uart_file_next(UartFile& file, std::uint32_t count);
+
 // Reads the whole file from its start; null if it does not give all of its size.
 const std::uint8_t* uart_file_read_all(UartFile& file);
 

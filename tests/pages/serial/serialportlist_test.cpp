@@ -13,7 +13,7 @@
 #include "simulator/serial/virtualserialports.h"
 #include "support/pseudoterminal.h"
 #include "utils/text.h"
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uartcontext.h"
 
 namespace {
 

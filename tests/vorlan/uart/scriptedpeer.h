@@ -15,7 +15,7 @@
 
 #include "platform/serialdevice.h"
 #include "support/pseudoterminal.h"
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 // A request as it stood on the wire, and the port's state at that moment.
 struct SeenRequest {

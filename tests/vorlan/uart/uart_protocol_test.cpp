@@ -1,4 +1,4 @@
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,11 @@
-#include "vorlan/uart/header_configure.h"
+#include "vorlan/uart/uart_protocol.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstring>
 
-#include "platform/serialports.h"
 #include "utils/littleendian.h"
-#include "utils/text.h"
 #include "vorlan/uart/uarttrace.h"
 
 namespace {
@@ -14,7 +13,6 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kBlockHeaderSize = 16;
 constexpr std::uint32_t kResendMarker = 0x55555555;
-constexpr std::uint8_t kMostFailures = 6;  // of one step, before the one that ends it
 
 // Offsets in a packet; DATA0 on stand in answers only.
 constexpr std::size_t kDir = 0;
@@ -71,24 +69,6 @@ int sendCommand(UartContext* context, UartCommand command,
 }
 
 }  // namespace
-
-std::unique_ptr<UartContext> uart_context_create() {
-    return std::make_unique<UartContext>();
-}
-
-void uart_context_destroy(std::unique_ptr<UartContext> context) {
-    context.reset();
-}
-
-void uart_context_open_port(UartContext* context, std::wstring_view portName) {
-    context->baudrate = kRomBaudrate;
-    context->port = serial_open(platform::serialPorts().pathOf(text::narrow(portName)),
-                                context->baudrate, context->stopBits, context->parity);
-}
-
-bool uart_context_stopped(const UartContext* context) {
-    return context == nullptr || context->stop;
-}
 
 std::uint8_t xor_checksum(const std::uint8_t* block, std::size_t length) {
     if (block == nullptr || length == 0)
@@ -209,14 +189,4 @@ int send_md5(UartContext* context, std::uint32_t address, std::uint32_t length) 
     // The digest is taken even from an answer that is then refused.
     std::copy_n(answer + kDigest, kMd5Size, context->md5.begin());
     return check_response(context, answer, UART_MD5);
-}
-
-bool uart_gives_up(std::uint8_t& retries) {
-    const bool last = retries >= kMostFailures;
-    retries = last ? std::uint8_t{0} : static_cast<std::uint8_t>(retries + 1);
-    return last;
-}
-
-int uart_percent(std::uint32_t acknowledged, std::uint32_t blocks) {
-    return static_cast<int>(static_cast<float>(acknowledged) / static_cast<float>(blocks) * 100.0F);
 }

@@ -1,0 +1,80 @@
+// The context of one port's burn: the port, the buffers, the state of the two downloads and the
+// callbacks of whoever serves the port. Everything of the serial engine works on it.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "vorlan/uart/serialport.h"
+#include "vorlan/uart/slipcodec.h"
+#include "vorlan/uart/uartfile.h"
+
+constexpr std::uint32_t kRomBaudrate = 115200;  // bit/s; the rate of the ROM loader
+constexpr int kRxBufferSize = 64;               // bytes that a read asks for
+constexpr std::size_t kMd5Size = 16;            // bytes
+
+using Md5Digest = std::array<std::uint8_t, kMd5Size>;
+
+// It belongs to the thread that serves the port; only `stop` is touched by others.
+struct UartContext {
+    std::uint32_t baudrate = kRomBaudrate;  // bit/s, in force on the port
+    std::uint32_t stopBits = 0;             // this and the parity as platform::SerialLine has them
+    std::uint32_t parity = 0;
+    std::array<std::uint8_t, kRxBufferSize + 1> rxBuffer{};  // last read, and a zero behind it
+    std::array<std::uint8_t, 10240> txBuffer{};              // request under construction
+
+    // The download to the ROM loader: bytes and blocks of the image, its load address, the bytes
+    // that are acknowledged, the number of the next block and the failures of the step under way.
+    std::uint32_t ramTotal = 0;
+    std::uint32_t ramBlocks = 0;
+    std::uint32_t ramAddr = 0;
+    std::uint32_t ramSent = 0;
+    std::uint32_t ramSeq = 0;
+    std::uint8_t ramRetries = 0;
+
+    // The same for the one to the flash proxy; the address is an offset in the flash.
+    std::uint32_t flashTotal = 0;
+    std::uint32_t flashBlocks = 0;
+    std::uint32_t flashAddr = 0;
+    std::uint32_t flashSent = 0;
+    std::uint32_t flashSeq = 0;
+    std::uint8_t flashRetries = 0;
+
+    Md5Digest md5{};                        // from the last answer to UART_MD5
+    bool resend = false;                    // the last UART_FLASH_DATA was not acknowledged
+    SerialPort port;                        // null if it could not be opened
+    const std::uint8_t* rxFrame = nullptr;  // last decoded frame, in the codec's buffer
+
+    UartFile ramImage;
+    UartFile flashImage;
+
+    // The operator's stop: asks every loop of the stages to give up at its next test. An exchange
+    // under way is not cut short.
+    std::atomic<bool> stop{false};
+    void* user = nullptr;  // for the callbacks; nobody here looks behind it
+
+    // Called on the serving thread; each may be null. `name` is that of the image, `percent` of its
+    // blocks are acknowledged.
+    void (*onProgress)(UartContext* context, const std::wstring& name, int percent) = nullptr;
+    void (*onFinish)(UartContext* context) = nullptr;  // for the owner: no stage calls it
+    void (*onError)(UartContext* context, int code, const std::wstring& description) = nullptr;
+
+    SlipCodec slip;
+};
+
+std::unique_ptr<UartContext> uart_context_create();
+
+// Closes the port and the file slots. Null is ignored.
+void uart_context_destroy(std::unique_ptr<UartContext> context);
+
+// Opens the port of that short name at the ROM loader's rate. A port that cannot be opened shows in
+// the first exchange.
+void uart_context_open_port(UartContext* context, std::wstring_view portName);
+
+// Whether the operator has asked to stop; true for no context.
+bool uart_context_stopped(const UartContext* context);
