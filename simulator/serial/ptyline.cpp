@@ -12,9 +12,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <system_error>
 #include <utility>
+
+#include "simulator/serial/freshpty.h"
 
 namespace simulator {
 namespace {
@@ -33,14 +34,6 @@ void closeFile(int& file) {
     file = -1;
 }
 
-std::string slavePath(int master) {
-    std::array<char, 64> path{};
-    const int error = ptsname_r(master, path.data(), path.size());
-    if (error != 0)
-        throw std::system_error(error, std::generic_category(), "ptsname_r");
-    return path.data();
-}
-
 termios2 settings(int line) {
     termios2 result{};
     ioctl(line, TCGETS2, &result);  // of the slave, asked at the master
@@ -51,10 +44,9 @@ termios2 settings(int line) {
 
 PtyLine::PtyLine(std::filesystem::path link) : link_(std::move(link)) {
     try {
-        master_ = checked(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), "posix_openpt");
-        checked(grantpt(master_), "grantpt");
-        checked(unlockpt(master_), "unlockpt");
-        const std::string slave = slavePath(master_);
+        const FreshPty pty = openFreshPty(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+        master_ = pty.master;
+        const std::string& slave = pty.slavePath;
         slave_ = checked(::open(slave.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), "open");
         wake_ = checked(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd");
         watch_ = checked(inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify_init1");

@@ -5,10 +5,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "support/pseudoterminal.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 #include "vorlan/uart/flash_loader.h"
@@ -27,6 +33,8 @@ class SerialDevice : public testing::Test {
         device_->plugIn();
         return *device_;
     }
+
+    void stop() { device_.reset(); }
 
     // A host that has just opened the port.
     std::unique_ptr<UartContext> open() {
@@ -47,6 +55,21 @@ TEST_F(SerialDevice, HearsEachHostThatFollowsAnother) {
         ASSERT_EQ(flash_loader_handshake(open().get()), kUartOk) << "host " << i;
     EXPECT_EQ(device.count(SerialFaultPoint::ProxySync), 100U);
     EXPECT_THAT(device.errors(), IsEmpty());
+}
+
+// A port that has just been closed leaves its lock file standing for a moment in which the number
+// of its pty is free already.
+TEST_F(SerialDevice, ComesUpOnAPtyThatNobodyHasLocked) {
+    const std::filesystem::path before =
+        std::filesystem::canonical(start({.start = SerialStart::Proxy}).portPath());
+    const std::string lock = "/run/lock/LCK..pts_" + before.filename().string();
+    stop();
+    std::ofstream(lock) << ::getpid() << '\n';
+    start({.start = SerialStart::Proxy});
+    EXPECT_EQ(flash_loader_handshake(open().get()), kUartOk);
+    PseudoTerminal terminal;
+    EXPECT_NE(serial_open(terminal.portPath(), kRomBaudrate, 0, 0), nullptr);
+    std::filesystem::remove(lock);
 }
 
 TEST_F(SerialDevice, KeepsThePaceOfItsRate) {

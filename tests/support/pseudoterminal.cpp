@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
+#include <utility>
+
+#include "simulator/serial/freshpty.h"
 
 namespace {
 
@@ -22,12 +24,10 @@ termios2 settingsOf(int master) {
 
 }  // namespace
 
-PseudoTerminal::PseudoTerminal()
-    : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)), slave_(-1) {
-    std::array<char, 64> path{};
-    if (::grantpt(master_) == 0 && ::unlockpt(master_) == 0 &&
-        ::ptsname_r(master_, path.data(), path.size()) == 0)
-        path_ = path.data();
+PseudoTerminal::PseudoTerminal() {
+    simulator::FreshPty pty = simulator::openFreshPty(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    master_ = pty.master;
+    path_ = std::move(pty.slavePath);
     slave_ = ::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     EXPECT_GE(slave_, 0);
 }

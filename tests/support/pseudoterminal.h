@@ -34,7 +34,7 @@ class PseudoTerminal {
     void unplug();
 
   private:
-    int master_;
-    int slave_;  // keeps the line up between two owners of the port
+    int master_ = -1;
+    int slave_ = -1;  // keeps the line up between two owners of the port
     std::string path_;
 };
