@@ -1,57 +1,19 @@
 #include "vorlan/uart/flash_loader.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <string>
-#include <vector>
 
-#include "scriptedpeer.h"
-#include "support/temporarydirectory.h"
+#include "loaderfixture.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-struct ToldError {
-    int code;
-    std::wstring description;
-    bool operator==(const ToldError&) const = default;
-};
-
-class FlashLoaderTest : public testing::Test {
+class FlashLoaderTest : public LoaderFixture {
   protected:
-    FlashLoaderTest() {
-        directory_.enter();
-        context_->user = this;
-        context_->onProgress = [](UartContext* context, const std::wstring& name, int percent) {
-            auto& test = *static_cast<FlashLoaderTest*>(context->user);
-            test.percents.push_back(percent);
-            test.progressName = name;
-        };
-        context_->onError = [](UartContext* context, int code, const std::wstring& description) {
-            static_cast<FlashLoaderTest*>(context->user)->errors.push_back({code, description});
-        };
+    FlashLoaderTest() : LoaderFixture("image.bin") {
         // As the handshake leaves it.
         serial_set_timeouts(context_->port, context_->baudrate, 1000);
         giveImage(9000);
-    }
-
-    void giveImage(std::size_t size) {
-        image_.resize(size);
-        for (std::size_t i = 0; i < size; ++i)
-            image_[i] = static_cast<char>(i * 11 + i / 256);
-        writeContent("image.bin", image_);
-    }
-
-    template <typename Step>
-    int run(Step step) {
-        errors.clear();
-        testing::internal::CaptureStderr();
-        const int result = step();
-        trace_ = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(context_->flashImage.stream, nullptr);
-        return result;
     }
 
     int download(std::uint32_t address = 0x80010000, bool md5Check = true) {
@@ -72,70 +34,29 @@ class FlashLoaderTest : public testing::Test {
         return run([&] { return flash_loader_md5_check(context_.get(), "image.bin", 0x1000); });
     }
 
-    int told(const std::string& text) const {
-        int count = 0;
-        for (std::size_t at = trace_.find(text); at != std::string::npos;
-             at = trace_.find(text, at + 1))
-            ++count;
-        return count;
+    // An answer to UART_MD5 with another digest than the image's.
+    std::string answerWith(const std::string& digest) const {
+        return peer_.acknowledgement(UART_MD5).replace(11, 16, digest);
     }
-
-    // A well-formed answer to UART_MD5 with a digest that is not the image's.
-    std::string wrongDigest() const {
-        std::string answer = peer_.acknowledgement(UART_MD5);
-        answer.replace(11, 16, "0123456789abcdef");
-        return answer;
-    }
-
-    void stopAt(UartCommand command) {
-        peer_.onRequest = [this, command](const SeenRequest& request) {
-            if (request.command == command)
-                context_->stop = true;
-        };
-    }
-
-    // What the callbacks of the context have told.
-    std::vector<ToldError> errors;
-    std::vector<int> percents;
-    std::wstring progressName;
-
-    TemporaryDirectory directory_;
-    std::string image_;
-    std::string trace_;
-    std::unique_ptr<UartContext> context_ = uart_context_create();
-    ScriptedPeer peer_{*context_};
+    const std::string wrongDigest_ = answerWith("0123456789abcdef");
 };
 
-// A step's failures, in the trace and as the operator is told of them, and what is returned.
-struct Row {
-    UartCommand command;
-    bool silent;
-    const char* trace;
-    ToldError error;
-    int result;
-};
-
-const Row kRows[] = {
-    {UART_FLASH_BEGIN, true, "RECEIVE OVERTIME......\n", {-1, L"RECEIVE OVERTIME......"}, -1},
-    {UART_FLASH_BEGIN,
-     false,
-     "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n",
-     {-2, L"BEGIN COMMAND FORMAT ERROR"},
-     -2},
-    {UART_FLASH_DATA, true, "RECEIVE OVERTIME......\n", {-1, L"RECEIVE OVERTIME......"}, -1},
-    {UART_FLASH_DATA,
-     false,
-     "DATA COMMAND FORMAT ERROR, SEND AGAIN\n",
-     {-2, L"DATA COMMAND FORMAT ERROR"},
-     -2},
-    {UART_MD5, true, "CONNECT OVERTIME......\n", {-1, L"RECEIVE OVERTIME......"}, -1},
-    {UART_MD5, false, "MD5 FORMAT ERROR, CONNECT AGAIN\n", {-1, L"MD5 FORMAT ERROR"}, -2},
-    {UART_FLASH_END, true, "RECEIVE OVERTIME......\n", {-1, L"RECEIVE OVERTIME......"}, -1},
-    {UART_FLASH_END,
-     false,
-     "END COMMAND FORMAT ERROR, SEND AGAIN\n",
-     {-2, L"END COMMAND FORMAT ERROR"},
-     -2}};
+const Step kSteps[] = {{UART_FLASH_BEGIN,
+                        "RECEIVE OVERTIME......\n",
+                        "BEGIN COMMAND FORMAT ERROR, SEND AGAIN\n",
+                        {-2, L"BEGIN COMMAND FORMAT ERROR"}},
+                       {UART_FLASH_DATA,
+                        "RECEIVE OVERTIME......\n",
+                        "DATA COMMAND FORMAT ERROR, SEND AGAIN\n",
+                        {-2, L"DATA COMMAND FORMAT ERROR"}},
+                       {UART_MD5,
+                        "CONNECT OVERTIME......\n",
+                        "MD5 FORMAT ERROR, CONNECT AGAIN\n",
+                        {-1, L"MD5 FORMAT ERROR"}},
+                       {UART_FLASH_END,
+                        "RECEIVE OVERTIME......\n",
+                        "END COMMAND FORMAT ERROR, SEND AGAIN\n",
+                        {-2, L"END COMMAND FORMAT ERROR"}}};
 
 }  // namespace
 
@@ -159,17 +80,6 @@ TEST_F(FlashLoaderTest, WritesAFileAndComparesItsDigest) {
     EXPECT_EQ(peer_.commands(), "2 3 3 3 19 4 2 3 3 3 4");
 }
 
-TEST_F(FlashLoaderTest, WritesMemoryAsItIs) {
-    const std::string number = "SN0123456789";
-    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(number.data());
-    EXPECT_EQ(flash_loader_download_buffer(context_.get(), bytes, 12, 0x80000000, 2, true, L"SN=x"),
-              kUartOk);
-    EXPECT_EQ(peer_.commands(), "2 3 19 4");
-    EXPECT_EQ(peer_.image(), number);
-    EXPECT_EQ(percents, (std::vector<int>{100}));
-    EXPECT_EQ(progressName, L"SN=x");
-}
-
 TEST_F(FlashLoaderTest, BlocksEndWhereTheImageEnds) {
     for (const auto& [size, lastBlock] : {std::pair{4096U, 4096U}, {4097U, 1U}}) {
         giveImage(size);
@@ -177,55 +87,66 @@ TEST_F(FlashLoaderTest, BlocksEndWhereTheImageEnds) {
         EXPECT_EQ(peer_.image(), image_);
         EXPECT_EQ(peer_.requests(UART_FLASH_DATA).back().word(0), lastBlock);
     }
+    // The same from memory.
+    EXPECT_EQ(run([&] {
+                  return flash_loader_download_buffer(
+                      context_.get(), reinterpret_cast<const std::uint8_t*>(image_.data()), 4097,
+                      0x80000000, 2, true, L"SN=x");
+              }),
+              kUartOk);
+    EXPECT_EQ(peer_.image(), image_);
+    EXPECT_EQ(percents, (std::vector<int>{50, 100}));
+    EXPECT_EQ(progressName, L"SN=x");
 }
 
 TEST_F(FlashLoaderTest, SixFailuresOfAStepAreBornAndSevenEndTheDownload) {
-    for (const Row& row : kRows) {
-        const std::string answer = row.silent ? "" : peer_.refusal(row.command);
-        peer_.answer(row.command, answer, 6);
-        EXPECT_EQ(download(), kUartOk);
-        EXPECT_EQ(told(row.trace), 6) << trace_;
-        EXPECT_EQ(peer_.image(), image_);
-        EXPECT_TRUE(errors.empty());
-        EXPECT_EQ(context_->flashRetries, 0);
+    for (const Step& step : kSteps) {
+        for (const bool silent : {true, false}) {
+            const std::string answer = silent ? "" : peer_.refusal(step.command);
+            const char* const line = silent ? step.silent : step.refused;
+            peer_.answer(step.command, answer, 6);
+            EXPECT_EQ(download(), kUartOk);
+            EXPECT_EQ(told(line), 6U) << trace_;
+            EXPECT_EQ(peer_.image(), image_);
+            EXPECT_TRUE(errors.empty());
+            EXPECT_EQ(context_->flashRetries, 0);
 
-        peer_.answer(row.command, answer, 7);
-        EXPECT_EQ(download(), row.result) << row.trace;
-        EXPECT_EQ(told(row.trace), 7) << trace_;
-        EXPECT_EQ(errors, std::vector<ToldError>{row.error}) << row.trace;
-        EXPECT_EQ(peer_.requests().back().command, row.command);
-        // Reads are left long by a digest that never came, until the next one has.
-        const auto next = peer_.requests().size();
-        EXPECT_EQ(download(), kUartOk);
-        EXPECT_EQ(peer_.requests()[next].silentRead, row.command == UART_MD5 ? 10640ms : 1640ms);
-        EXPECT_EQ(peer_.requests().back().silentRead, 1640ms);
+            peer_.answer(step.command, answer, 7);
+            EXPECT_EQ(download(), silent ? -1 : -2) << line;
+            EXPECT_EQ(told(line), 7U) << trace_;
+            const ToldError error = silent ? ToldError{-1, L"RECEIVE OVERTIME......"} : step.error;
+            EXPECT_EQ(errors, std::vector<ToldError>{error}) << line;
+            EXPECT_EQ(peer_.requests().back().command, step.command);
+            // Reads are left long by a digest that never came, until the next one has.
+            const auto next = peer_.requests().size();
+            EXPECT_EQ(download(), kUartOk);
+            EXPECT_EQ(peer_.requests()[next].silentRead,
+                      step.command == UART_MD5 ? 10640ms : 1640ms);
+            EXPECT_EQ(peer_.requests().back().silentRead, 1640ms);
+        }
     }
 }
 
-TEST_F(FlashLoaderTest, TheBeginAndEachBlockHaveABudgetOfTheirOwn) {
+TEST_F(FlashLoaderTest, EachBlockHasABudgetOfItsOwnAndDigestAndEndShareOne) {
     peer_.refuse(UART_FLASH_BEGIN, 6);
-    const std::string good = peer_.acknowledgement(UART_FLASH_DATA);
     peer_.keepSilent(UART_FLASH_DATA, 6);
-    peer_.answer(UART_FLASH_DATA, good);
+    peer_.answer(UART_FLASH_DATA, peer_.acknowledgement(UART_FLASH_DATA));
     peer_.refuse(UART_FLASH_DATA, 3);
     peer_.keepSilent(UART_FLASH_DATA, 3);
     EXPECT_EQ(download(0x80000000, false), kUartOk);
     EXPECT_EQ(peer_.requests(UART_FLASH_DATA).size(), 15U);
-}
 
-TEST_F(FlashLoaderTest, DigestAndEndShareOneBudget) {
     peer_.refuse(UART_MD5, 4);
     peer_.refuse(UART_FLASH_END, 3);
     EXPECT_EQ(download(), -2);
     EXPECT_EQ(errors, (std::vector<ToldError>{{-2, L"END COMMAND FORMAT ERROR"}}));
-    EXPECT_EQ(peer_.requests(UART_FLASH_END).size(), 3U);
 }
 
 TEST_F(FlashLoaderTest, AWrongDigestEndsTheDownloadBeforeItsEnd) {
-    peer_.answer(UART_MD5, wrongDigest());
+    peer_.answer(UART_MD5, wrongDigest_);
     EXPECT_EQ(download(), -5);
     EXPECT_EQ(errors, (std::vector<ToldError>{{-5, L"MD5 CHECK ERROR"}}));
-    EXPECT_EQ(told("MD5 CHECK ERROR\n"), 1) << trace_;
+    EXPECT_EQ(told("MD5 CHECK ERROR\n"), 1U) << trace_;
     EXPECT_EQ(peer_.commands(), "2 3 3 3 19");
     EXPECT_EQ(download(), kUartOk);
     EXPECT_EQ(peer_.requests().back().silentRead, 1640ms);
@@ -292,11 +213,10 @@ TEST_F(FlashLoaderTest, AnImageThatIsCutShortDuringTheDownloadFails) {
 
     // No digest passes for that of a file that cannot be read.
     giveImage(9000);
-    std::string answer = peer_.acknowledgement(UART_MD5);
-    peer_.answer(UART_MD5, answer.replace(11, 16, std::string(16, '\0')));
+    peer_.answer(UART_MD5, answerWith(std::string(16, '\0')));
     peer_.onRequest = [](const SeenRequest&) { std::filesystem::resize_file("image.bin", 1); };
     EXPECT_EQ(check(), -5);
-    EXPECT_EQ(told("MD5 CHECKSUM ERROR\n"), 1) << trace_;
+    EXPECT_EQ(told("MD5 CHECKSUM ERROR\n"), 1U) << trace_;
 }
 
 TEST_F(FlashLoaderTest, FindsTheProxyAtEachRate) {
@@ -330,14 +250,22 @@ TEST_F(FlashLoaderTest, ASecondRoundLeavesLessForTheRateChange) {
     EXPECT_EQ(download(), kUartOk);
 }
 
-TEST_F(FlashLoaderTest, TheHandshakeGivesUpAfterSevenRounds) {
+TEST_F(FlashLoaderTest, TheHandshakeGivesUpAfterSevenRoundsOrOnAStop) {
     peer_.sleepFor(28);
     EXPECT_EQ(handshake(), -1);
     EXPECT_EQ(peer_.requests().size(), 28U);
-    EXPECT_EQ(told("HANDSHAKE ERROR\n"), 1);
-    EXPECT_EQ(context_->flashRetries, 0);
+    EXPECT_EQ(told("HANDSHAKE ERROR\n"), 1U);
     EXPECT_EQ(send_sync(context_.get()), kUartOk);
     EXPECT_EQ(peer_.requests().back().silentRead, 1640ms);
+
+    // A stop ends it sooner, and without a word.
+    peer_.sleepFor(100);
+    peer_.onRequest = [this](const SeenRequest&) {
+        context_->stop = peer_.requests().size() == 35;
+    };
+    EXPECT_EQ(handshake(), -1);
+    EXPECT_EQ(peer_.requests().size(), 35U);
+    EXPECT_EQ(told("HANDSHAKE ERROR"), 0U);
 }
 
 TEST_F(FlashLoaderTest, NoiseAtAWrongRateCostsARound) {
@@ -353,20 +281,12 @@ TEST_F(FlashLoaderTest, NoiseAtAWrongRateCostsARound) {
     EXPECT_EQ(context_->flashRetries, 1);
 }
 
-TEST_F(FlashLoaderTest, TheHandshakeHeedsAStop) {
-    peer_.sleepFor(100);
-    peer_.onRequest = [this](const SeenRequest&) { context_->stop = peer_.requests().size() == 6; };
-    EXPECT_EQ(handshake(), -1);
-    EXPECT_EQ(peer_.requests().size(), 6U);
-    EXPECT_EQ(told("HANDSHAKE ERROR"), 0);
-}
-
 TEST_F(FlashLoaderTest, ChangesTheRateBehindTheAcknowledgement) {
     context_->stop = true;  // which this step does not heed
     peer_.keepSilent(UART_CHANGE_BAUDRATE, 3);
     peer_.refuse(UART_CHANGE_BAUDRATE, 3);
     EXPECT_EQ(changeRate(), kUartOk);
-    EXPECT_EQ(told("RECEIVE OVERTIME......\n"), 3) << trace_;
+    EXPECT_EQ(told("RECEIVE OVERTIME......\n"), 3U) << trace_;
     for (const SeenRequest& request : peer_.requests()) {
         EXPECT_EQ(request.rate, 115200U);
         EXPECT_EQ(request.word(0), 3000000U);
@@ -384,23 +304,22 @@ TEST_F(FlashLoaderTest, ChangesTheRateBehindTheAcknowledgement) {
 
 TEST_F(FlashLoaderTest, ChecksAFileWithoutWriting) {
     context_->stop = true;  // which this step does not heed
-    const std::string other = wrongDigest();
-    peer_.answer(UART_MD5, other);
+    peer_.answer(UART_MD5, wrongDigest_);
     EXPECT_EQ(check(), -5);
-    EXPECT_EQ(told("MD5 CHECK ERROR"), 1) << trace_;
+    EXPECT_EQ(told("MD5 CHECK ERROR"), 1U) << trace_;
     EXPECT_EQ(peer_.requests().back().word(0), 0x1000U);
     EXPECT_EQ(peer_.requests().back().word(1), 9000U);
     EXPECT_EQ(peer_.requests().back().silentRead, 10640ms);
 
     writeContent("image.bin", "abc");
-    std::string digest = peer_.acknowledgement(UART_MD5);
-    digest.replace(11, 16, "\x90\x01\x50\x98\x3C\xD2\x4F\xB0\xD6\x96\x3F\x7D\x28\xE1\x7F\x72");
+    const std::string digest =
+        answerWith("\x90\x01\x50\x98\x3C\xD2\x4F\xB0\xD6\x96\x3F\x7D\x28\xE1\x7F\x72");
     peer_.refuse(UART_MD5, 5);
     peer_.keepSilent(UART_MD5, 1);
     peer_.answer(UART_MD5, digest);
     EXPECT_EQ(check(), kUartOk);
-    EXPECT_EQ(told("MD5 FORMAT ERROR, CONNECT AGAIN\n"), 5) << trace_;
-    EXPECT_EQ(told("CONNECT OVERTIME......\n"), 1) << trace_;
+    EXPECT_EQ(told("MD5 FORMAT ERROR, CONNECT AGAIN\n"), 5U) << trace_;
+    EXPECT_EQ(told("CONNECT OVERTIME......\n"), 1U) << trace_;
 
     // What was used up stays used up.
     peer_.refuse(UART_MD5, 1);

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "support/pseudoterminal.h"
 
@@ -26,40 +28,34 @@ class SerialPortTest : public testing::Test {
 }  // namespace
 
 TEST_F(SerialPortTest, ReadsLastAsLongAsThePhaseAllows) {
-    const SerialPort port = serial_open(terminal_.portPath(), 115200, 0, 0);
+    // On a slow line a share for each wanted byte would make 21 s more.
+    const SerialPort port = serial_open(terminal_.portPath(), 300, 0, 0);
     ASSERT_NE(port, nullptr);
-    EXPECT_EQ(terminal_.rate(), 115200U);
+    EXPECT_EQ(terminal_.rate(), 300U);
     buffer_[0] = 'x';
     auto [count, time] = timedRead(port);
     EXPECT_EQ(count, 0);
     EXPECT_EQ(buffer_[0], 0);
     EXPECT_GE(time, 1000ms);
-    EXPECT_LT(time, 1640ms);
+    EXPECT_LT(time, 20s);
 
-    // From now on each wanted byte adds 10 ms.
-    EXPECT_EQ(serial_set_timeouts(port, 115200, 100), 1);
+    // From now on each wanted byte adds its share.
+    EXPECT_EQ(serial_set_params(port, 3000000, 0, 0), 1);
+    EXPECT_EQ(terminal_.rate(), 3000000U);
+    EXPECT_EQ(serial_set_timeouts(port, 3000000, 100), 1);
     std::tie(count, time) = timedRead(port);
     EXPECT_EQ(count, 0);
     EXPECT_GE(time, 740ms);
-    EXPECT_LT(time, 1640ms);
 
-    EXPECT_EQ(serial_set_params(port, 3000000, 0, 0), 1);
-    EXPECT_EQ(terminal_.rate(), 3000000U);
+    // The silence behind an answer ends its read, on a slow line a longer one.
+    EXPECT_EQ(serial_set_timeouts(port, 2400, 60000), 1);
     buffer_[3] = 'x';
     terminal_.send("abc");
     std::tie(count, time) = timedRead(port);
     EXPECT_EQ(count, 3);
     EXPECT_STREQ(reinterpret_cast<char*>(buffer_), "abc");
-    EXPECT_GE(time, 10ms);
-    EXPECT_LT(time, 740ms);
-
-    // A slow line has longer gaps.
-    EXPECT_EQ(serial_set_timeouts(port, 2400, 10000), 1);
-    terminal_.send("abc");
-    std::tie(count, time) = timedRead(port);
-    EXPECT_EQ(count, 3);
     EXPECT_GE(time, 40ms);
-    EXPECT_LT(time, 10000ms);
+    EXPECT_LT(time, 60s);
 }
 
 TEST_F(SerialPortTest, TellsTheSystemsReasonOfEachFailedCall) {

@@ -7,6 +7,7 @@
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "scriptedpeer.h"
 #include "support/pseudoterminal.h"
@@ -19,13 +20,6 @@ namespace {
 
 const std::uint8_t* bytesOf(const std::string& text) {
     return reinterpret_cast<const std::uint8_t*>(text.data());
-}
-
-std::string joined(std::initializer_list<std::string> parts) {
-    std::string all;
-    for (const std::string& part : parts)
-        all += part;
-    return all;
 }
 
 class UartPacketTest : public testing::Test {
@@ -84,40 +78,25 @@ TEST_F(UartPacketTest, EveryCommandsData) {
 }
 
 TEST_F(UartPacketTest, AnAnswerAcknowledgesOnlyIfAllOfItDoes) {
-    const std::string good = "\x01\x08\x77\x77\x77\x77\x77\x77"s;  // size and value do not matter
-    const std::string status = "\0\0"s;
-    struct Case {
-        std::string answer;
-        int result;
-    };
-    const std::string frame = joined({"\xC0", good, status, "\xC0"});
-    for (const Case& item : std::initializer_list<Case>{
-             {frame, kUartOk},
-             {joined({"noise\x01\xDB\xC0", good, status, "more\xC0"}), kUartOk},
-             {joined({frame, "\xC0", good, "\x01\x01\xC0"}), kUartOk},
-             {joined({"\xC0", good, "\x01\0\xC0"s}), kUartRefused},
-             {joined({"\xC0", good, "\0\x01\xC0"s}), kUartRefused},
-             {joined({"\xC0\0\x08"s, good.substr(2), status, "\xC0"}), kUartRefused},
-             {joined({"\xC0\x01\x07"s, good.substr(2), status, "\xC0"}), kUartRefused},
-             {joined({"\xC0", good, "\xDBx\xC0"}), kUartNoAnswer},
-             {"\x01\x08", kUartNoAnswer},
-             {"", kUartNoAnswer}}) {
-        peer_.answer(UART_SYNC, item.answer);
-        EXPECT_EQ(send_sync(context_.get()), item.result) << testing::PrintToString(item.answer);
+    const std::string rest = "\x77\x77\x77\x77\x77\x77"s;  // size and value do not matter
+    const std::string good = "\xC0\x01\x08"s + rest + "\0\0\xC0"s;
+    for (const auto& [answer, result] : std::initializer_list<std::pair<std::string, UartResult>>{
+             {"noise\x01\xDB"s + good, kUartOk},
+             {"\xC0\x01\x08"s + rest + "\x01\0\xC0"s, kUartRefused},
+             {"\xC0\x01\x08"s + rest + "\0\x01\xC0"s, kUartRefused},
+             {"\xC0\0\x08"s + rest + "\0\0\xC0"s, kUartRefused},
+             {"\xC0\x01\x07"s + rest + "\0\0\xC0"s, kUartRefused},
+             {"\xC0\x01\x08\xDBx\xC0", kUartNoAnswer},
+             {"", kUartNoAnswer},
+             // An empty frame is judged by what an earlier one has left.
+             {good, kUartOk},
+             {"\xC0\xC0", kUartOk},
+             // An answer cut in two is judged with the next exchange.
+             {good.substr(0, 5), kUartNoAnswer},
+             {good.substr(5), kUartOk}}) {
+        peer_.answer(UART_SYNC, answer);
+        EXPECT_EQ(send_sync(context_.get()), result) << testing::PrintToString(answer);
     }
-    // An empty frame is judged by what an earlier one has left.
-    EXPECT_EQ(send_sync(context_.get()), kUartOk);
-    peer_.answer(UART_SYNC, "\xC0\xC0");
-    EXPECT_EQ(send_sync(context_.get()), kUartOk);
-}
-
-TEST_F(UartPacketTest, AnAnswerCutInTwoIsJudgedWithTheNextExchange) {
-    const std::string answer = peer_.acknowledgement(UART_SYNC);
-    peer_.answer(UART_SYNC, answer.substr(0, 5));
-    peer_.answer(UART_RAM_END, answer.substr(5));
-    EXPECT_EQ(send_sync(context_.get()), kUartNoAnswer);
-    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartRefused);
-    EXPECT_EQ(send_ram_end(context_.get(), 0, 0), kUartOk);
 }
 
 TEST_F(UartPacketTest, ALateAnswerIsTakenForThatOfTheNextCommand) {
