@@ -5,32 +5,24 @@
 
 #include <utility>
 
+#include "simulator/serial/slipreader.h"
+
 using namespace std::chrono_literals;
 
 namespace {
 
 std::string framed(const std::string& packet) {
-    std::string frame = "\xC0";
-    for (const char byte : packet) {
-        if (byte == '\xC0')
-            frame += "\xDB\xDC";
-        else if (byte == '\xDB')
-            frame += "\xDB\xDD";
-        else
-            frame += byte;
-    }
-    return frame + "\xC0";
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(packet.data());
+    const auto frame = simulator::slipFrame({bytes, packet.size()});
+    return {frame.begin(), frame.end()};
 }
 
 std::string unframed(const std::string& frame) {
-    std::string packet;
-    for (std::size_t i = 1; i + 1 < frame.size(); ++i) {
-        if (frame[i] == '\xDB')
-            packet += frame[++i] == '\xDC' ? '\xC0' : '\xDB';
-        else
-            packet += frame[i];
-    }
-    return packet;
+    simulator::SlipReader reader;
+    for (const char byte : frame)
+        if (reader.take(static_cast<std::uint8_t>(byte)) == simulator::SlipReader::Event::Frame)
+            return {reader.frame().begin(), reader.frame().end()};
+    return {};
 }
 
 }  // namespace
