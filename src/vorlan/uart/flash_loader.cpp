@@ -178,8 +178,8 @@ int download(UartContext* context, const Image& image, std::uint32_t address,
     if (image.size > kFlashWindowSize - offset)
         return failWithFile(context, L"File too large!", image.name);
 
-    // A block that was never acknowledged in an earlier download leaves `resend` set: to the device
-    // the next block is then a repeat, too.
+    // `resend` is not cleared, on purpose: behind a download whose last block was never
+    // acknowledged the first block of this one goes out with the mark of a repeat.
     context->flashRetries = 0;
     int result =
         runStep(context, kBegin, [&] { return send_flash_begin(context, offset, image.size); });

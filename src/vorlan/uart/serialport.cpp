@@ -25,6 +25,13 @@ milliseconds gapAt(std::uint32_t baudrate) {
     return milliseconds(10) * std::max(10000 / baudrate, 1U);
 }
 
+platform::SerialTimeouts timeoutsAt(std::uint32_t baudrate, milliseconds readConstant) {
+    return {.readGap = gapAt(baudrate),
+            .readConstant = readConstant,
+            .writePerByte = gapAt(baudrate),
+            .writeConstant = kWriteConstant};
+}
+
 bool isOpen(const SerialPort& port) {
     if (port != nullptr)
         return true;
@@ -53,11 +60,8 @@ SerialPort serial_open(const std::string& path, std::uint32_t baudrate, std::uin
             TRACE("%s is in use by %s\n", path.c_str(), holder.c_str());
         return nullptr;
     }
-    platform::SerialTimeouts timeouts;
-    timeouts.readGap = gapAt(baudrate);
-    timeouts.readConstant = kOpenReadConstant;
-    timeouts.writePerByte = gapAt(baudrate);
-    timeouts.writeConstant = kWriteConstant;
+    // No share for each byte yet: only serial_set_timeouts makes silent reads longer, for good.
+    const platform::SerialTimeouts timeouts = timeoutsAt(baudrate, kOpenReadConstant);
     if (serial_set_params(port, baudrate, stopBits, parity) == 0 || !setTimeouts(port, timeouts))
         return nullptr;
     return port;
@@ -76,12 +80,8 @@ int serial_set_params(const SerialPort& port, std::uint32_t baudrate, std::uint3
 
 int serial_set_timeouts(const SerialPort& port, std::uint32_t baudrate,
                         std::uint32_t readConstantMs) {
-    platform::SerialTimeouts timeouts;
-    timeouts.readGap = gapAt(baudrate);
+    platform::SerialTimeouts timeouts = timeoutsAt(baudrate, milliseconds(readConstantMs));
     timeouts.readPerByte = gapAt(baudrate);
-    timeouts.readConstant = milliseconds(readConstantMs);
-    timeouts.writePerByte = gapAt(baudrate);
-    timeouts.writeConstant = kWriteConstant;
     return setTimeouts(port, timeouts) ? 1 : 0;
 }
 

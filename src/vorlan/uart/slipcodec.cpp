@@ -68,6 +68,7 @@ SlipCodec::Result SlipCodec::slip_decode(const std::uint8_t* raw, int count,
             return Result::kTooLong;
         }
         const std::uint8_t byte = raw[i];
+        // Inside an escape, too, it ends the frame.
         if (byte == kDelimiter)
             state_ = state_ == State::kIdle ? State::kStart : State::kEnd;
         switch (state_) {
