@@ -81,7 +81,7 @@ TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
     ASSERT_EQ(flash_loader_handshake(host.get()), kUartOk);
     constexpr std::uint32_t kRate = 3000000;
     ASSERT_EQ(flash_loader_change_baudrate(host.get(), kRate), kUartOk);
-    constexpr std::uint32_t kBlocks = 20;
+    constexpr std::size_t kBlocks = 20;
     const std::vector<std::uint8_t> image(kBlocks * kFlashBlockSize, 0x11);
     const std::uint64_t before = device.traffic();
     const auto startedAt = Clock::now();
