@@ -264,7 +264,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                          static_cast<std::uint32_t>(number.size()),
                                          kFlashWindow + 0x7FF004, 2, true, L"SN"),
             0x7FF004, number);
-    require(context->ramImage.stream == nullptr && context->flashImage.stream == nullptr,
+    require(context->ram.image.stream == nullptr && context->flash.image.stream == nullptr,
             "images are closed");
     return 0;
 }

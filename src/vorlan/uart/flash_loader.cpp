@@ -75,7 +75,7 @@ struct Image {
 
 // Ends a download: the operator hears of it when the image is closed.
 int fail(UartContext* context, int code, const std::wstring& description, int result) {
-    uart_file_close(context->flashImage);
+    uart_file_close(context->flash.image);
     if (context->onError != nullptr)
         context->onError(context, code, description);
     return result;
@@ -106,7 +106,7 @@ int resultOf(StepEnd end) {
 // been told, or -1 for a stop.
 template <typename Send>
 int runStep(UartContext* context, const DownloadStep& step, Send send) {
-    const StepEnd end = sendUntilAcknowledged(context, step, context->flashRetries, send);
+    const StepEnd end = sendUntilAcknowledged(context, step, context->flash.retries, send);
     if (end == StepEnd::kSilent)
         return fail(context, kUartNoAnswer, kSilentDescription, kUartNoAnswer);
     if (end == StepEnd::kRefused)
@@ -116,9 +116,9 @@ int runStep(UartContext* context, const DownloadStep& step, Send send) {
 
 // `digest` may be null; it takes each block once, however often that is sent.
 int sendBlocks(UartContext* context, const Image& image, Md5* digest) {
-    while (context->flashSeq < context->flashBlocks) {
+    while (context->flash.seq < context->flash.blocks) {
         const std::uint32_t red_size =
-            std::min(kFlashBlockSize, context->flashTotal - context->flashSent);
+            std::min(kFlashBlockSize, context->flash.total - context->flash.sent);
         const std::uint8_t* const block = image.next(red_size);
         if (block == nullptr)
             return failWithFile(context, L"Read file failed!", image.name);
@@ -129,10 +129,10 @@ int sendBlocks(UartContext* context, const Image& image, Md5* digest) {
         });
         if (result != kUartOk)
             return result;
-        context->flashRetries = 0;
-        const int percent = uart_percent(context->flashSeq, context->flashBlocks);
+        context->flash.retries = 0;
+        const int percent = uart_percent(context->flash.seq, context->flash.blocks);
         UART_VERBOSE("SEND DATA COMMAND SUCCESS IN ID: %d, PROGRESS=%d\n",
-                     static_cast<int>(context->flashSeq - 1), percent);
+                     static_cast<int>(context->flash.seq - 1), percent);
         if (context->onProgress != nullptr)
             context->onProgress(context, image.name, percent);
     }
@@ -154,7 +154,7 @@ bool digestsAgree(const Md5Digest& ours, const Md5Digest& theirs) {
 int compareDigests(UartContext* context, std::uint32_t address, Md5& digest) {
     setReadConstant(context, kMd5Read);
     const int result =
-        runStep(context, kMd5, [&] { return send_md5(context, address, context->flashTotal); });
+        runStep(context, kMd5, [&] { return send_md5(context, address, context->flash.total); });
     if (result != kUartOk)
         return result;
     UART_VERBOSE("SEND MD5 COMMAND WITH RAM SUCCESS\n");
@@ -180,13 +180,13 @@ int download(UartContext* context, const Image& image, std::uint32_t address,
 
     // `resend` is not cleared, on purpose: behind a download whose last block was never
     // acknowledged the first block of this one goes out with the mark of a repeat.
-    context->flashRetries = 0;
+    context->flash.retries = 0;
     int result =
         runStep(context, kBegin, [&] { return send_flash_begin(context, offset, image.size); });
     if (result != kUartOk)
         return result;
     UART_VERBOSE("SEND BEGIN COMMAND SUCCESS\n");
-    context->flashRetries = 0;
+    context->flash.retries = 0;
     Md5 digest;
     result = sendBlocks(context, image, md5Check ? &digest : nullptr);
     if (result != kUartOk)
@@ -200,14 +200,14 @@ int download(UartContext* context, const Image& image, std::uint32_t address,
     if (result != kUartOk)
         return result;
     UART_VERBOSE("SEND END COMMAND SUCCESS\n");
-    context->flashRetries = 0;
+    context->flash.retries = 0;
     return kUartOk;
 }
 
 // The check of an image that is open. The long reads stay in force as in compareDigests.
 int checkImage(UartContext* context, UartFile& image, std::uint32_t address) {
     setReadConstant(context, kMd5Read);
-    const StepEnd end = sendUntilAcknowledged(context, kMd5Alone, context->flashRetries, [&] {
+    const StepEnd end = sendUntilAcknowledged(context, kMd5Alone, context->flash.retries, [&] {
         return send_md5(context, address, uart_file_size(image));
     });
     if (end != StepEnd::kAcknowledged)
@@ -243,7 +243,7 @@ int flash_loader_handshake(UartContext* context) {
                 return kUartOk;
             }
         }
-        if (uart_gives_up(context->flashRetries))
+        if (uart_gives_up(context->flash.retries))
             break;
     }
     UART_TRACE("HANDSHAKE ERROR\n");
@@ -252,7 +252,7 @@ int flash_loader_handshake(UartContext* context) {
 }
 
 int flash_loader_change_baudrate(UartContext* context, std::uint32_t newRate) {
-    const StepEnd end = sendUntilAcknowledged(context, kChangeRate, context->flashRetries, [&] {
+    const StepEnd end = sendUntilAcknowledged(context, kChangeRate, context->flash.retries, [&] {
         return send_change_baudrate(context, newRate, context->baudrate);
     });
     if (end == StepEnd::kAcknowledged) {
@@ -267,7 +267,7 @@ int flash_loader_download_file(UartContext* context, const char* path, std::uint
                                std::uint8_t endAction, bool md5Check) {
     if (!isInWindow(address))
         return kUartNoAnswer;
-    UartFile& file = context->flashImage;
+    UartFile& file = context->flash.image;
     const std::wstring cur_file = text::widen(path);
     if (!uart_file_open(file, path))
         return failWithFile(context, L"Open file failed!", cur_file);
@@ -290,7 +290,7 @@ int flash_loader_download_buffer(UartContext* context, const std::uint8_t* data,
 }
 
 int flash_loader_md5_check(UartContext* context, const char* path, std::uint32_t address) {
-    UartFile& image = context->flashImage;
+    UartFile& image = context->flash.image;
     if (!uart_file_open(image, path))
         return failWithFile(context, L"Open file failed!", text::widen(path));
     const int result = uart_file_size(image) != 0

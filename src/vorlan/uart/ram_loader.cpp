@@ -22,17 +22,17 @@ constexpr LoaderStep kEnd{"RECEIVE OVERTIME......\n", "END COMMAND FORMAT ERROR,
 // Whether the device has acknowledged the step.
 template <typename Send>
 bool runStep(UartContext* context, const LoaderStep& step, Send send) {
-    return sendUntilAcknowledged(context, step, context->ramRetries, send) ==
+    return sendUntilAcknowledged(context, step, context->ram.retries, send) ==
            StepEnd::kAcknowledged;
 }
 
 bool sendBlocks(UartContext* context) {
     const std::wstring name = text::widen(kFlashProxyPath);
-    while (context->ramSeq < context->ramBlocks) {
+    while (context->ram.seq < context->ram.blocks) {
         if (uart_context_stopped(context))
             return false;
-        const std::uint32_t count = std::min(kRamBlockSize, context->ramTotal - context->ramSent);
-        const std::uint8_t* const block = uart_file_next(context->ramImage, count);
+        const std::uint32_t count = std::min(kRamBlockSize, context->ram.total - context->ram.sent);
+        const std::uint8_t* const block = uart_file_next(context->ram.image, count);
         if (block == nullptr) {
             UART_TRACE("cannot read %s\n", kFlashProxyPath);
             return false;
@@ -41,10 +41,10 @@ bool sendBlocks(UartContext* context) {
                 return send_ram_data(context, block, static_cast<std::uint16_t>(count));
             }))
             return false;
-        UART_VERBOSE("SEND DATA COMMAND SUCCESS IN ID: %d\n", static_cast<int>(context->ramSeq));
+        UART_VERBOSE("SEND DATA COMMAND SUCCESS IN ID: %d\n", static_cast<int>(context->ram.seq));
         if (context->onProgress != nullptr)
-            context->onProgress(context, name, uart_percent(context->ramSeq, context->ramBlocks));
-        context->ramRetries = 0;
+            context->onProgress(context, name, uart_percent(context->ram.seq, context->ram.blocks));
+        context->ram.retries = 0;
     }
     return true;
 }
@@ -55,25 +55,25 @@ bool download(UartContext* context) {
     if (!runStep(context, kConnect, [&] { return send_sync(context); }))
         return false;
     UART_VERBOSE("CONNECT WITH ROM SUCCESS\n");
-    context->ramRetries = 0;
-    const std::uint32_t size = uart_file_size(context->ramImage);
+    context->ram.retries = 0;
+    const std::uint32_t size = uart_file_size(context->ram.image);
     if (!runStep(context, kBegin, [&] { return send_ram_begin(context, 0, size); }))
         return false;
     UART_VERBOSE("SEND BEGIN COMMAND SUCCESS\n");
-    context->ramRetries = 0;
+    context->ram.retries = 0;
     if (!sendBlocks(context))
         return false;
     if (!runStep(context, kEnd, [&] { return send_ram_end(context, 0, 0); }))
         return false;
     UART_VERBOSE("SEND END COMMAND SUCCESS\n");
-    context->ramRetries = 0;
+    context->ram.retries = 0;
     return true;
 }
 
 bool openImage(UartContext* context) {
-    if (!uart_file_open(context->ramImage, kFlashProxyPath))
+    if (!uart_file_open(context->ram.image, kFlashProxyPath))
         return false;
-    if (uart_file_size(context->ramImage) != 0)
+    if (uart_file_size(context->ram.image) != 0)
         return true;
     UART_TRACE("%s is empty\n", kFlashProxyPath);
     return false;
@@ -83,7 +83,7 @@ bool openImage(UartContext* context) {
 
 int ram_loader_download(UartContext* context) {
     const bool done = openImage(context) && download(context);
-    uart_file_close(context->ramImage);
+    uart_file_close(context->ram.image);
     if (done)
         UART_VERBOSE("CONNECT ROM AND DOWNLOAD RAM LOADER SUCCESS\n");
     return done ? kUartOk : kUartNoAnswer;

@@ -96,7 +96,7 @@ std::size_t pack_command(UartContext* context, const std::uint8_t* data, UartCom
         const std::uint32_t marker = toFlash && context->resend ? kResendMarker : 0;
         std::uint8_t* const header = packet + kHeaderSize;
         littleendian::put(header, std::uint32_t{length});
-        littleendian::put(header + 4, toFlash ? context->flashSeq : context->ramSeq);
+        littleendian::put(header + 4, toFlash ? context->flash.seq : context->ram.seq);
         littleendian::put(header + 8, marker);
         littleendian::put(header + 12, marker);
     }
@@ -131,20 +131,20 @@ int send_sync(UartContext* context) {
 }
 
 int send_ram_begin(UartContext* context, std::uint32_t address, std::uint32_t size) {
-    context->ramAddr = address;
-    context->ramTotal = size;
-    context->ramBlocks = (size - 1) / kRamBlockSize + 1;
-    context->ramSent = 0;
-    context->ramSeq = 0;
+    context->ram.addr = address;
+    context->ram.total = size;
+    context->ram.blocks = (size - 1) / kRamBlockSize + 1;
+    context->ram.sent = 0;
+    context->ram.seq = 0;
     return sendCommand(context, UART_RAM_BEGIN,
-                       wordsOf({size, context->ramBlocks, kRamBlockSize, address}));
+                       wordsOf({size, context->ram.blocks, kRamBlockSize, address}));
 }
 
 int send_ram_data(UartContext* context, const std::uint8_t* block, std::uint16_t length) {
     const int result = sendCommand(context, block, UART_RAM_DATA, length);
     if (result == kUartOk) {
-        context->ramSent += length;
-        ++context->ramSeq;
+        context->ram.sent += length;
+        ++context->ram.seq;
     }
     return result;
 }
@@ -154,21 +154,21 @@ int send_ram_end(UartContext* context, std::uint8_t word0, std::uint8_t word1) {
 }
 
 int send_flash_begin(UartContext* context, std::uint32_t offset, std::uint32_t size) {
-    context->flashAddr = offset;
-    context->flashTotal = size;
-    context->flashBlocks = (size - 1) / kFlashBlockSize + 1;
-    context->flashSent = 0;
-    context->flashSeq = 0;
+    context->flash.addr = offset;
+    context->flash.total = size;
+    context->flash.blocks = (size - 1) / kFlashBlockSize + 1;
+    context->flash.sent = 0;
+    context->flash.seq = 0;
     return sendCommand(context, UART_FLASH_BEGIN,
-                       wordsOf({size, context->flashBlocks, kFlashBlockSize, offset}));
+                       wordsOf({size, context->flash.blocks, kFlashBlockSize, offset}));
 }
 
 int send_flash_data(UartContext* context, const std::uint8_t* block, std::uint16_t length) {
     const int result = sendCommand(context, block, UART_FLASH_DATA, length);
     context->resend = result != kUartOk;
     if (result == kUartOk) {
-        context->flashSent += length;
-        ++context->flashSeq;
+        context->flash.sent += length;
+        ++context->flash.seq;
     }
     return result;
 }

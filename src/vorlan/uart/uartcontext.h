@@ -20,6 +20,17 @@ constexpr std::size_t kMd5Size = 16;            // bytes
 
 using Md5Digest = std::array<std::uint8_t, kMd5Size>;
 
+// How far an image has come into the device. Sizes are in bytes.
+struct UartDownload {
+    UartFile image;  // if it comes from a file
+    std::uint32_t total = 0;
+    std::uint32_t blocks = 0;
+    std::uint32_t addr = 0;    // in RAM, or an offset in the flash
+    std::uint32_t sent = 0;    // acknowledged
+    std::uint32_t seq = 0;     // of the next block
+    std::uint8_t retries = 0;  // failures of the step under way
+};
+
 // It belongs to the thread that serves the port; only `stop` is touched by others.
 struct UartContext {
     std::uint32_t baudrate = kRomBaudrate;  // bit/s, in force on the port
@@ -28,30 +39,13 @@ struct UartContext {
     std::array<std::uint8_t, kRxBufferSize + 1> rxBuffer{};  // last read, and a zero behind it
     std::array<std::uint8_t, 10240> txBuffer{};              // request under construction
 
-    // The download to the ROM loader: bytes and blocks of the image, its load address, the bytes
-    // that are acknowledged, the number of the next block and the failures of the step under way.
-    std::uint32_t ramTotal = 0;
-    std::uint32_t ramBlocks = 0;
-    std::uint32_t ramAddr = 0;
-    std::uint32_t ramSent = 0;
-    std::uint32_t ramSeq = 0;
-    std::uint8_t ramRetries = 0;
-
-    // The same for the one to the flash proxy; the address is an offset in the flash.
-    std::uint32_t flashTotal = 0;
-    std::uint32_t flashBlocks = 0;
-    std::uint32_t flashAddr = 0;
-    std::uint32_t flashSent = 0;
-    std::uint32_t flashSeq = 0;
-    std::uint8_t flashRetries = 0;
+    UartDownload ram;    // to the ROM loader
+    UartDownload flash;  // to the flash proxy
 
     Md5Digest md5{};                        // from the last answer to UART_MD5
     bool resend = false;                    // the last UART_FLASH_DATA was not acknowledged
     SerialPort port;                        // null if it could not be opened
     const std::uint8_t* rxFrame = nullptr;  // last decoded frame, in the codec's buffer
-
-    UartFile ramImage;
-    UartFile flashImage;
 
     // The operator's stop: asks every loop of the stages to give up at its next test. An exchange
     // under way is not cut short.

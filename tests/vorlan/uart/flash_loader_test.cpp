@@ -109,7 +109,7 @@ TEST_F(FlashLoaderTest, SixFailuresOfAStepAreBornAndSevenEndTheDownload) {
             EXPECT_EQ(told(line), 6U) << trace_;
             EXPECT_EQ(peer_.image(), image_);
             EXPECT_TRUE(errors.empty());
-            EXPECT_EQ(context_->flashRetries, 0);
+            EXPECT_EQ(context_->flash.retries, 0);
 
             peer_.answer(step.command, answer, 7);
             EXPECT_EQ(download(), silent ? -1 : -2) << line;
@@ -224,7 +224,7 @@ TEST_F(FlashLoaderTest, FindsTheProxyAtEachRate) {
         EXPECT_EQ(peer_.requests().back().rate, rate);
         EXPECT_EQ(peer_.requests().back().silentRead, 740ms);
         EXPECT_EQ(context_->baudrate, rate);
-        EXPECT_EQ(context_->flashRetries, 0);
+        EXPECT_EQ(context_->flash.retries, 0);
         EXPECT_EQ(send_sync(context_.get()), kUartOk);
         EXPECT_EQ(peer_.requests().back().silentRead, 1640ms);
     }
@@ -235,14 +235,14 @@ TEST_F(FlashLoaderTest, ASecondRoundLeavesLessForTheRateChange) {
     peer_.sleepFor(4);
     EXPECT_EQ(handshake(), kUartOk);
     EXPECT_EQ(peer_.requests().size(), 8U);
-    EXPECT_EQ(context_->flashRetries, 1);
+    EXPECT_EQ(context_->flash.retries, 1);
 
     peer_.refuse(UART_CHANGE_BAUDRATE, 6);
     EXPECT_EQ(changeRate(), -2);
     EXPECT_EQ(peer_.requests(UART_CHANGE_BAUDRATE).size(), 6U);
     peer_.refuse(UART_CHANGE_BAUDRATE, 6);
     EXPECT_EQ(changeRate(), kUartOk);
-    EXPECT_EQ(context_->flashRetries, 6);
+    EXPECT_EQ(context_->flash.retries, 6);
     // The first image starts with a budget of its own again.
     peer_.refuse(UART_FLASH_BEGIN, 6);
     EXPECT_EQ(download(), kUartOk);
@@ -276,7 +276,7 @@ TEST_F(FlashLoaderTest, NoiseAtAWrongRateCostsARound) {
     EXPECT_EQ(handshake(), kUartOk);
     EXPECT_EQ(peer_.requests().size(), 7U);
     EXPECT_EQ(context_->baudrate, 1536000U);
-    EXPECT_EQ(context_->flashRetries, 1);
+    EXPECT_EQ(context_->flash.retries, 1);
 }
 
 TEST_F(FlashLoaderTest, ChangesTheRateBehindTheAcknowledgement) {
@@ -294,7 +294,7 @@ TEST_F(FlashLoaderTest, ChangesTheRateBehindTheAcknowledgement) {
     EXPECT_EQ(send_sync(context_.get()), kUartOk);
     EXPECT_EQ(peer_.requests().back().rate, 3000000U);
 
-    context_->flashRetries = 0;
+    context_->flash.retries = 0;
     peer_.keepSilent(UART_CHANGE_BAUDRATE, 7);
     EXPECT_EQ(changeRate(), -1);
     EXPECT_TRUE(errors.empty());

@@ -56,8 +56,8 @@ class LoaderFixture : public testing::Test {
         testing::internal::CaptureStderr();
         const int result = operation();
         trace_ = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(context_->ramImage.stream, nullptr);
-        EXPECT_EQ(context_->flashImage.stream, nullptr);
+        EXPECT_EQ(context_->ram.image.stream, nullptr);
+        EXPECT_EQ(context_->flash.image.stream, nullptr);
         return result;
     }
 

@@ -70,7 +70,7 @@ TEST_F(RamLoaderTest, SilenceFailsAStepAtOnceAndTheSeventhRefusalDoes) {
     peer_.answer(UART_RAM_DATA, peer_.acknowledgement(UART_RAM_DATA));
     peer_.refuse(UART_RAM_DATA, 7);
     EXPECT_EQ(download(), -1);
-    EXPECT_EQ(context_->ramSeq, 1U);
+    EXPECT_EQ(context_->ram.seq, 1U);
 }
 
 TEST_F(RamLoaderTest, AnAttemptThatEndsInSilenceHandsItsRefusalsOn) {

@@ -54,11 +54,11 @@ TEST_F(UartPacketTest, EveryCommandsData) {
     EXPECT_EQ(last(), header(6, 8) + "\x01\0\0\0\x02\0\0\0"s);
     EXPECT_EQ(send_flash_begin(context, 0x10000, 4096), kUartOk);
     EXPECT_EQ(last(), header(2, 16) + "\0\x10\0\0\x01\0\0\0\0\x10\0\0\0\0\x01\0"s);
-    EXPECT_EQ(context->flashBlocks, 1U);
+    EXPECT_EQ(context->flash.blocks, 1U);
     EXPECT_EQ(send_flash_begin(context, 0, 4097), kUartOk);
-    EXPECT_EQ(context->flashBlocks, 2U);
+    EXPECT_EQ(context->flash.blocks, 2U);
     EXPECT_EQ(send_flash_begin(context, 0, 0), kUartOk);
-    EXPECT_EQ(context->flashBlocks, 0x100000U);
+    EXPECT_EQ(context->flash.blocks, 0x100000U);
     EXPECT_EQ(send_flash_end(context, 2), kUartOk);
     EXPECT_EQ(last(), header(4, 4) + "\x02\0\0\0"s);
     EXPECT_EQ(send_change_baudrate(context, 3000000, 115200), kUartOk);
@@ -125,7 +125,7 @@ TEST_F(UartPacketTest, AResentBlockIsMarkedAndKeepsItsNumber) {
         EXPECT_EQ(blocks[i].word(2), expected[i][1]) << i;
         EXPECT_EQ(blocks[i].word(3), expected[i][1]) << i;
     }
-    EXPECT_EQ(context->flashSent, 5U);
+    EXPECT_EQ(context->flash.sent, 5U);
     // A download that was given up leaves the mark to the next one's first block.
     peer_.keepSilent(UART_FLASH_DATA, 1);
     EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartNoAnswer);
