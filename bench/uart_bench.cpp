@@ -69,7 +69,7 @@ BENCHMARK(checkByte);
 class Port {
   public:
     explicit Port(const std::filesystem::path& path)
-        : device_(path, {.start = simulator::SerialStart::Proxy, .paced = true}) {
+        : device_(path, {.start = simulator::SerialStart::kProxy, .paced = true}) {
         device_.plugIn();
         context_->port = serial_open(path, context_->baudrate, 0, 0);
     }
@@ -101,7 +101,7 @@ class Port {
     // Whether the device holds the image, took each block once and saw no rule broken.
     bool isSound(const std::vector<std::uint8_t>& image) const {
         return device_.errors().empty() && device_.flash().holds(kAddress, image) &&
-               device_.count(simulator::SerialFaultPoint::FlashData) == kBlocks;
+               device_.count(simulator::SerialFaultPoint::kFlashData) == kBlocks;
     }
 
   private:

@@ -178,7 +178,7 @@ class Floor {
     std::vector<double> reports() const {
         std::vector<double> counts;
         for (const auto& device : devices_)
-            counts.push_back(device->count(simulator::UsbFaultPoint::Chunk));
+            counts.push_back(device->count(simulator::UsbFaultPoint::kChunk));
         return counts;
     }
 

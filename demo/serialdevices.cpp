@@ -23,15 +23,16 @@ SerialDeviceOptions optionsFor(std::size_t number, Audience audience) {
 
 // Noise beside good answers, and some in their place, for which the host has to ask again.
 void makeNoisy(VirtualSerialDevice& device) {
-    device.addFault({.where = SerialFaultPoint::RomSync, .what = SerialFault::noise("#~?")});
-    device.addFault({.where = SerialFaultPoint::ProxySync, .what = SerialFault::noise("\x01\x7F")});
+    device.addFault({.where = SerialFaultPoint::kRomSync, .what = SerialFault::noise("#~?")});
     device.addFault(
-        {.where = SerialFaultPoint::FlashBegin, .what = SerialFault::badEscape(), .skip = 1});
-    device.addFault({.where = SerialFaultPoint::FlashData,
+        {.where = SerialFaultPoint::kProxySync, .what = SerialFault::noise("\x01\x7F")});
+    device.addFault(
+        {.where = SerialFaultPoint::kFlashBegin, .what = SerialFault::badEscape(), .skip = 1});
+    device.addFault({.where = SerialFaultPoint::kFlashData,
                      .what = SerialFault::noise("noise", "\x55\xAA"),
                      .skip = 20,
                      .times = 5});
-    device.addFault({.where = SerialFaultPoint::FlashData,
+    device.addFault({.where = SerialFaultPoint::kFlashData,
                      .what = SerialFault::rawAnswer("\xDB?\xDC no frame"),
                      .skip = 60,
                      .times = 2});
@@ -51,7 +52,7 @@ SerialDevices::SerialDevices(Report& report, Audience audience,
 
     makeNoisy(*devices_[kNoisyOne].device);
     devices_[kDigestFailure].fate = SerialDevice::Fate::kRefusesDigest;
-    devices_[kDigestFailure].device->addFault({.where = SerialFaultPoint::Md5,
+    devices_[kDigestFailure].device->addFault({.where = SerialFaultPoint::kMd5,
                                                .what = SerialFault::wrongDigest(),
                                                .skip = kImagesBeforeTheLast});
 }

@@ -51,7 +51,7 @@ bool SerialTraffic::waitForMidBurn() {
     return watch_.waitForTile(
         "the burn of the serial device to unplug", device.portName(), [&](const TileView& tile) {
             return TileWatch::isWriting(tile) &&
-                   device.count(SerialFaultPoint::FlashData) >= kMidBurnBlocks;
+                   device.count(SerialFaultPoint::kFlashData) >= kMidBurnBlocks;
         });
 }
 

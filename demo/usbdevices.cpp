@@ -26,9 +26,9 @@ UsbDevices::UsbDevices(Report& report, Audience audience) : report_(report) {
 
     failingInRom().fate = UsbDevice::Fate::kFailsInRom;
     failingInRom().device->addFault(
-        {.where = UsbFaultPoint::MemData, .what = UsbFault::romStatus(0xF1), .skip = 5});
+        {.where = UsbFaultPoint::kMemData, .what = UsbFault::romStatus(0xF1), .skip = 5});
     failingInFlash().fate = UsbDevice::Fate::kFailsInFlash;
-    failingInFlash().device->addFault({.where = UsbFaultPoint::Chunk,
+    failingInFlash().device->addFault({.where = UsbFaultPoint::kChunk,
                                        .what = UsbFault::error("flash program failed"),
                                        .skip = kGoodChunks});
     late().fate = UsbDevice::Fate::kComesLate;

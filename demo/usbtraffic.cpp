@@ -22,7 +22,7 @@ bool isSettled(const UsbDevice& device, const TileView& tile) {
         case UsbDevice::Fate::kFailsInRom:
             return tile.status.startsWith(QStringLiteral("error="));
         case UsbDevice::Fate::kFailsInFlash:
-            return device.device->count(UsbFaultPoint::Chunk) > UsbDevices::kGoodChunks;
+            return device.device->count(UsbFaultPoint::kChunk) > UsbDevices::kGoodChunks;
         default:
             return TileWatch::isBurned(tile);
     }
@@ -58,7 +58,7 @@ bool UsbTraffic::waitForMidBurn() {
     return watch_.waitForTile(
         "the burn of the device to unplug", device.deviceId, [&](const TileView& tile) {
             return TileWatch::isWriting(tile) &&
-                   device.device->count(UsbFaultPoint::Chunk) >= kMidBurnChunks;
+                   device.device->count(UsbFaultPoint::kChunk) >= kMidBurnChunks;
         });
 }
 

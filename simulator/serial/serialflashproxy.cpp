@@ -17,13 +17,13 @@ bool isInFlash(std::uint32_t offset, std::uint32_t size) {
 }  // namespace
 
 void SerialFlashProxy::start(bool inSync) {
-    state_ = inSync ? State::Idle : State::Sync;
+    state_ = inSync ? State::kIdle : State::kSync;
     mayChangeRate_ = true;
 }
 
 SerialAnswer SerialFlashProxy::take(const SerialRequest& request, const SerialTurn& turn,
                                     std::uint32_t rate) {
-    if (state_ == State::Sync && request.command != kUartSync)
+    if (state_ == State::kSync && request.command != kUartSync)
         return {outOfOrder(commandName(request.command) + " before SYNC", turn), {}};
     switch (request.command) {
         case kUartSync:
@@ -44,16 +44,16 @@ SerialAnswer SerialFlashProxy::take(const SerialRequest& request, const SerialTu
 }
 
 void SerialFlashProxy::digestWasWrong() {
-    if (state_ == State::Download)
+    if (state_ == State::kDownload)
         download_.corrupted = true;
 }
 
 Refusal SerialFlashProxy::sync(const SerialTurn& turn) {
-    if (state_ != State::Sync)
+    if (state_ != State::kSync)
         return outOfOrder("SYNC when in sync", turn);
     if (turn.carryOut)
-        state_ = State::Idle;
-    return Refusal::None;
+        state_ = State::kIdle;
+    return Refusal::kNone;
 }
 
 Refusal SerialFlashProxy::changeBaudrate(const SerialRequest& request, const SerialTurn& turn,
@@ -62,11 +62,11 @@ Refusal SerialFlashProxy::changeBaudrate(const SerialRequest& request, const Ser
         return breach("CHANGE_BAUDRATE to 0");
     if (request.word(1) != rate)
         return breach("CHANGE_BAUDRATE has a wrong current rate");
-    if (!mayChangeRate_ || state_ != State::Idle)
+    if (!mayChangeRate_ || state_ != State::kIdle)
         return outOfOrder("CHANGE_BAUDRATE a second time or behind a FLASH_BEGIN", turn);
     if (turn.carryOut)
         mayChangeRate_ = false;
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal SerialFlashProxy::begin(const SerialRequest& request, const SerialTurn& turn) {
@@ -80,19 +80,19 @@ Refusal SerialFlashProxy::begin(const SerialRequest& request, const SerialTurn& 
     if (!isInFlash(request.word(3), total))
         return breach("FLASH_BEGIN reaches past the flash");
     const bool givesUp = turn.mayRestart || (download_.hasDigest && download_.corrupted);
-    if (state_ == State::Download && !givesUp)
+    if (state_ == State::kDownload && !givesUp)
         return outOfOrder("FLASH_BEGIN in the middle of a download", turn);
     if (turn.carryOut) {
-        state_ = State::Download;
+        state_ = State::kDownload;
         mayChangeRate_ = false;
         download_ = {.offset = request.word(3), .total = total};
         flash_->erase(download_.offset, total);
     }
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal SerialFlashProxy::data(const SerialRequest& request, const SerialTurn& turn) {
-    if (state_ != State::Download)
+    if (state_ != State::kDownload)
         return outOfOrder("FLASH_DATA outside a download", turn);
     if (request.word(1) != download_.nextBlock)
         return outOfOrder("FLASH_DATA has a wrong sequence number", turn);
@@ -101,7 +101,7 @@ Refusal SerialFlashProxy::data(const SerialRequest& request, const SerialTurn& t
         std::min<std::size_t>(kFlashBlockSize, download_.total - download_.received))
         return breach("FLASH_DATA has a wrong block length");
     if (!turn.carryOut)
-        return Refusal::None;
+        return Refusal::kNone;
     const std::uint32_t address = download_.offset + download_.received;
     if (turn.corruptOffset && *turn.corruptOffset < block.size()) {
         std::vector<std::uint8_t> wrong(block.begin(), block.end());
@@ -113,7 +113,7 @@ Refusal SerialFlashProxy::data(const SerialRequest& request, const SerialTurn& t
     }
     download_.received += static_cast<std::uint32_t>(block.size());
     ++download_.nextBlock;
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 SerialAnswer SerialFlashProxy::digest(const SerialRequest& request, const SerialTurn& turn) {
@@ -123,7 +123,7 @@ SerialAnswer SerialFlashProxy::digest(const SerialRequest& request, const Serial
         return {breach("MD5 has a reserved word set"), {}};
     if (!isInFlash(offset, size))
         return {breach("MD5 reaches past the flash"), {}};
-    if (state_ == State::Download) {
+    if (state_ == State::kDownload) {
         if (download_.received != download_.total)
             return {outOfOrder("MD5 before the whole image", turn), {}};
         if (offset != download_.offset || size != download_.total)
@@ -131,21 +131,21 @@ SerialAnswer SerialFlashProxy::digest(const SerialRequest& request, const Serial
         if (turn.carryOut)
             download_.hasDigest = true;
     }
-    return {Refusal::None, digestOf(offset, size)};
+    return {Refusal::kNone, digestOf(offset, size)};
 }
 
 Refusal SerialFlashProxy::end(const SerialRequest& request, const SerialTurn& turn) {
     if (request.word(0) != kEndAction)
         return breach("FLASH_END has a wrong action");
-    if (state_ != State::Download || download_.received != download_.total)
+    if (state_ != State::kDownload || download_.received != download_.total)
         return outOfOrder("FLASH_END before the whole image", turn);
     if (requiresDigest_ && !download_.hasDigest)
         return outOfOrder("FLASH_END before MD5", turn);
     if (download_.hasDigest && download_.corrupted)
         return outOfOrder("FLASH_END behind a wrong digest", turn);
     if (turn.carryOut)
-        state_ = State::Idle;
-    return Refusal::None;
+        state_ = State::kIdle;
+    return Refusal::kNone;
 }
 
 Digest SerialFlashProxy::digestOf(std::uint32_t offset, std::uint32_t size) const {
@@ -165,13 +165,13 @@ Digest SerialFlashProxy::digestOf(std::uint32_t offset, std::uint32_t size) cons
 
 Refusal SerialFlashProxy::breach(const std::string& text) {
     errors_->add("flash proxy: " + text);
-    return Refusal::BadPacket;
+    return Refusal::kBadPacket;
 }
 
 Refusal SerialFlashProxy::outOfOrder(const std::string& text, const SerialTurn& turn) {
     if (turn.inStep)
         breach(text);
-    return Refusal::BadOrder;
+    return Refusal::kBadOrder;
 }
 
 }  // namespace simulator

@@ -31,7 +31,7 @@ class SerialFlashProxy {
     void digestWasWrong();
 
   private:
-    enum class State { Sync, Idle, Download };
+    enum class State { kSync, kIdle, kDownload };
 
     struct Download {
         std::uint32_t offset = 0;
@@ -56,7 +56,7 @@ class SerialFlashProxy {
     ErrorList* errors_;
     Flash* flash_;
     bool requiresDigest_;
-    State state_ = State::Sync;
+    State state_ = State::kSync;
     bool mayChangeRate_ = true;  // once, before the first download
     Download download_;
 };

@@ -5,12 +5,12 @@
 namespace simulator {
 
 void SerialRomLoader::powerOn() {
-    state_ = State::Sync;
+    state_ = State::kSync;
     image_.clear();
 }
 
 void SerialRomLoader::opened() {
-    state_ = State::Sync;
+    state_ = State::kSync;
 }
 
 Refusal SerialRomLoader::take(const SerialRequest& request, const SerialTurn& turn) {
@@ -29,11 +29,11 @@ Refusal SerialRomLoader::take(const SerialRequest& request, const SerialTurn& tu
 }
 
 Refusal SerialRomLoader::sync(const SerialTurn& turn) {
-    if (state_ != State::Sync && !turn.mayRestart)
+    if (state_ != State::kSync && !turn.mayRestart)
         return outOfOrder("SYNC in the middle of a download", turn);
     if (turn.carryOut)
-        state_ = State::Begin;
-    return Refusal::None;
+        state_ = State::kBegin;
+    return Refusal::kNone;
 }
 
 Refusal SerialRomLoader::begin(const SerialRequest& request, const SerialTurn& turn) {
@@ -46,19 +46,19 @@ Refusal SerialRomLoader::begin(const SerialRequest& request, const SerialTurn& t
         return breach("RAM_BEGIN has a wrong block size");
     if (request.word(3) != 0)
         return breach("RAM_BEGIN has a wrong address");
-    if (state_ != State::Begin)
+    if (state_ != State::kBegin)
         return outOfOrder("RAM_BEGIN where SYNC or a block is due", turn);
     if (turn.carryOut) {
-        state_ = State::Data;
+        state_ = State::kData;
         total_ = total;
         nextBlock_ = 0;
         image_.clear();
     }
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal SerialRomLoader::data(const SerialRequest& request, const SerialTurn& turn) {
-    if (state_ != State::Data)
+    if (state_ != State::kData)
         return outOfOrder("RAM_DATA outside a download", turn);
     if (request.word(1) != nextBlock_)
         return outOfOrder("RAM_DATA has a wrong sequence number", turn);
@@ -69,28 +69,28 @@ Refusal SerialRomLoader::data(const SerialRequest& request, const SerialTurn& tu
         image_.insert(image_.end(), block.begin(), block.end());
         ++nextBlock_;
     }
-    return Refusal::None;
+    return Refusal::kNone;
 }
 
 Refusal SerialRomLoader::end(const SerialRequest& request, const SerialTurn& turn) {
     if (request.word(0) != 0 || request.word(1) != 0)
         return breach("RAM_END has a word set");
-    if (state_ != State::Data || image_.size() != total_)
+    if (state_ != State::kData || image_.size() != total_)
         return outOfOrder("RAM_END before the whole image", turn);
     if (turn.carryOut)
-        state_ = State::Ended;
-    return Refusal::None;
+        state_ = State::kEnded;
+    return Refusal::kNone;
 }
 
 Refusal SerialRomLoader::breach(const std::string& text) {
     errors_->add("ROM loader: " + text);
-    return Refusal::BadPacket;
+    return Refusal::kBadPacket;
 }
 
 Refusal SerialRomLoader::outOfOrder(const std::string& text, const SerialTurn& turn) {
     if (turn.inStep)
         breach(text);
-    return Refusal::BadOrder;
+    return Refusal::kBadOrder;
 }
 
 }  // namespace simulator

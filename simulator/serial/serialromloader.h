@@ -27,7 +27,7 @@ class SerialRomLoader {
     const std::vector<std::uint8_t>& image() const { return image_; }
 
   private:
-    enum class State { Sync, Begin, Data, Ended };
+    enum class State { kSync, kBegin, kData, kEnded };
 
     Refusal sync(const SerialTurn& turn);
     Refusal begin(const SerialRequest& request, const SerialTurn& turn);
@@ -37,7 +37,7 @@ class SerialRomLoader {
     Refusal outOfOrder(const std::string& text, const SerialTurn& turn);
 
     ErrorList* errors_;
-    State state_ = State::Sync;
+    State state_ = State::kSync;
     std::uint32_t total_ = 0;
     std::uint32_t nextBlock_ = 0;
     std::vector<std::uint8_t> image_;

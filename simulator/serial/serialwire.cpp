@@ -67,7 +67,7 @@ bool sameRequest(Bytes frame, Bytes other) {
 }
 
 std::optional<SerialRequest> parseRequest(Bytes frame, ErrorList& errors, Refusal& refusal) {
-    refusal = Refusal::BadPacket;
+    refusal = Refusal::kBadPacket;
     if (frame.size() < kPacketHeaderSize) {
         errors.add("a packet of " + std::to_string(frame.size()) + " bytes");
         return std::nullopt;
@@ -94,15 +94,15 @@ std::optional<SerialRequest> parseRequest(Bytes frame, ErrorList& errors, Refusa
     if (request.command == kUartSync && !isCombine(request.data))
         return breach("has a wrong pattern");
     if (readU32(frame, 4) != (hasBlock ? blockCheck(request.block()) : 0U)) {
-        refusal = Refusal::BadCheck;
+        refusal = Refusal::kBadCheck;
         return breach("has a wrong CHECK");
     }
-    refusal = Refusal::None;
+    refusal = Refusal::kNone;
     return request;
 }
 
 std::vector<std::uint8_t> answerPacket(std::uint8_t command, const SerialAnswer& answer) {
-    const bool refused = answer.refusal != Refusal::None;
+    const bool refused = answer.refusal != Refusal::kNone;
     const std::uint8_t size = answer.digest ? 18 : 2;
     std::vector<std::uint8_t> packet{
         1,    command, size, 0,       0xA5,

@@ -38,7 +38,7 @@ constexpr std::uint32_t kFlashWindowSize = 0x800000;
 using Digest = std::array<std::uint8_t, 16>;
 
 // Why a request is refused: DATA1 of the answer, with DATA0 set to 1.
-enum class Refusal : std::uint8_t { None, BadPacket, BadCheck, BadOrder };
+enum class Refusal : std::uint8_t { kNone, kBadPacket, kBadCheck, kBadOrder };
 
 // A well-formed request; views into the frame.
 struct SerialRequest {
@@ -52,7 +52,7 @@ struct SerialRequest {
 
 // The peer's answer before any fault shapes it.
 struct SerialAnswer {
-    Refusal refusal = Refusal::None;
+    Refusal refusal = Refusal::kNone;
     std::optional<Digest> digest;
 };
 

@@ -26,51 +26,51 @@ std::vector<std::uint8_t> slipFrame(Bytes plain) {
 
 SlipReader::Event SlipReader::take(std::uint8_t byte) {
     if (byte == kEnd) {
-        const bool complete = state_ == State::Frame;
-        const bool cut = state_ == State::Escape;
-        if (state_ == State::Idle) {
+        const bool complete = state_ == State::kFrame;
+        const bool cut = state_ == State::kEscape;
+        if (state_ == State::kIdle) {
             frame_.clear();
-            state_ = State::Frame;
-            return Event::None;
+            state_ = State::kFrame;
+            return Event::kNone;
         }
-        state_ = State::Idle;
+        state_ = State::kIdle;
         if (cut)
-            return Event::BadEscape;
-        return complete ? Event::Frame : Event::None;
+            return Event::kBadEscape;
+        return complete ? Event::kFrame : Event::kNone;
     }
     switch (state_) {
-        case State::Idle:
-            return Event::Stray;
-        case State::Frame:
+        case State::kIdle:
+            return Event::kStray;
+        case State::kFrame:
             if (byte != kEscape)
                 return store(byte);
-            state_ = State::Escape;
-            return Event::None;
-        case State::Escape:
-            state_ = State::Frame;
+            state_ = State::kEscape;
+            return Event::kNone;
+        case State::kEscape:
+            state_ = State::kFrame;
             if (byte == kEscapedEnd)
                 return store(kEnd);
             if (byte == kEscapedEscape)
                 return store(kEscape);
-            state_ = State::Lost;
-            return Event::BadEscape;
-        case State::Lost:
+            state_ = State::kLost;
+            return Event::kBadEscape;
+        case State::kLost:
             break;
     }
-    return Event::None;
+    return Event::kNone;
 }
 
 SlipReader::Event SlipReader::store(std::uint8_t byte) {
     if (frame_.size() == kLongest) {
-        state_ = State::Lost;
-        return Event::TooLong;
+        state_ = State::kLost;
+        return Event::kTooLong;
     }
     frame_.push_back(byte);
-    return Event::None;
+    return Event::kNone;
 }
 
 void SlipReader::reset() {
-    state_ = State::Idle;
+    state_ = State::kIdle;
     frame_.clear();
 }
 

@@ -14,22 +14,22 @@ std::vector<std::uint8_t> slipFrame(Bytes plain);
 
 class SlipReader {
   public:
-    enum class Event { None, Frame, Stray, BadEscape, TooLong };
+    enum class Event { kNone, kFrame, kStray, kBadEscape, kTooLong };
 
     static constexpr std::size_t kLongest = 8 + 16 + 4096;  // a request with a full block
 
     Event take(std::uint8_t byte);
-    // After Event::Frame: its plain bytes. They may be moved away.
+    // After Event::kFrame: its plain bytes. They may be moved away.
     std::vector<std::uint8_t>& frame() { return frame_; }
-    bool inFrame() const { return state_ == State::Frame || state_ == State::Escape; }
+    bool inFrame() const { return state_ == State::kFrame || state_ == State::kEscape; }
     void reset();
 
   private:
-    enum class State { Idle, Frame, Escape, Lost };
+    enum class State { kIdle, kFrame, kEscape, kLost };
 
     Event store(std::uint8_t byte);
 
-    State state_ = State::Idle;
+    State state_ = State::kIdle;
     std::vector<std::uint8_t> frame_;
 };
 

@@ -135,11 +135,11 @@ Clock::time_point VirtualSerialDevice::step(Clock::time_point now) {
 
 void VirtualSerialDevice::powerOn() {
     rom_.powerOn();
-    proxy_.start(options_.start == SerialStart::ProxyInSync);
-    const bool startsInRom = options_.start == SerialStart::RomLoader;
+    proxy_.start(options_.start == SerialStart::kProxyInSync);
+    const bool startsInRom = options_.start == SerialStart::kRomLoader;
     plugged_ = true;
     leaving_ = false;
-    stage_ = startsInRom ? SerialStage::RomLoader : SerialStage::Proxy;
+    stage_ = startsInRom ? SerialStage::kRomLoader : SerialStage::kProxy;
     quietUntil_ = startsInRom ? Clock::now() + options_.romStartUp : Clock::time_point{};
     rate_ = startsInRom ? kFirstRate : options_.proxyRate;
     traffic_ = 0;
@@ -159,8 +159,8 @@ void VirtualSerialDevice::powerOn() {
 }
 
 void VirtualSerialDevice::advance(Clock::time_point now) {
-    if (stage_ == SerialStage::HandOver && now >= quietUntil_)
-        stage_ = SerialStage::Proxy;
+    if (stage_ == SerialStage::kHandOver && now >= quietUntil_)
+        stage_ = SerialStage::kProxy;
 }
 
 void VirtualSerialDevice::hostOpens() {
@@ -216,9 +216,9 @@ void VirtualSerialDevice::hear(Bytes bytes, std::uint32_t hostRate, Clock::time_
     std::size_t passed = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         const SlipReader::Event event = reader_.take(bytes[i]);
-        if (event == SlipReader::Event::None)
+        if (event == SlipReader::Event::kNone)
             continue;
-        if (event == SlipReader::Event::Frame) {
+        if (event == SlipReader::Event::kFrame) {
             const Clock::time_point at = inPace_.carry(i + 1 - passed, hostRate, from);
             passed = i + 1;
             arrived({std::move(reader_.frame()), hostRate, at});
@@ -232,19 +232,19 @@ void VirtualSerialDevice::hear(Bytes bytes, std::uint32_t hostRate, Clock::time_
 void VirtualSerialDevice::hearAtWrongRate(Clock::time_point now) {
     if (reader_.inFrame())
         errors_.add("the rate was changed inside a frame");
-    const SerialFault& fault = faults_.strike(SerialFaultPoint::WrongRate);
-    if (fault.kind != SerialFault::Kind::RawAnswer)
+    const SerialFault& fault = faults_.strike(SerialFaultPoint::kWrongRate);
+    if (fault.kind != SerialFault::Kind::kRawAnswer)
         return;
     inStep_ = false;
     queue(bytesOf(fault.before), std::max(now, inPace_.freeAt()));
 }
 
 void VirtualSerialDevice::note(SlipReader::Event event) {
-    if (event == SlipReader::Event::BadEscape)
+    if (event == SlipReader::Event::kBadEscape)
         errors_.add("a frame with a bad escape");
-    if (event == SlipReader::Event::TooLong)
+    if (event == SlipReader::Event::kTooLong)
         errors_.add("a frame that is too long");
-    if (event == SlipReader::Event::Stray && !std::exchange(strayNoted_, true))
+    if (event == SlipReader::Event::kStray && !std::exchange(strayNoted_, true))
         errors_.add("bytes outside a frame");
 }
 
@@ -263,7 +263,7 @@ void VirtualSerialDevice::serve(const Incoming& frame) {
         return;
     }
     const Clock::time_point at = std::max(frame.at, busyUntil_);
-    Refusal refusal = Refusal::None;
+    Refusal refusal = Refusal::kNone;
     const std::optional<SerialRequest> request = parseRequest(frame.bytes, errors_, refusal);
     if (!request) {
         last_.clear();
@@ -280,15 +280,15 @@ void VirtualSerialDevice::serve(const Incoming& frame) {
         earlierCommand_ = last_[1];
     const SerialAnswer plain = judge(*request, frame.bytes, fault);
     switch (fault.kind) {
-        case SerialFault::Kind::Swallow:
+        case SerialFault::Kind::kSwallow:
             break;
-        case SerialFault::Kind::Stall:
+        case SerialFault::Kind::kStall:
             quietUntil_ = fault.time == std::chrono::milliseconds::max() ? Clock::time_point::max()
                                                                          : at + fault.time;
             incoming_.clear();
             reader_.reset();
             break;
-        case SerialFault::Kind::Unplug:
+        case SerialFault::Kind::kUnplug:
             leaving_ = true;
             leavesAt_ = at;
             break;
@@ -299,29 +299,29 @@ void VirtualSerialDevice::serve(const Incoming& frame) {
 }
 
 std::optional<SerialFaultPoint> VirtualSerialDevice::pointOf(std::uint8_t command) const {
-    const bool inRom = stage_ == SerialStage::RomLoader;
+    const bool inRom = stage_ == SerialStage::kRomLoader;
     const auto only = [&](bool asked, SerialFaultPoint point) {
         return asked ? std::optional(point) : std::nullopt;
     };
     switch (command) {
         case kUartSync:
-            return inRom ? SerialFaultPoint::RomSync : SerialFaultPoint::ProxySync;
+            return inRom ? SerialFaultPoint::kRomSync : SerialFaultPoint::kProxySync;
         case kUartRamBegin:
-            return only(inRom, SerialFaultPoint::RamBegin);
+            return only(inRom, SerialFaultPoint::kRamBegin);
         case kUartRamData:
-            return only(inRom, SerialFaultPoint::RamData);
+            return only(inRom, SerialFaultPoint::kRamData);
         case kUartRamEnd:
-            return only(inRom, SerialFaultPoint::RamEnd);
+            return only(inRom, SerialFaultPoint::kRamEnd);
         case kUartChangeBaudrate:
-            return only(!inRom, SerialFaultPoint::ChangeBaudrate);
+            return only(!inRom, SerialFaultPoint::kChangeBaudrate);
         case kUartFlashBegin:
-            return only(!inRom, SerialFaultPoint::FlashBegin);
+            return only(!inRom, SerialFaultPoint::kFlashBegin);
         case kUartFlashData:
-            return only(!inRom, SerialFaultPoint::FlashData);
+            return only(!inRom, SerialFaultPoint::kFlashData);
         case kUartMd5:
-            return only(!inRom, SerialFaultPoint::Md5);
+            return only(!inRom, SerialFaultPoint::kMd5);
         case kUartFlashEnd:
-            return only(!inRom, SerialFaultPoint::FlashEnd);
+            return only(!inRom, SerialFaultPoint::kFlashEnd);
         default:
             return std::nullopt;
     }
@@ -329,7 +329,7 @@ std::optional<SerialFaultPoint> VirtualSerialDevice::pointOf(std::uint8_t comman
 
 SerialAnswer VirtualSerialDevice::judge(const SerialRequest& request, Bytes frame,
                                         const SerialFault& fault) {
-    const bool inRom = stage_ == SerialStage::RomLoader;
+    const bool inRom = stage_ == SerialStage::kRomLoader;
     const bool again = !last_.empty() && sameRequest(frame, last_);
     const bool open = !last_.empty() && !acknowledged_;  // the last request was not done with
     const bool restarts = request.command == (inRom ? kUartSync : kUartFlashBegin);
@@ -354,11 +354,11 @@ SerialAnswer VirtualSerialDevice::judge(const SerialRequest& request, Bytes fram
                     .inStep = inStep_,
                     .mayRestart = open || !inStep_,
                     .corruptOffset = {}};
-    if (fault.kind == SerialFault::Kind::Corrupt)
+    if (fault.kind == SerialFault::Kind::kCorrupt)
         turn.corruptOffset = fault.value;
     lastAnswer_ =
         inRom ? SerialAnswer{rom_.take(request, turn), {}} : proxy_.take(request, turn, rate_);
-    carriedOut_ = turn.carryOut && lastAnswer_.refusal == Refusal::None;
+    carriedOut_ = turn.carryOut && lastAnswer_.refusal == Refusal::kNone;
     if (carriedOut_ && request.command == kUartChangeBaudrate)
         nextRate_ = request.word(0);
     return lastAnswer_;
@@ -401,34 +401,34 @@ void VirtualSerialDevice::answer(const SerialRequest& request, const SerialAnswe
     if (carriedOut_)
         busyUntil_ += timeFor(request);
     Clock::time_point readyAt = busyUntil_;
-    if (fault.kind == Kind::LateAnswer)
+    if (fault.kind == Kind::kLateAnswer)
         readyAt += fault.time;
     if (readyAt - arrivedAt > options_.patience)
         inStep_ = false;
 
-    After after = After::Nothing;
+    After after = After::kNothing;
     if (carriedOut_ && request.command == kUartChangeBaudrate)
-        after = After::RateChanges;
+        after = After::kRateChanges;
     if (carriedOut_ && request.command == kUartRamEnd)
-        after = After::ProxyStarts;
+        after = After::kProxyStarts;
 
     std::uint8_t command = request.command;
     SerialAnswer content = plain;
-    if (fault.kind == Kind::WrongDigest && content.digest) {
+    if (fault.kind == Kind::kWrongDigest && content.digest) {
         content.digest->back() ^= 1;
         proxy_.digestWasWrong();
     }
-    if (fault.kind == Kind::EarlierAnswer) {
+    if (fault.kind == Kind::kEarlierAnswer) {
         const std::uint8_t other = command == kUartSync ? kUartRamEnd : kUartSync;
         command = command == earlierCommand_ ? other : earlierCommand_;
         content = {};
     }
     std::vector<std::uint8_t> packet = answerPacket(command, content);
-    if (fault.kind == Kind::Refuse) {
+    if (fault.kind == Kind::kRefuse) {
         packet[8] = static_cast<std::uint8_t>(fault.value);
         packet[9] = static_cast<std::uint8_t>(fault.value >> 8);
     }
-    if (fault.kind == Kind::LongFrame)
+    if (fault.kind == Kind::kLongFrame)
         packet.resize(std::max<std::size_t>(packet.size(), fault.value), kFiller);
     shape(std::move(packet), carriedOut_, fault, readyAt, after);
 }
@@ -439,20 +439,20 @@ void VirtualSerialDevice::shape(std::vector<std::uint8_t> packet, bool good,
     std::vector<std::uint8_t> frame = slipFrame(packet);
     const auto part = std::min<std::ptrdiff_t>(fault.value, std::ssize(frame));
     switch (fault.kind) {
-        case Kind::Silence:
+        case Kind::kSilence:
             queue({}, readyAt, false, after);
             break;
-        case Kind::CutAnswer:
+        case Kind::kCutAnswer:
             inStep_ = inStep_ && fault.time < kReadGap;
             queue({frame.begin(), frame.begin() + part}, readyAt);
             queue({frame.begin() + part, frame.end()}, readyAt + fault.time, good, after);
             break;
-        case Kind::RawAnswer:
+        case Kind::kRawAnswer:
             // An empty frame may pass for the answer before, and an open one spoils the next.
             inStep_ = false;
             queue(bytesOf(fault.before), readyAt);
             break;
-        case Kind::Noise:
+        case Kind::kNoise:
             if (frame.size() + fault.before.size() + fault.behind.size() > kLongestRead ||
                 (fault.before + fault.behind).find('\xC0') != std::string::npos)
                 inStep_ = false;
@@ -460,17 +460,17 @@ void VirtualSerialDevice::shape(std::vector<std::uint8_t> packet, bool good,
             frame.insert(frame.end(), fault.behind.begin(), fault.behind.end());
             queue(std::move(frame), readyAt, good, after);
             break;
-        case Kind::LongFrame:
+        case Kind::kLongFrame:
             if (packet.size() > kLongestAnswer || frame.size() > kLongestRead)
                 inStep_ = false;  // it depends on how the host's reads cut it
             queue(std::move(frame), readyAt, good, after);
             break;
-        case Kind::EarlierAnswer:
+        case Kind::kEarlierAnswer:
             queue(std::move(frame), readyAt, false, after);
             break;
-        case Kind::UnplugInAnswer:
+        case Kind::kUnplugInAnswer:
             frame.resize(static_cast<std::size_t>(part));
-            queue(std::move(frame), readyAt, false, After::Leaves);
+            queue(std::move(frame), readyAt, false, After::kLeaves);
             break;
         default:
             queue(std::move(frame), readyAt, good, after);
@@ -486,7 +486,7 @@ void VirtualSerialDevice::queue(std::vector<std::uint8_t> bytes, Clock::time_poi
 
 void VirtualSerialDevice::send(const Outgoing& piece, Clock::time_point now) {
     std::vector<std::uint8_t> bytes = piece.bytes;
-    const bool leaves = bytes.size() >= bytesUntilUnplugged() || piece.after == After::Leaves;
+    const bool leaves = bytes.size() >= bytesUntilUnplugged() || piece.after == After::kLeaves;
     bytes.resize(std::min<std::size_t>(bytes.size(), bytesUntilUnplugged()));
     traffic_ += bytes.size();
     bool readable = line_->inUse();
@@ -503,11 +503,11 @@ void VirtualSerialDevice::send(const Outgoing& piece, Clock::time_point now) {
     if (piece.acknowledges && readable)
         acknowledged_ = true;
 
-    if (piece.after == After::RateChanges)
+    if (piece.after == After::kRateChanges)
         rate_ = nextRate_;
-    if (piece.after == After::ProxyStarts) {
+    if (piece.after == After::kProxyStarts) {
         inStep_ = inStep_ && acknowledged_;  // else the host goes on asking for the ROM loader
-        stage_ = SerialStage::HandOver;
+        stage_ = SerialStage::kHandOver;
         quietUntil_ = now + options_.proxyStartUp;
         rate_ = options_.proxyRate;
         proxy_.start(false);

@@ -27,14 +27,14 @@
 namespace simulator {
 
 // HandOver: the flash proxy starts and hears nothing yet.
-enum class SerialStage { RomLoader, HandOver, Proxy };
+enum class SerialStage { kRomLoader, kHandOver, kProxy };
 
 // What a device is when it gets power; the latter two are for tests that need no download, and no
 // SYNC either.
-enum class SerialStart { RomLoader, Proxy, ProxyInSync };
+enum class SerialStart { kRomLoader, kProxy, kProxyInSync };
 
 struct SerialDeviceOptions {
-    SerialStart start = SerialStart::RomLoader;
+    SerialStart start = SerialStart::kRomLoader;
     bool paced = false;          // bytes take their time on the line, both ways
     bool requiresDigest = true;  // an image that ends without MD5 is a breach
     std::uint32_t proxyRate = kFirstRate;
@@ -92,13 +92,13 @@ class VirtualSerialDevice {
         Clock::time_point at;
     };
     // What happens when bytes have been sent.
-    enum class After { Nothing, ProxyStarts, RateChanges, Leaves };
+    enum class After { kNothing, kProxyStarts, kRateChanges, kLeaves };
     // Bytes on their way to the host.
     struct Outgoing {
         std::vector<std::uint8_t> bytes;
         Clock::time_point at;
         bool acknowledges = false;  // the host has got a good answer then
-        After after = After::Nothing;
+        After after = After::kNothing;
     };
 
     void run();
@@ -122,7 +122,7 @@ class VirtualSerialDevice {
     void shape(std::vector<std::uint8_t> packet, bool good, const SerialFault& fault,
                Clock::time_point readyAt, After after);
     void queue(std::vector<std::uint8_t> bytes, Clock::time_point readyAt,
-               bool acknowledges = false, After after = After::Nothing);
+               bool acknowledges = false, After after = After::kNothing);
     void send(const Outgoing& piece, Clock::time_point now);
     std::uint64_t bytesUntilUnplugged() const;
 
@@ -142,7 +142,7 @@ class VirtualSerialDevice {
     bool plugged_ = false;
     bool leaving_ = false;
     Clock::time_point leavesAt_;
-    SerialStage stage_ = SerialStage::RomLoader;
+    SerialStage stage_ = SerialStage::kRomLoader;
     Clock::time_point quietUntil_;
     std::uint32_t rate_ = kFirstRate;
     std::uint32_t nextRate_ = 0;  // when CHANGE_BAUDRATE has been answered

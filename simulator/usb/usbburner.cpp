@@ -32,7 +32,7 @@ const char* nameOf(std::uint8_t code) {
 }  // namespace
 
 void UsbBurner::powerOn() {
-    state_ = State::Idle;
+    state_ = State::kIdle;
     crc_.reset();
 }
 
@@ -74,20 +74,20 @@ bool UsbBurner::isClean(Bytes record, const Command& command) {
 
 UsbBurner::Response UsbBurner::getResult(const UsbTurn& turn) {
     switch (state_) {
-        case State::Idle:
+        case State::kIdle:
             return breach("GET_RESULT without a command", 0);
-        case State::TakingData:
+        case State::kTakingData:
             note("GET_RESULT in the data phase");
             return {kOngoing, running_.code};
-        case State::Running:
+        case State::kRunning:
             if (turn.now < resultAt_)
                 return {kOngoing, running_.code};
             if (!turn.carryOut)
                 return {kSuccess, running_.code};
             outcome_ = finish();
             return outcome_;
-        case State::Finished:
-        case State::Failed:
+        case State::kFinished:
+        case State::kFailed:
             break;
     }
     if (turn.inStep && turn.lastAnswered)
@@ -96,7 +96,7 @@ UsbBurner::Response UsbBurner::getResult(const UsbTurn& turn) {
 }
 
 UsbBurner::Response UsbBurner::setCrc(Bytes record, const UsbTurn& turn) {
-    if (state_ == State::TakingData || state_ == State::Running)
+    if (state_ == State::kTakingData || state_ == State::kRunning)
         return breach("SET_CRC64 while a command runs", kSetCrc64);
     if (turn.carryOut)
         crc_ = readU64(record, 4);
@@ -104,7 +104,7 @@ UsbBurner::Response UsbBurner::setCrc(Bytes record, const UsbTurn& turn) {
 }
 
 UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, const UsbTurn& turn) {
-    const bool runs = state_ == State::TakingData || state_ == State::Running;
+    const bool runs = state_ == State::kTakingData || state_ == State::kRunning;
     const bool again = runs && received_ == 0 && std::ranges::equal(record, lastRecord_) &&
                        (!turn.lastAnswered || !turn.inStep);
     if (runs && !again)
@@ -131,12 +131,12 @@ UsbBurner::Response UsbBurner::begin(Bytes record, const Command& command, const
     receivedCrc_ = 0;
     corrupted_ = false;
     resultAt_ = turn.now + accepted.delay + options_->resultTime;
-    state_ = isWrite && command.size > 0 ? State::TakingData : State::Running;
+    state_ = isWrite && command.size > 0 ? State::kTakingData : State::kRunning;
     return accepted;
 }
 
 std::optional<UsbBurner::Response> UsbBurner::takeChunk(Bytes chunk, const UsbTurn& turn) {
-    if (state_ != State::TakingData) {
+    if (state_ != State::kTakingData) {
         note("data outside the data phase");
         return std::nullopt;
     }
@@ -163,14 +163,14 @@ std::optional<UsbBurner::Response> UsbBurner::takeChunk(Bytes chunk, const UsbTu
         receivedCrc_ = crc64(receivedCrc_, chunk);
     received_ += expected;
     if (received_ == running_.size) {
-        state_ = State::Running;
+        state_ = State::kRunning;
         resultAt_ = turn.now + options_->chunkTime + options_->resultTime;
     }
     return taken;
 }
 
 void UsbBurner::fail() {
-    state_ = State::Failed;
+    state_ = State::kFailed;
     outcome_ = {kError, running_.code, {}, "the command has failed"};
 }
 
@@ -178,10 +178,10 @@ UsbBurner::Response UsbBurner::finish() {
     if (running_.code == kEraseOnly)
         flash_->erase(running_.address, running_.size);
     if (!dataIsGood()) {
-        state_ = State::Failed;
+        state_ = State::kFailed;
         return {kError, running_.code, {}, "crc64 mismatch"};
     }
-    state_ = State::Finished;
+    state_ = State::kFinished;
     return {kSuccess, running_.code};
 }
 

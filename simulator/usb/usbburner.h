@@ -39,10 +39,10 @@ class UsbBurner {
     // The running command has ended with an error.
     void fail();
 
-    bool takesData() const { return state_ == State::TakingData; }
+    bool takesData() const { return state_ == State::kTakingData; }
 
   private:
-    enum class State { Idle, TakingData, Running, Finished, Failed };
+    enum class State { kIdle, kTakingData, kRunning, kFinished, kFailed };
 
     struct Command {
         std::uint8_t code = 0;
@@ -65,7 +65,7 @@ class UsbBurner {
     Flash* flash_;
     const UsbDeviceOptions* options_;
 
-    State state_ = State::Idle;
+    State state_ = State::kIdle;
     std::array<std::uint8_t, kRecordSize> lastRecord_{};  // of the running command
     Command running_;
     std::uint32_t received_ = 0;

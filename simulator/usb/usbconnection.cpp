@@ -13,10 +13,10 @@ UsbConnection::UsbConnection(std::shared_ptr<VirtualUsbDevice> device,
 UsbTransferSlot::State UsbConnection::start(UsbTransferSlot& slot, UsbOpening& opening,
                                             const UsbRequest& request, bool deferred) {
     std::unique_lock lock(lock_);
-    if (slot.state != UsbTransferSlot::State::Ready)
-        return UsbTransferSlot::State::Ready;
+    if (slot.state != UsbTransferSlot::State::kReady)
+        return UsbTransferSlot::State::kReady;
     slot = {};
-    slot.state = UsbTransferSlot::State::UnderWay;
+    slot.state = UsbTransferSlot::State::kUnderWay;
     slot.opening = &opening;
     slot.request = request;
     slot.again = Clock::time_point::max();
@@ -34,10 +34,10 @@ UsbTransferSlot::State UsbConnection::start(UsbTransferSlot& slot, UsbOpening& o
 bool UsbConnection::wait(UsbTransferSlot& slot, std::chrono::milliseconds timeout) {
     const Clock::time_point deadline = Clock::now() + timeout;
     std::unique_lock lock(lock_);
-    if (slot.state == UsbTransferSlot::State::Ready)
+    if (slot.state == UsbTransferSlot::State::kReady)
         return false;
     pump();
-    while (slot.state == UsbTransferSlot::State::UnderWay) {
+    while (slot.state == UsbTransferSlot::State::kUnderWay) {
         if (Clock::now() >= deadline) {
             end(slot, libusbk::kCancelled);
             break;
@@ -51,15 +51,15 @@ bool UsbConnection::wait(UsbTransferSlot& slot, std::chrono::milliseconds timeou
 
 bool UsbConnection::reuse(UsbTransferSlot& slot) {
     const std::lock_guard guard(lock_);
-    if (slot.state == UsbTransferSlot::State::UnderWay)
+    if (slot.state == UsbTransferSlot::State::kUnderWay)
         return false;
-    slot.state = UsbTransferSlot::State::Ready;
+    slot.state = UsbTransferSlot::State::kReady;
     return true;
 }
 
 bool UsbConnection::abandon(UsbTransferSlot& slot) {
     const std::lock_guard guard(lock_);
-    const bool underWay = slot.state == UsbTransferSlot::State::UnderWay;
+    const bool underWay = slot.state == UsbTransferSlot::State::kUnderWay;
     if (underWay)
         end(slot, libusbk::kOperationAborted);
     return underWay;
@@ -139,7 +139,7 @@ void UsbConnection::pump() {
         UsbTransferSlot& slot = *underWay_[i];
         if (mayMove(i))
             progress(slot);
-        i = slot.state == UsbTransferSlot::State::Ended ? 0 : i + 1;
+        i = slot.state == UsbTransferSlot::State::kEnded ? 0 : i + 1;
     }
 }
 
@@ -164,12 +164,12 @@ void UsbConnection::progress(UsbTransferSlot& slot) {
     // Whoever waits for this transfer may not be who moves it, and has to look at the clock anew.
     if (std::exchange(slot.again, outcome.again) != outcome.again)
         changed_.notify_all();
-    slot.refused = outcome.state == State::Refused;
+    slot.refused = outcome.state == State::kRefused;
     if (outcome.needsClaim && !slot.opening->hasClaimed && !std::exchange(unclaimedTold_, true))
         errors_->add("a transfer with the burner image without a claim of the interface");
-    if (outcome.state == State::Ended)
+    if (outcome.state == State::kEnded)
         end(slot, libusbk::kNoError);
-    else if (outcome.state == State::Stalled)
+    else if (outcome.state == State::kStalled)
         end(slot, libusbk::kGeneralFailure);
     if (outcome.left && !cut_) {
         cut_ = true;
@@ -179,7 +179,7 @@ void UsbConnection::progress(UsbTransferSlot& slot) {
 }
 
 void UsbConnection::end(UsbTransferSlot& slot, std::uint32_t code) {
-    slot.state = UsbTransferSlot::State::Ended;
+    slot.state = UsbTransferSlot::State::kEnded;
     slot.code = code;
     std::erase(underWay_, &slot);
     changed_.notify_all();

@@ -30,9 +30,9 @@ struct UsbRequest {
 // One transfer, of a slot or of a call without one. All but `moved` and `code` of an ended transfer
 // belongs to the connection.
 struct UsbTransferSlot {
-    enum class State { Ready, UnderWay, Ended };
+    enum class State { kReady, kUnderWay, kEnded };
 
-    State state = State::Ready;
+    State state = State::kReady;
     UsbOpening* opening = nullptr;
     UsbRequest request{};
     std::uint32_t moved = 0;

@@ -18,7 +18,7 @@ std::uint8_t checksum(Bytes payload) {
 }  // namespace
 
 void UsbRomLoader::powerOn() {
-    state_ = State::Begin;
+    state_ = State::kBegin;
     fresh_ = false;
     totalSize_ = 0;
     nextBlock_ = 0;
@@ -39,7 +39,7 @@ std::uint8_t UsbRomLoader::take(Bytes message, const UsbTurn& turn) {
         lastAnswered = true;
     }
     fresh_ = false;
-    if (state_ == State::Dead)
+    if (state_ == State::kDead)
         return breach("a message after a fatal status");
 
     if (!repeats(message)) {
@@ -89,7 +89,7 @@ std::uint8_t UsbRomLoader::judgeBegin(Bytes message) {
         return kBadMessage;
     const std::uint32_t total = readU32(message, 8);
     const bool good =
-        expect(state_ == State::Begin, "MEM_BEGIN during a download") &&
+        expect(state_ == State::kBegin, "MEM_BEGIN during a download") &&
         expect(readU32(message, 4) == 0, "MEM_BEGIN has a checksum") &&
         expect(total > 0, "MEM_BEGIN has a total length of 0") &&
         expect(readU32(message, 12) == (std::uint64_t{total} + kBlockSize - 1) / kBlockSize,
@@ -100,7 +100,7 @@ std::uint8_t UsbRomLoader::judgeBegin(Bytes message) {
 }
 
 std::uint8_t UsbRomLoader::judgeData(Bytes message) {
-    if (!expect(state_ == State::Data, "MEM_DATA outside a download") ||
+    if (!expect(state_ == State::kData, "MEM_DATA outside a download") ||
         !expect(message.size() > kHeaderSize, "MEM_DATA has a wrong size"))
         return kBadMessage;
     const std::uint32_t size = readU32(message, 8);
@@ -122,7 +122,7 @@ std::uint8_t UsbRomLoader::judgeData(Bytes message) {
 std::uint8_t UsbRomLoader::judgeEnd(Bytes message) {
     if (!isWellFormed(message, kEndSize, "MEM_END"))
         return kBadMessage;
-    const bool good = expect(state_ == State::Data && image_.size() == totalSize_,
+    const bool good = expect(state_ == State::kData && image_.size() == totalSize_,
                              "MEM_END before the whole image") &&
                       expect(readU32(message, 4) == 0, "MEM_END has a checksum") &&
                       expect(readU64(message, 8) == 0, "MEM_END has its reserved bytes set");
@@ -133,14 +133,14 @@ void UsbRomLoader::carryOut(Bytes message) {
     switch (message[1]) {
         case kMemBegin:
             totalSize_ = readU32(message, 8);
-            state_ = State::Data;
+            state_ = State::kData;
             break;
         case kMemData:
             image_.insert(image_.end(), message.begin() + kHeaderSize, message.end());
             ++nextBlock_;
             break;
         default:
-            state_ = State::Ended;
+            state_ = State::kEnded;
             break;
     }
 }

@@ -25,14 +25,14 @@ class UsbRomLoader {
     // Checks the message and returns the status to answer with; on 0 carries it out, if told to.
     std::uint8_t take(Bytes message, const UsbTurn& turn);
     // A fatal status was sent: nothing may follow.
-    void die() { state_ = State::Dead; }
+    void die() { state_ = State::kDead; }
 
     // The whole image has come and MEM_END too.
-    bool ended() const { return state_ == State::Ended; }
+    bool ended() const { return state_ == State::kEnded; }
     const std::vector<std::uint8_t>& image() const { return image_; }
 
   private:
-    enum class State { Begin, Data, Ended, Dead };
+    enum class State { kBegin, kData, kEnded, kDead };
 
     static constexpr std::uint8_t kBadChecksum = 0x01;
     static constexpr std::uint8_t kBadMessage = 0xFE;
@@ -48,7 +48,7 @@ class UsbRomLoader {
     bool expect(bool condition, const std::string& text);
 
     ErrorList* errors_;
-    State state_ = State::Begin;
+    State state_ = State::kBegin;
     bool fresh_ = false;
     std::uint32_t totalSize_ = 0;
     std::uint32_t nextBlock_ = 0;

@@ -315,7 +315,7 @@ SlotObject* VirtualUsbBus::takenSlot(libusbk::OverlappedSlot* slot, const char* 
 }
 
 bool VirtualUsbBus::startup() {
-    if (isToFail(UsbOperation::Startup))
+    if (isToFail(UsbOperation::kStartup))
         return false;
     const std::lock_guard guard(lock_);
     if (started_)
@@ -341,7 +341,7 @@ void VirtualUsbBus::shutdown() {
 }
 
 bool VirtualUsbBus::isDriverInstalled() {
-    if (isToFail(UsbOperation::DriverCheck))
+    if (isToFail(UsbOperation::kDriverCheck))
         return false;
     const std::lock_guard guard(lock_);
     return started_ || misuse("LibK_IsDriverInstalled", "not started");
@@ -349,7 +349,7 @@ bool VirtualUsbBus::isDriverInstalled() {
 
 bool VirtualUsbBus::initMonitor(libusbk::Monitor** monitor,
                                 const libusbk::MonitorParameters& parameters) {
-    if (isToFail(UsbOperation::Monitor))
+    if (isToFail(UsbOperation::kMonitor))
         return false;
     const std::lock_guard guard(lock_);
     if (!started_ || parameters.callback == nullptr)
@@ -384,7 +384,7 @@ bool VirtualUsbBus::freeMonitor(libusbk::Monitor* monitor) {
 }
 
 bool VirtualUsbBus::initList(libusbk::DeviceList** list, const DevicePattern& pattern) {
-    if (isToFail(UsbOperation::List))
+    if (isToFail(UsbOperation::kList))
         return false;
     const std::lock_guard guard(lock_);
     if (!started_)
@@ -424,7 +424,7 @@ bool VirtualUsbBus::freeList(libusbk::DeviceList* list) {
 }
 
 bool VirtualUsbBus::open(libusbk::UsbHandle** handle, const DeviceEntry& entry) {
-    if (isToFail(UsbOperation::Open))
+    if (isToFail(UsbOperation::kOpen))
         return false;
     const std::lock_guard guard(lock_);
     if (!started_)
@@ -456,7 +456,7 @@ bool VirtualUsbBus::close(libusbk::UsbHandle* handle) {
 
 bool VirtualUsbBus::claim(libusbk::UsbHandle* handle, std::uint8_t number) {
     HandleObject* const object = openHandle(handle, "UsbK_ClaimInterface");
-    if (object == nullptr || isToFail(UsbOperation::Claim))
+    if (object == nullptr || isToFail(UsbOperation::kClaim))
         return false;
     if (number != 0)
         return failWith(libusbk::kNoMoreItems);
@@ -506,9 +506,9 @@ bool VirtualUsbBus::transfer(libusbk::UsbHandle* handle, const UsbRequest& reque
         target = &taken->transfer;
     }
     switch (connection.start(*target, object->opening, request, slot != nullptr && deferred_)) {
-        case UsbTransferSlot::State::Ready:
+        case UsbTransferSlot::State::kReady:
             return misuse(name, "the slot was not made ready again");
-        case UsbTransferSlot::State::UnderWay:
+        case UsbTransferSlot::State::kUnderWay:
             if (slot != nullptr) {
                 if (transferred != nullptr)
                     *transferred = 0;
@@ -518,7 +518,7 @@ bool VirtualUsbBus::transfer(libusbk::UsbHandle* handle, const UsbRequest& reque
             if (own.code == libusbk::kCancelled)
                 own.code = libusbk::kSemaphoreTimeout;
             break;
-        case UsbTransferSlot::State::Ended:
+        case UsbTransferSlot::State::kEnded:
             break;
     }
     if (transferred != nullptr)
@@ -560,7 +560,7 @@ bool VirtualUsbBus::interrupt(libusbk::UsbHandle* handle) {
 bool VirtualUsbBus::initPool(libusbk::OverlappedPool** pool, libusbk::UsbHandle* handle,
                              std::int32_t count) {
     HandleObject* const object = openHandle(handle, "OvlK_Init");
-    if (object == nullptr || isToFail(UsbOperation::PoolInit))
+    if (object == nullptr || isToFail(UsbOperation::kPoolInit))
         return false;
     if (count <= 0)
         return misuse("OvlK_Init", "a pool without slots");
@@ -590,7 +590,7 @@ bool VirtualUsbBus::freePool(libusbk::OverlappedPool* pool) {
 
 bool VirtualUsbBus::acquire(libusbk::OverlappedSlot** slot, libusbk::OverlappedPool* pool) {
     PoolObject* const object = objectOf<PoolObject>(pool);
-    if (isToFail(UsbOperation::SlotAcquire))
+    if (isToFail(UsbOperation::kSlotAcquire))
         return false;
     const std::lock_guard guard(lock_);
     if (object == nullptr || !object->live)

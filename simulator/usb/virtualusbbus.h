@@ -28,14 +28,14 @@ struct UsbIdentity {
 
 // Operations of libusbK that can be made to fail.
 enum class UsbOperation {
-    Startup,      // LibK_Startup
-    DriverCheck,  // LibK_IsDriverInstalled
-    Monitor,      // HotK_Init
-    List,         // LstK_InitEx
-    Open,         // UsbK_Init
-    Claim,        // UsbK_ClaimInterface
-    PoolInit,     // OvlK_Init
-    SlotAcquire,  // OvlK_Acquire
+    kStartup,      // LibK_Startup
+    kDriverCheck,  // LibK_IsDriverInstalled
+    kMonitor,      // HotK_Init
+    kList,         // LstK_InitEx
+    kOpen,         // UsbK_Init
+    kClaim,        // UsbK_ClaimInterface
+    kPoolInit,     // OvlK_Init
+    kSlotAcquire,  // OvlK_Acquire
 };
 
 // One bus at a time, made before libusbK is bound and destroyed after it is unbound. All operations

@@ -38,7 +38,7 @@ void VirtualUsbDevice::powerOn() {
     const std::lock_guard guard(lock_);
     rom_.powerOn();
     burner_.powerOn();
-    stage_ = options_.startsInBurner ? UsbStage::Burner : UsbStage::RomLoader;
+    stage_ = options_.startsInBurner ? UsbStage::kBurner : UsbStage::kRomLoader;
     left_ = false;
     fresh_ = false;
     inStep_ = true;
@@ -63,34 +63,34 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
     const Clock::time_point now = Clock::now();
     const std::lock_guard guard(lock_);
     if (left_)
-        return {.state = TransferOutcome::State::Refused, .left = true};
+        return {.state = TransferOutcome::State::kRefused, .left = true};
     advance(now);
     if (halted_.contains(endpoint))
-        return {.state = TransferOutcome::State::Stalled};
+        return {.state = TransferOutcome::State::kStalled};
     if (now < quietUntil_)
-        return {.state = TransferOutcome::State::Waiting, .again = quietUntil_};
+        return {.state = TransferOutcome::State::kWaiting, .again = quietUntil_};
 
     const auto size = static_cast<std::uint32_t>(bytes.size());
     if (size > bytesUntilUnplugged()) {
         const auto moved = static_cast<std::uint32_t>(bytesUntilUnplugged());
         traffic_ += moved;
         leave();
-        return {.state = TransferOutcome::State::Refused, .moved = moved, .left = true};
+        return {.state = TransferOutcome::State::kRefused, .moved = moved, .left = true};
     }
     if (options_.recordsTransfers)
         transfers_.push_back({endpoint, {bytes.begin(), bytes.end()}});
 
-    TransferOutcome outcome{.state = TransferOutcome::State::Ended, .moved = size};
+    TransferOutcome outcome{.state = TransferOutcome::State::kEnded, .moved = size};
     // A host that has opened the device anew cannot know that its burner runs already, and may go
     // on asking for a download.
-    fresh_ = fresh_ && stage_ == UsbStage::Burner && endpoint == kDataOut && bytes.size() == 24 &&
+    fresh_ = fresh_ && stage_ == UsbStage::kBurner && endpoint == kDataOut && bytes.size() == 24 &&
              bytes[1] == kMemBegin;
     if (!fresh_) {
-        outcome.needsClaim = stage_ == UsbStage::Burner;
+        outcome.needsClaim = stage_ == UsbStage::kBurner;
         const UsbFault& fault = strike(pointOf(endpoint, bytes));
-        if (fault.kind >= UsbFault::Kind::Stall && fault.kind <= UsbFault::Kind::Unplug)
+        if (fault.kind >= UsbFault::Kind::kStall && fault.kind <= UsbFault::Kind::kUnplug)
             return transferFault(endpoint, fault, size);
-        if (fault.kind != UsbFault::Kind::Swallow)
+        if (fault.kind != UsbFault::Kind::kSwallow)
             take(endpoint, bytes, fault, now);
     }
     traffic_ += size;
@@ -103,16 +103,16 @@ TransferOutcome VirtualUsbDevice::hostWrites(std::uint8_t endpoint, Bytes bytes)
 
 TransferOutcome VirtualUsbDevice::transferFault(std::uint8_t endpoint, const UsbFault& fault,
                                                 std::uint32_t size) {
-    if (fault.kind == UsbFault::Kind::Stall) {
+    if (fault.kind == UsbFault::Kind::kStall) {
         halted_.insert(endpoint);
-        return {.state = TransferOutcome::State::Stalled};
+        return {.state = TransferOutcome::State::kStalled};
     }
-    TransferOutcome outcome{.state = TransferOutcome::State::Refused,
+    TransferOutcome outcome{.state = TransferOutcome::State::kRefused,
                             .moved = std::min(fault.value, size)};
     traffic_ += outcome.moved;
-    if (fault.kind == UsbFault::Kind::ShortWrite)
-        outcome.state = TransferOutcome::State::Ended;
-    if (fault.kind == UsbFault::Kind::Unplug) {
+    if (fault.kind == UsbFault::Kind::kShortWrite)
+        outcome.state = TransferOutcome::State::kEnded;
+    if (fault.kind == UsbFault::Kind::kUnplug) {
         leave();
         outcome.left = true;
     }
@@ -123,18 +123,18 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
                                             std::uint32_t moved) {
     const Clock::time_point now = Clock::now();
     const std::lock_guard guard(lock_);
-    TransferOutcome outcome{.state = TransferOutcome::State::Refused, .moved = moved};
+    TransferOutcome outcome{.state = TransferOutcome::State::kRefused, .moved = moved};
     advance(now);
-    outcome.needsClaim = stage_ == UsbStage::Burner && !fresh_;
+    outcome.needsClaim = stage_ == UsbStage::kBurner && !fresh_;
     Exchange& exchange = endpoint == kDataIn ? data_ : commands_;
     AnswerQueue& answers = exchange.answers;
     while (!left_) {
         if (halted_.contains(endpoint)) {
-            outcome.state = TransferOutcome::State::Stalled;
+            outcome.state = TransferOutcome::State::kStalled;
             return outcome;
         }
         if (answers.empty() || answers.front().readableAt > now) {
-            outcome.state = TransferOutcome::State::Waiting;
+            outcome.state = TransferOutcome::State::kWaiting;
             if (!answers.empty())
                 outcome.again = answers.front().readableAt;
             return outcome;
@@ -168,7 +168,7 @@ TransferOutcome VirtualUsbDevice::hostReads(std::uint8_t endpoint, std::span<std
         if (bytesUntilUnplugged() == 0)
             leave();
         if (ended) {
-            outcome.state = TransferOutcome::State::Ended;
+            outcome.state = TransferOutcome::State::kEnded;
             break;
         }
     }
@@ -187,8 +187,8 @@ void VirtualUsbDevice::delivered(Exchange& exchange, const Packet& packet, Clock
     if (packet.answers == 0)
         return;
     exchange.answered = packet.answers;
-    if (stage_ == UsbStage::RomLoader && rom_.ended()) {
-        stage_ = UsbStage::HandOver;
+    if (stage_ == UsbStage::kRomLoader && rom_.ended()) {
+        stage_ = UsbStage::kHandOver;
         quietUntil_ = now + options_.handOver;
     }
 }
@@ -257,9 +257,9 @@ std::vector<UsbTransfer> VirtualUsbDevice::transfers() const {
 }
 
 void VirtualUsbDevice::advance(Clock::time_point now) {
-    if (stage_ != UsbStage::HandOver || now < quietUntil_)
+    if (stage_ != UsbStage::kHandOver || now < quietUntil_)
         return;
-    stage_ = UsbStage::Burner;
+    stage_ = UsbStage::kBurner;
     burner_.powerOn();
     commands_ = {};
     data_ = {};
@@ -271,25 +271,25 @@ std::uint64_t VirtualUsbDevice::bytesUntilUnplugged() const {
 }
 
 std::optional<UsbFaultPoint> VirtualUsbDevice::pointOf(std::uint8_t endpoint, Bytes bytes) const {
-    static constexpr std::array kCommands = {UsbFaultPoint::FlashWrite, UsbFaultPoint::VerifyOnly,
-                                             UsbFaultPoint::EraseOnly,  UsbFaultPoint::Sync,
-                                             UsbFaultPoint::GetResult,  UsbFaultPoint::SetCrc64};
-    if (stage_ == UsbStage::RomLoader) {
+    static constexpr std::array kCommands = {UsbFaultPoint::kFlashWrite, UsbFaultPoint::kVerifyOnly,
+                                             UsbFaultPoint::kEraseOnly,  UsbFaultPoint::kSync,
+                                             UsbFaultPoint::kGetResult,  UsbFaultPoint::kSetCrc64};
+    if (stage_ == UsbStage::kRomLoader) {
         if (endpoint != kDataOut || bytes.size() < 2)
             return std::nullopt;
         switch (bytes[1]) {
             case kMemBegin:
-                return UsbFaultPoint::MemBegin;
+                return UsbFaultPoint::kMemBegin;
             case kMemData:
-                return UsbFaultPoint::MemData;
+                return UsbFaultPoint::kMemData;
             case kMemEnd:
-                return UsbFaultPoint::MemEnd;
+                return UsbFaultPoint::kMemEnd;
             default:
                 return std::nullopt;
         }
     }
     if (endpoint == kDataOut)
-        return UsbFaultPoint::Chunk;
+        return UsbFaultPoint::kChunk;
     const std::size_t code = bytes.size() == kRecordSize ? bytes[3] >> 1 : 0U;
     if (code < kFlashWrite || code > kSetCrc64)
         return std::nullopt;
@@ -303,7 +303,7 @@ const UsbFault& VirtualUsbDevice::strike(std::optional<UsbFaultPoint> point) {
 
 void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const UsbFault& fault,
                             Clock::time_point now) {
-    if (stage_ == UsbStage::RomLoader) {
+    if (stage_ == UsbStage::kRomLoader) {
         if (endpoint == kDataOut)
             takeRomMessage(bytes, fault, now);
         else
@@ -318,7 +318,7 @@ void VirtualUsbDevice::take(std::uint8_t endpoint, Bytes bytes, const UsbFault& 
 UsbTurn VirtualUsbDevice::turnOf(const Exchange& exchange, const UsbFault& fault,
                                  Clock::time_point now) const {
     UsbTurn turn{now, fault.carriesOut(), exchange.lastAnswered(), inStep_, {}};
-    if (fault.kind == UsbFault::Kind::Corrupt)
+    if (fault.kind == UsbFault::Kind::kCorrupt)
         turn.corruptOffset = fault.value;
     return turn;
 }
@@ -329,7 +329,7 @@ void VirtualUsbDevice::takeRomMessage(Bytes message, const UsbFault& fault, Cloc
     std::uint8_t status = rom_.take(message, turn);
     if (!again)
         ++commands_.message;
-    if (fault.kind == UsbFault::Kind::RomStatus) {
+    if (fault.kind == UsbFault::Kind::kRomStatus) {
         status = static_cast<std::uint8_t>(fault.value);
         if (status >= kFatalStatus)
             rom_.die();
@@ -354,7 +354,7 @@ void VirtualUsbDevice::takeCommand(Bytes record, const UsbFault& fault, Clock::t
     ++commands_.message;
     if (!tookData && burner_.takesData())
         data_ = {};  // what an earlier write has left
-    if (fault.kind == UsbFault::Kind::Error && response.cmdorg != kSync)
+    if (fault.kind == UsbFault::Kind::kError && response.cmdorg != kSync)
         burner_.fail();
     respond(commands_, response, fault, now);
 }
@@ -374,9 +374,9 @@ void VirtualUsbDevice::respond(Exchange& exchange, const UsbBurner::Response& re
                                const UsbFault& fault, Clock::time_point now) {
     std::uint8_t code = response.code;
     std::string description = response.description;
-    if (fault.kind == UsbFault::Kind::Response)
+    if (fault.kind == UsbFault::Kind::kResponse)
         code = static_cast<std::uint8_t>(fault.value);
-    if (fault.kind == UsbFault::Kind::Error) {
+    if (fault.kind == UsbFault::Kind::kError) {
         code = kError;
         description = fault.text.substr(0, kLongestDescription);
     }
@@ -386,35 +386,35 @@ void VirtualUsbDevice::respond(Exchange& exchange, const UsbBurner::Response& re
     answer(exchange,
            encode(code, fault.cmdorg.value_or(response.cmdorg), code == kError ? length : kFiller),
            {kRecordSize}, good, fault, readableAt);
-    if (code != kError || length == 0 || fault.kind == UsbFault::Kind::Silence)
+    if (code != kError || length == 0 || fault.kind == UsbFault::Kind::kSilence)
         return;
     answer(commands_, bytesOf(description), {length, false}, false,
-           strike(UsbFaultPoint::Description), readableAt);
+           strike(UsbFaultPoint::kDescription), readableAt);
 }
 
 void VirtualUsbDevice::answer(Exchange& exchange, Bytes bytes, Asked asked, bool good,
                               const UsbFault& fault, Clock::time_point readableAt) {
     AnswerQueue& answers = exchange.answers;
-    const bool cut = fault.kind == UsbFault::Kind::CutAnswer;
+    const bool cut = fault.kind == UsbFault::Kind::kCutAnswer;
     const bool late =
-        cut || fault.kind == UsbFault::Kind::LateAnswer || readableAt > Clock::now() + kPatience;
+        cut || fault.kind == UsbFault::Kind::kLateAnswer || readableAt > Clock::now() + kPatience;
     if (late && &exchange == &commands_)
         inStep_ = false;
 
     switch (fault.kind) {
-        case UsbFault::Kind::Silence:
+        case UsbFault::Kind::kSilence:
             return;
-        case UsbFault::Kind::StallAnswer:
+        case UsbFault::Kind::kStallAnswer:
             answers.add(readableAt).stalls = true;
             return;
-        case UsbFault::Kind::LateAnswer:
+        case UsbFault::Kind::kLateAnswer:
             readableAt += fault.time;
             break;
         default:
             break;
     }
 
-    const bool whole = fault.kind != UsbFault::Kind::ShortAnswer && !cut;
+    const bool whole = fault.kind != UsbFault::Kind::kShortAnswer && !cut;
     const std::size_t firstSize =
         whole ? bytes.size() : std::min<std::size_t>(fault.value, bytes.size());
     const std::uint64_t answered = good ? exchange.message : 0;

@@ -22,7 +22,7 @@
 namespace simulator {
 
 // HandOver: the burner image starts and answers nothing yet.
-enum class UsbStage { RomLoader, HandOver, Burner };
+enum class UsbStage { kRomLoader, kHandOver, kBurner };
 
 struct UsbDeviceOptions {
     bool startsInBurner = false;  // for tests that need no download
@@ -42,12 +42,12 @@ struct UsbTransfer {
 // What became of a transfer so far.
 struct TransferOutcome {
     enum class State {
-        Ended,
-        Waiting,  // nothing more moves before `again`
-        Refused,  // nothing more moves at all
-        Stalled,  // the endpoint is halted
+        kEnded,
+        kWaiting,  // nothing more moves before `again`
+        kRefused,  // nothing more moves at all
+        kStalled,  // the endpoint is halted
     };
-    State state = State::Ended;
+    State state = State::kEnded;
     std::uint32_t moved = 0;  // bytes in all
     Clock::time_point again = Clock::time_point::max();
     bool left = false;        // the device was unplugged in it
@@ -127,7 +127,7 @@ class VirtualUsbDevice {
     mutable std::mutex lock_;  // guards all below
     UsbRomLoader rom_;
     UsbBurner burner_;
-    UsbStage stage_ = UsbStage::RomLoader;
+    UsbStage stage_ = UsbStage::kRomLoader;
     bool left_ = true;    // no power
     bool fresh_ = false;  // opened anew, and nothing but attempts to download came since
     // Whether it is still sure which answer the host takes for which message: an answer that is

@@ -50,7 +50,7 @@ void HotPlug::addMonitor(const MonitorParameters& parameters, Monitor** monitor)
     // Set under the lock: the callback may look for it.
     *monitor = &monitors_.emplace_back(Monitor{parameters, false, false, {}});
     // In its place among the arrivals, so that it hears of each device exactly once.
-    events_.push_back({Event::Kind::MonitorAdded, nullptr, *monitor});
+    events_.push_back({Event::Kind::kMonitorAdded, nullptr, *monitor});
     posted_.notify_one();
 }
 
@@ -72,7 +72,7 @@ bool HotPlug::removeMonitor(Monitor* monitor) {
 int LIBUSB_CALL HotPlug::onLibusbEvent(libusb_context*, libusb_device* device,
                                        libusb_hotplug_event kind, void* self) noexcept {
     static_cast<HotPlug*>(self)->post(
-        {kind == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? Event::Kind::Arrived : Event::Kind::Left,
+        {kind == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED ? Event::Kind::kArrived : Event::Kind::kLeft,
          referTo(device), nullptr});
     return 0;  // stay registered
 }
@@ -137,13 +137,13 @@ void HotPlug::renewThoseWithRights(Lock& lock) {
 
 void HotPlug::handle(Lock& lock, Event event) {
     switch (event.kind) {
-        case Event::Kind::Arrived:
+        case Event::Kind::kArrived:
             arrived(lock, std::move(event.device));
             break;
-        case Event::Kind::Left:
+        case Event::Kind::kLeft:
             left(lock, event.device.get());
             break;
-        case Event::Kind::MonitorAdded:
+        case Event::Kind::kMonitorAdded:
             startMonitor(lock, *event.monitor);
             break;
     }

@@ -47,7 +47,7 @@ class HotPlug {
 
   private:
     struct Event {
-        enum class Kind { Arrived, Left, MonitorAdded };
+        enum class Kind { kArrived, kLeft, kMonitorAdded };
         Kind kind;
         DeviceReference device;
         Monitor* monitor;

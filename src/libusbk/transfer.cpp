@@ -50,26 +50,26 @@ bool Transfer::startRequest(std::uint8_t* setup) {
 
 bool Transfer::submit() {
     // Before it is submitted, since it may have ended by the time the call returns.
-    setState(State::Running);
+    setState(State::kRunning);
     const int result = libusb_submit_transfer(transfer_);
     if (result == 0)
         return true;
-    setState(State::Idle);
+    setState(State::kIdle);
     return fail(codeOfResult(result));
 }
 
 bool Transfer::wait(std::chrono::milliseconds limit, std::uint32_t& moved) {
     moved = 0;
     std::unique_lock lock(device_->mutex_);
-    if (state_ == State::Idle)
+    if (state_ == State::kIdle)
         return fail(kInvalidParameter);
     device_->changed_.wait_for(lock, limit,
-                               [&] { return state_ == State::Ended || device_->interrupted_; });
+                               [&] { return state_ == State::kEnded || device_->interrupted_; });
     const ErrorCode reason = device_->interrupted_ ? kOperationAborted : kCancelled;
     lock.unlock();
     cancelAndWait();
 
-    setState(State::Idle);
+    setState(State::kIdle);
     moved = static_cast<std::uint32_t>(transfer_->actual_length);
     if (transfer_->status == LIBUSB_TRANSFER_COMPLETED)
         return true;
@@ -87,22 +87,22 @@ void Transfer::cancelAndWait() {
     // Fails if the transfer is about to end anyway, by itself or because the device has left.
     libusb_cancel_transfer(transfer_);
     std::unique_lock lock(device_->mutex_);
-    device_->changed_.wait(lock, [&] { return state_ != State::Running; });
+    device_->changed_.wait(lock, [&] { return state_ != State::kRunning; });
 }
 
 bool Transfer::isRunning() {
     const std::lock_guard guard(device_->mutex_);
-    return state_ == State::Running;
+    return state_ == State::kRunning;
 }
 
 void LIBUSB_CALL Transfer::onEnded(libusb_transfer* transfer) noexcept {
-    static_cast<Transfer*>(transfer->user_data)->setState(State::Ended);
+    static_cast<Transfer*>(transfer->user_data)->setState(State::kEnded);
 }
 
 void Transfer::setState(State state) {
     const std::lock_guard guard(device_->mutex_);
     state_ = state;
-    if (state == State::Running)
+    if (state == State::kRunning)
         device_->running_.push_back(this);
     else
         std::erase(device_->running_, this);

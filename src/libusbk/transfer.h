@@ -41,7 +41,7 @@ class Transfer {
     const std::shared_ptr<OpenDevice>& device() const { return device_; }
 
   private:
-    enum class State { Idle, Running, Ended };
+    enum class State { kIdle, kRunning, kEnded };
 
     static void LIBUSB_CALL onEnded(libusb_transfer* transfer) noexcept;
     bool submit();
@@ -49,7 +49,7 @@ class Transfer {
 
     const std::shared_ptr<OpenDevice> device_;
     libusb_transfer* const transfer_;
-    State state_ = State::Idle;  // guarded by the device's mutex
+    State state_ = State::kIdle;  // guarded by the device's mutex
 };
 
 // Runs one transfer from start to end on the calling thread.

@@ -48,10 +48,10 @@ class Peer final : public platform::SerialDevice {
         using Event = simulator::SlipReader::Event;
         simulator::SlipReader reader;
         for (int i = 0; i < size; ++i)
-            require((reader.take(bytes[i]) == Event::Frame) == (i == size - 1),
+            require((reader.take(bytes[i]) == Event::kFrame) == (i == size - 1),
                     "a request is one sound frame");
         const Bytes& frame = reader.frame();
-        simulator::Refusal refusal = simulator::Refusal::None;
+        simulator::Refusal refusal = simulator::Refusal::kNone;
         const std::optional<SerialRequest> request =
             simulator::parseRequest(frame, packetErrors_, refusal);
         require(request && packetErrors_.texts().empty(), "a request keeps the rules of packets");
@@ -126,7 +126,7 @@ class Peer final : public platform::SerialDevice {
             return;
         }
         if (action == kRefuse)
-            result.refusal = simulator::Refusal::BadPacket;
+            result.refusal = simulator::Refusal::kBadPacket;
         else
             result = carryOut(request, frame, action == kCorrupt);
         const Bytes good = simulator::slipFrame(simulator::answerPacket(request.command, result));
@@ -157,7 +157,7 @@ class Peer final : public platform::SerialDevice {
     // A request that comes again is answered again.
     SerialAnswer carryOut(const SerialRequest& request, const Bytes& frame, bool corrupts) {
         if (!last_.empty() && simulator::sameRequest(frame, last_) &&
-            lastAnswer_.refusal == simulator::Refusal::None)
+            lastAnswer_.refusal == simulator::Refusal::kNone)
             return lastAnswer_;
         SerialAnswer result;
         if (inRom_)
@@ -168,7 +168,7 @@ class Peer final : public platform::SerialDevice {
         require(!turn_.inStep || errors_.texts().empty(), "each request has its place");
         last_ = frame;
         lastAnswer_ = result;
-        if (result.refusal == simulator::Refusal::None) {
+        if (result.refusal == simulator::Refusal::kNone) {
             if (request.command == UART_RAM_END)
                 inRom_ = false;
             if (request.command == UART_CHANGE_BAUDRATE)

@@ -65,9 +65,9 @@ UsbFault nextFault(Script& script) {
 
 // Each stage has answers of its own.
 bool fits(const UsbFault& fault, UsbFaultPoint point) {
-    const bool inRom = point < UsbFaultPoint::FlashWrite;
-    return inRom ? fault.kind != UsbFault::Kind::Response && fault.kind != UsbFault::Kind::Error
-                 : fault.kind != UsbFault::Kind::RomStatus;
+    const bool inRom = point < UsbFaultPoint::kFlashWrite;
+    return inRom ? fault.kind != UsbFault::Kind::kResponse && fault.kind != UsbFault::Kind::kError
+                 : fault.kind != UsbFault::Kind::kRomStatus;
 }
 
 // Listens to the ROM stage and to the burn.
@@ -148,9 +148,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::uint8_t count = script.next() % 5; count > 0; --count) {
         const auto point = static_cast<UsbFaultPoint>(script.next() % simulator::kUsbFaultPoints);
         const UsbFault fault = nextFault(script);
-        honest = honest && fault.kind != UsbFault::Kind::Response;
-        prompt = prompt && fault.kind != UsbFault::Kind::LateAnswer &&
-                 fault.kind != UsbFault::Kind::CutAnswer;
+        honest = honest && fault.kind != UsbFault::Kind::kResponse;
+        prompt = prompt && fault.kind != UsbFault::Kind::kLateAnswer &&
+                 fault.kind != UsbFault::Kind::kCutAnswer;
         const std::uint8_t skip = script.next();
         const std::uint8_t times = script.next();
         if (fits(fault, point))

@@ -50,10 +50,10 @@ class SerialDevice : public testing::Test {
 
 // A host speaks at once where another has just left: the device may see both at the same moment.
 TEST_F(SerialDevice, HearsEachHostThatFollowsAnother) {
-    const VirtualSerialDevice& device = start({.start = SerialStart::Proxy});
+    const VirtualSerialDevice& device = start({.start = SerialStart::kProxy});
     for (int i = 0; i < 100; ++i)
         ASSERT_EQ(flash_loader_handshake(open().get()), kUartOk) << "host " << i;
-    EXPECT_EQ(device.count(SerialFaultPoint::ProxySync), 100U);
+    EXPECT_EQ(device.count(SerialFaultPoint::kProxySync), 100U);
     EXPECT_THAT(device.errors(), IsEmpty());
 }
 
@@ -61,11 +61,11 @@ TEST_F(SerialDevice, HearsEachHostThatFollowsAnother) {
 // of its pty is free already.
 TEST_F(SerialDevice, ComesUpOnAPtyThatNobodyHasLocked) {
     const std::filesystem::path before =
-        std::filesystem::canonical(start({.start = SerialStart::Proxy}).portPath());
+        std::filesystem::canonical(start({.start = SerialStart::kProxy}).portPath());
     const std::string lock = "/run/lock/LCK..pts_" + before.filename().string();
     stop();
     std::ofstream(lock) << ::getpid() << '\n';
-    start({.start = SerialStart::Proxy});
+    start({.start = SerialStart::kProxy});
     EXPECT_EQ(flash_loader_handshake(open().get()), kUartOk);
     PseudoTerminal terminal;
     EXPECT_NE(serial_open(terminal.portPath(), kRomBaudrate, 0, 0), nullptr);
@@ -73,7 +73,7 @@ TEST_F(SerialDevice, ComesUpOnAPtyThatNobodyHasLocked) {
 }
 
 TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
-    const VirtualSerialDevice& device = start({.start = SerialStart::Proxy,
+    const VirtualSerialDevice& device = start({.start = SerialStart::kProxy,
                                                .paced = true,
                                                .requiresDigest = false,
                                                .blockTime = std::chrono::milliseconds(2)});
@@ -98,7 +98,7 @@ TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
 // What a host must not do, done by one that knows no rules.
 TEST_F(SerialDevice, RecordsWhatNoHostMayDo) {
     const auto without = [&](const std::vector<std::uint8_t>& bytes, const char* breach) {
-        const VirtualSerialDevice& device = start({.start = SerialStart::Proxy});
+        const VirtualSerialDevice& device = start({.start = SerialStart::kProxy});
         const std::unique_ptr<UartContext> host = open();
         host->port->write(bytes.data(), static_cast<int>(bytes.size()));
         const auto limit = Clock::now() + std::chrono::seconds(5);

@@ -117,7 +117,7 @@ class SerialBurnPageTest : public WindowFixture {
     // Whether the run waits two seconds for the proxy, which nothing shows but the time.
     static bool isInThePause(VirtualSerialDevice& device) {
         const bool loaded = WindowOperator::waitFor(
-            [&] { return device.stage() == simulator::SerialStage::Proxy; });
+            [&] { return device.stage() == simulator::SerialStage::kProxy; });
         WindowOperator::waitFor([] { return false; }, 200);
         return loaded;
     }
@@ -165,13 +165,13 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWhatIsThereAndWhatComes) {
 
     // The next one at that port, which says nothing, has its own bar, and comes to nothing at last.
     present.addFault(
-        {SerialFaultPoint::RomSync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
-    const std::uint32_t asked = present.count(SerialFaultPoint::RomSync);
+        {SerialFaultPoint::kRomSync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
+    const std::uint32_t asked = present.count(SerialFaultPoint::kRomSync);
     arrive(present);
     ports.arrive(present.portPath());  // told twice
     ASSERT_TRUE(shows(0, "出错, code=-1, des=CONNECT WITH ROM TRIGGER ERROR"));
     EXPECT_EQ(hands->tileNamed(nameOf(0)).percent, 0);
-    EXPECT_EQ(present.count(SerialFaultPoint::RomSync) - asked, 10U);
+    EXPECT_EQ(present.count(SerialFaultPoint::kRomSync) - asked, 10U);
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
     EXPECT_FALSE(storage_.getSnFile().isInUse());
 }
@@ -187,11 +187,11 @@ struct Phase {
 TEST_F(HurriedSerialBurnPageTest, AStopOrAPullInAnyPhaseLosesAndDoublesNoNumber) {
     using enum SerialFaultPoint;
     const std::vector<Phase> phases = {
-        {RomSync, 0, 0},   {RamBegin, 0, 0},   {RamData, 0, 0},
-        {RamEnd, 0, 0},    {ProxySync, 0, 0},  {ChangeBaudrate, 0, 0},
-        {FlashEnd, 0, 1},  {FlashBegin, 1, 2}, {FlashData, 1, 2},
-        {Md5, 1, 2},       {FlashEnd, 1, 2},   {FlashBegin, 2, 3},
-        {FlashData, 9, 3}, {Md5, 2, 3},        {FlashEnd, 2, 3, true},
+        {kRomSync, 0, 0},   {kRamBegin, 0, 0},   {kRamData, 0, 0},
+        {kRamEnd, 0, 0},    {kProxySync, 0, 0},  {kChangeBaudrate, 0, 0},
+        {kFlashEnd, 0, 1},  {kFlashBegin, 1, 2}, {kFlashData, 1, 2},
+        {kMd5, 1, 2},       {kFlashEnd, 1, 2},   {kFlashBegin, 2, 3},
+        {kFlashData, 9, 3}, {kMd5, 2, 3},        {kFlashEnd, 2, 3, true},
     };
     prepareSerial();
     std::string rows;
@@ -207,7 +207,7 @@ TEST_F(HurriedSerialBurnPageTest, AStopOrAPullInAnyPhaseLosesAndDoublesNoNumber)
         arrive(device);
         ASSERT_TRUE(hands->press("开始烧录"));
         ASSERT_TRUE(ends(0, ++runs));
-        EXPECT_EQ(device.count(FlashBegin), phase.begun);
+        EXPECT_EQ(device.count(kFlashBegin), phase.begun);
         EXPECT_EQ(occurrences(contentOf("log/run.log"), ":burned: ttyUSB0, SN=" + sn),
                   burns ? 1U : 0U);
         EXPECT_EQ(directory_.read("numbers.csv").find(sn + ",1") != std::string::npos, burns);
@@ -245,11 +245,11 @@ TEST_F(HurriedSerialBurnPageTest, FindsTheProxysRateAndAsksAgainBehindAnOddAnswe
     prepareSerial();
     importNumbers(row(1));
     VirtualSerialDevice& device = makeSerial(0, {.proxyRate = 3'000'000});
-    device.addFault({RamData, SerialFault::emptyFrame()});
-    device.addFault({FlashBegin, SerialFault::cutAnswer(4, 1s)});
-    device.addFault({FlashData, SerialFault::longFrame(40)});
-    device.addFault({FlashData, SerialFault::lateAnswer(2s), 1});
-    device.addFault({Md5, SerialFault::earlierAnswer()});
+    device.addFault({kRamData, SerialFault::emptyFrame()});
+    device.addFault({kFlashBegin, SerialFault::cutAnswer(4, 1s)});
+    device.addFault({kFlashData, SerialFault::longFrame(40)});
+    device.addFault({kFlashData, SerialFault::lateAnswer(2s), 1});
+    device.addFault({kMd5, SerialFault::earlierAnswer()});
     arrive(device);
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
@@ -265,8 +265,8 @@ TEST_F(HurriedSerialBurnPageTest, LeavesTheProxyTwoSecondsToStart) {
         return SerialFault::meanwhile([&moment] { moment = simulator::Clock::now(); });
     };
     VirtualSerialDevice& device = makeSerial(0);
-    device.addFault({SerialFaultPoint::RamEnd, noteIn(loaded)});
-    device.addFault({SerialFaultPoint::ProxySync, noteIn(asked)});
+    device.addFault({SerialFaultPoint::kRamEnd, noteIn(loaded)});
+    device.addFault({SerialFaultPoint::kProxySync, noteIn(asked)});
     arrive(device);
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(shows(0, "烧录成功！"));
@@ -276,7 +276,7 @@ TEST_F(HurriedSerialBurnPageTest, LeavesTheProxyTwoSecondsToStart) {
 TEST_F(HurriedSerialBurnPageTest, CallsNothingASuccessThatIsNotAllInTheDevice) {
     const auto count = storage_.getFlashCount();
     prepareSerial();
-    plugSerial(0).addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    plugSerial(0).addFault({SerialFaultPoint::kMd5, SerialFault::wrongDigest()});
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(ends(0));
     leave(*serialDevices[0]);
@@ -319,14 +319,14 @@ TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     plugSerial(0, {.romStartUp = 60s});
     VirtualSerialDevice& rightDigest = makeSerial(1);
     VirtualSerialDevice& wrongDigest = makeSerial(2);
-    wrongDigest.addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    wrongDigest.addFault({SerialFaultPoint::kMd5, SerialFault::wrongDigest()});
     VirtualSerialDevice& refusing = makeSerial(3);
-    refusing.addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
+    refusing.addFault({SerialFaultPoint::kChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
     VirtualSerialDevice& badNumber = makeSerial(4);
-    badNumber.addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest(), 2});
+    badNumber.addFault({SerialFaultPoint::kMd5, SerialFault::wrongDigest(), 2});
     VirtualSerialDevice& deaf = makeSerial(5);
     deaf.addFault(
-        {SerialFaultPoint::ProxySync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
+        {SerialFaultPoint::kProxySync, SerialFault::silence(), 0, SerialFaultRule::kAlways});
     for (VirtualSerialDevice* const device :
          {&rightDigest, &wrongDigest, &refusing, &badNumber, &deaf})
         arrive(*device);
@@ -336,7 +336,7 @@ TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     EXPECT_FALSE(hands->tileNamed(nameOf(3)).active);
     ASSERT_TRUE(shows(4, "出错, code=-5, des=MD5 CHECK ERROR"));
     ASSERT_TRUE(shows(5, "出错, code=-1, des=HANDSHAKE FAILED"));
-    EXPECT_EQ(deaf.count(SerialFaultPoint::ChangeBaudrate), 0U);
+    EXPECT_EQ(deaf.count(SerialFaultPoint::kChangeBaudrate), 0U);
     // The first image of this one failed, which its second one has written over; no success.
     ASSERT_TRUE(ends(2));
     EXPECT_TRUE(hands->tileNamed(nameOf(2)).status.startsWith("正在写入 .\\uart_temp_image\\"));
@@ -388,7 +388,7 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
     leave(mute);
     EXPECT_TRUE(canRead(kConnect));
     EXPECT_TRUE(hands->tiles().empty());
-    EXPECT_EQ(device.stage(), simulator::SerialStage::RomLoader);
+    EXPECT_EQ(device.stage(), simulator::SerialStage::kRomLoader);
     EXPECT_EQ(mute.traffic(), 0U);
 }
 
@@ -396,7 +396,7 @@ TEST_F(HurriedSerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     VirtualSerialDevice& inBurn = makeSerial(0);
-    inBurn.addFault({SerialFaultPoint::FlashData, operatorDoes([&] {
+    inBurn.addFault({SerialFaultPoint::kFlashData, operatorDoes([&] {
                          for (const char* const entry : {"导入SN", "导入SN号"})
                              EXPECT_TRUE(hands->press(entry));
                          EXPECT_EQ(prompts_.takeBoxes(),
@@ -515,7 +515,7 @@ TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsUsedUpByOneDevice) {
 TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsFreeAgainBehindAFailedBurn) {
     prepareSerial();
     importNumbers(",0\r\n");
-    plugSerial(0).addFault({SerialFaultPoint::Md5, SerialFault::wrongDigest()});
+    plugSerial(0).addFault({SerialFaultPoint::kMd5, SerialFault::wrongDigest()});
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(ends(0));
     EXPECT_EQ(directory_.read("numbers.csv"), ",0\r\n");
@@ -526,7 +526,7 @@ TEST_F(HurriedSerialBurnPageTest, ARowWithoutANumberIsFreeAgainBehindAFailedBurn
 TEST_F(HurriedSerialBurnPageTest, StaysAwakeAndBurningWhenTheUsbPageRefusesToCome) {
     prepareSerial();
     ASSERT_TRUE(hands->press("开始烧录"));
-    bus.fail(simulator::UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
+    bus.fail(simulator::UsbOperation::kList, libusbk::kGeneralFailure, 0, 2);
     prompts_.answer(true);
     ASSERT_TRUE(hands->press("USB烧录"));
     EXPECT_EQ(prompts_.takeBoxes(),
@@ -564,7 +564,7 @@ TEST_F(HurriedSerialBurnPageTest, TellsTheRunLogHowEachBurnEnds) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     plugSerial(0);
-    plugSerial(1).addFault({SerialFaultPoint::ChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
+    plugSerial(1).addFault({SerialFaultPoint::kChangeBaudrate, SerialFault::refuse(1, 0), 0, 7});
     plugSerial(2, {.romStartUp = 600s});
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));

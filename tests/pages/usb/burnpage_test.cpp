@@ -262,20 +262,20 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
         return device;
     };
     // No number is drawn in the ROM stage.
-    plug(1, failing({UsbFaultPoint::MemData, UsbFault::romStatus(0xF1)}));
+    plug(1, failing({UsbFaultPoint::kMemData, UsbFault::romStatus(0xF1)}));
     ASSERT_TRUE(reads(1, "error=0xf1, des=Return Fatal Error! (retries = 0)"));
     EXPECT_TRUE(endsLike(1, "not burned: no number: MEM_DATA: Return Fatal Error! (retries = 0)"));
     EXPECT_TRUE(tile(1).active);
 
     // What the agent reports frees the number at once: each of these gets the first one.
-    plug(2, failing({UsbFaultPoint::Sync, UsbFault::silence(), 0, UsbFaultRule::kAlways}));
+    plug(2, failing({UsbFaultPoint::kSync, UsbFault::silence(), 0, UsbFaultRule::kAlways}));
     ASSERT_TRUE(readsLike(2, "出错, code=-2, des="));
     EXPECT_TRUE(endsLike(2, "not burned: SN=SN-1: code=-2, Failed to sync device!"));
     EXPECT_FALSE(tile(2).active);
     const auto unopened = makeDevice({.romStartUp = 300ms});
     plug(3, unopened);
     ASSERT_TRUE(reads(3, kPlugged));
-    bus.fail(UsbOperation::Open, libusbk::kAccessDenied);
+    bus.fail(UsbOperation::kOpen, libusbk::kAccessDenied);
     ASSERT_TRUE(readsLike(3, "出错, code=-1, des="));
     EXPECT_FALSE(tile(3).active);
     std::filesystem::rename("temp_image/master.bin", "kept.bin");
@@ -286,10 +286,10 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     std::filesystem::rename("kept.bin", "temp_image/master.bin");
 
     // A refused command is not reported: the last progress stays, and the number with it.
-    const auto refusing = failing({UsbFaultPoint::Chunk, UsbFault::error("worn out"), 3});
+    const auto refusing = failing({UsbFaultPoint::kChunk, UsbFault::error("worn out"), 3});
     plug(5, refusing);
     ASSERT_TRUE(
-        WindowOperator::waitFor([&] { return refusing->count(UsbFaultPoint::Description); }));
+        WindowOperator::waitFor([&] { return refusing->count(UsbFaultPoint::kDescription); }));
     ASSERT_TRUE(readsLike(5, "正在写入 .\\temp_image\\"));
     EXPECT_TRUE(
         endsLike(5, "not burned: SN=SN-1: a command failed at .\\temp_image\\master.bin, "));
@@ -772,7 +772,7 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
 }
 
 TEST_F(BurnPageTest, OpensOnlyWithAWorkingDriver) {
-    bus.fail(UsbOperation::List, libusbk::kGeneralFailure, 0, 2);
+    bus.fail(UsbOperation::kList, libusbk::kGeneralFailure, 0, 2);
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(hands->press("USB烧录"));
         EXPECT_EQ(prompts_.takeBoxes(),

@@ -40,10 +40,10 @@ class BurnAdminTest : public AdminFixture, public testing::WithParamInterface<bo
         burnForReal();
         for (std::size_t i = 1; i <= 16; ++i)
             plug(port(i), {},
-                 {{UsbFaultPoint::Chunk, UsbFault::silence(), 1, UsbFaultRule::kAlways}});
+                 {{UsbFaultPoint::kChunk, UsbFault::silence(), 1, UsbFaultRule::kAlways}});
         start();
         for (const auto& device : devices)
-            ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::Chunk) >= 2; }));
+            ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::kChunk) >= 2; }));
     }
 
     std::string image;
@@ -92,7 +92,7 @@ TEST_P(BurnAdminTest, ASeventeenthDeviceIsLeftAloneUntilItComesAnew) {
 
 TEST_P(BurnAdminTest, BrokenDevicesGetNoSession) {
     start();
-    bus.fail(simulator::UsbOperation::Open, libusbk::kAccessDenied);
+    bus.fail(simulator::UsbOperation::kOpen, libusbk::kAccessDenied);
     plug("0-2");
     plug("0-3");
     ASSERT_TRUE(listener.waitFor("ready 0-3"));
@@ -109,12 +109,12 @@ TEST_P(BurnAdminTest, RemovalEndsADownloadAndABurn) {
     burnForReal();
     start();
     const auto inRom =
-        plug("0-1", {}, {{UsbFaultPoint::MemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
+        plug("0-1", {}, {{UsbFaultPoint::kMemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
     const auto inFlash =
-        plug("0-2", {}, {{UsbFaultPoint::Chunk, UsbFault::silence(), 2, UsbFaultRule::kAlways}});
+        plug("0-2", {}, {{UsbFaultPoint::kChunk, UsbFault::silence(), 2, UsbFaultRule::kAlways}});
     ASSERT_TRUE(eventually([&] {
-        return inRom->count(UsbFaultPoint::MemData) >= 2 &&
-               inFlash->count(UsbFaultPoint::Chunk) >= 3;
+        return inRom->count(UsbFaultPoint::kMemData) >= 2 &&
+               inFlash->count(UsbFaultPoint::kChunk) >= 3;
     }));
 
     bus.unplug("0-1");
@@ -194,10 +194,10 @@ TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
 TEST_P(BurnAdminTest, WithoutHotPlugOrLibraryNothingArrivesAndNothingBreaks) {
     plug("0-1");
     for (const auto operation :
-         {simulator::UsbOperation::Monitor, simulator::UsbOperation::Startup}) {
+         {simulator::UsbOperation::kMonitor, simulator::UsbOperation::kStartup}) {
         bus.fail(operation, libusbk::kGeneralFailure);
         start();
-        EXPECT_EQ(LibusbkBinding::isBound(), operation == simulator::UsbOperation::Monitor);
+        EXPECT_EQ(LibusbkBinding::isBound(), operation == simulator::UsbOperation::kMonitor);
         if (!LibusbkBinding::isBound()) {
             EXPECT_EQ(vorlan_device_open("USB\\VID_1234&PID_5678\\0-1"), nullptr);
             EXPECT_TRUE(log.contains("getting the device list. errorCode = 0x0000007e"));
@@ -211,10 +211,10 @@ TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
     clock.reset();  // the download is not to fail before
     for (std::size_t i = 1; i <= 3; ++i)
         plug(port(i), {},
-             {{UsbFaultPoint::MemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
+             {{UsbFaultPoint::kMemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
     start();
     for (const auto& device : devices)
-        ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::MemData) >= 2; }));
+        ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::kMemData) >= 2; }));
     BurnAdmin::destroyInstance();
     EXPECT_EQ(listener.count("plug"), 3U);
     EXPECT_EQ(listener.count("remove"), 3U);
@@ -234,7 +234,7 @@ TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
 
 TEST_P(BurnAdminTest, WithoutAPoolADeviceIsServedAllTheSame) {
     burnForReal();
-    bus.fail(simulator::UsbOperation::PoolInit, libusbk::kNotEnoughMemory);
+    bus.fail(simulator::UsbOperation::kPoolInit, libusbk::kNotEnoughMemory);
     start();
     const auto device = plug("0-1");
     ASSERT_TRUE(listener.waitFor("burned 0-1"));

@@ -57,10 +57,10 @@ TEST_F(BurnAgentCommands, AResultIsAskedForAsLongAsTheSizeAllows) {
     };
     for (const auto& c : cases) {
         plug();
-        device->addFault({UsbFaultPoint::GetResult, UsbFault::response(RESP_CODE_ONGOING), 0,
+        device->addFault({UsbFaultPoint::kGetResult, UsbFault::response(RESP_CODE_ONGOING), 0,
                           UsbFaultRule::kAlways});
         EXPECT_FALSE(run({item("image.bin", 0, std::string(c.size, '\xFF'))}, {}, c.mode));
-        EXPECT_EQ(device->count(UsbFaultPoint::GetResult), c.polls) << c.mode << ", " << c.size;
+        EXPECT_EQ(device->count(UsbFaultPoint::kGetResult), c.polls) << c.mode << ", " << c.size;
     }
 }
 
@@ -77,25 +77,26 @@ TEST_F(BurnAgentCommands, PauseBeforeTheyGoOnOrTryAgain) {
         int to;
         std::chrono::milliseconds least;
     } cases[] = {
-        {kWrite, UsbFaultPoint::Sync, {}, CMD_CODE_SYNC, CMD_CODE_SET_CRC64, 1ms},
-        {kWrite, UsbFaultPoint::Sync, UsbFault::response(4), CMD_CODE_SYNC, CMD_CODE_SYNC, 10ms},
-        {kWrite, UsbFaultPoint::Sync, UsbFault::silence(), CMD_CODE_SYNC, CMD_CODE_SYNC, 210ms},
-        {kWrite, UsbFaultPoint::Sync, UsbFault::refuseWrite(), CMD_CODE_SYNC, CMD_CODE_SYNC, 110ms},
-        {kWrite, UsbFaultPoint::SetCrc64, UsbFault::response(4), CMD_CODE_SET_CRC64,
+        {kWrite, UsbFaultPoint::kSync, {}, CMD_CODE_SYNC, CMD_CODE_SET_CRC64, 1ms},
+        {kWrite, UsbFaultPoint::kSync, UsbFault::response(4), CMD_CODE_SYNC, CMD_CODE_SYNC, 10ms},
+        {kWrite, UsbFaultPoint::kSync, UsbFault::silence(), CMD_CODE_SYNC, CMD_CODE_SYNC, 210ms},
+        {kWrite, UsbFaultPoint::kSync, UsbFault::refuseWrite(), CMD_CODE_SYNC, CMD_CODE_SYNC,
+         110ms},
+        {kWrite, UsbFaultPoint::kSetCrc64, UsbFault::response(4), CMD_CODE_SET_CRC64,
          CMD_CODE_SET_CRC64, 10ms},
-        {kWrite, UsbFaultPoint::SetCrc64, UsbFault::silence(), CMD_CODE_SET_CRC64,
+        {kWrite, UsbFaultPoint::kSetCrc64, UsbFault::silence(), CMD_CODE_SET_CRC64,
          CMD_CODE_SET_CRC64, 210ms},
-        {kWrite, UsbFaultPoint::FlashWrite, UsbFault::response(4), kWrite, kWrite, 10ms},
-        {kWrite, UsbFaultPoint::FlashWrite, {}, kWrite, UsbTap::kChunk, 10ms},
-        {kWrite, UsbFaultPoint::Chunk, UsbFault::lateAnswer(300ms), UsbTap::kChunkAnswer,
+        {kWrite, UsbFaultPoint::kFlashWrite, UsbFault::response(4), kWrite, kWrite, 10ms},
+        {kWrite, UsbFaultPoint::kFlashWrite, {}, kWrite, UsbTap::kChunk, 10ms},
+        {kWrite, UsbFaultPoint::kChunk, UsbFault::lateAnswer(300ms), UsbTap::kChunkAnswer,
          UsbTap::kChunkAnswer, 220ms},
-        {kWrite, UsbFaultPoint::GetResult, UsbFault::response(3), kResult, kResult, 100ms},
-        {kWrite, UsbFaultPoint::GetResult, UsbFault::wrongCmdorg(2), kResult, kResult, 100ms},
-        {kWrite, UsbFaultPoint::GetResult, UsbFault::silence(), kResult, kResult, 300ms},
-        {kVerify, UsbFaultPoint::VerifyOnly, UsbFault::response(4), kVerify, kVerify, 10ms},
-        {kVerify, UsbFaultPoint::VerifyOnly, {}, kVerify, kResult, 20ms},
-        {kErase, UsbFaultPoint::EraseOnly, UsbFault::response(4), kErase, kErase, 10ms},
-        {kErase, UsbFaultPoint::EraseOnly, {}, kErase, kResult, 20ms},
+        {kWrite, UsbFaultPoint::kGetResult, UsbFault::response(3), kResult, kResult, 100ms},
+        {kWrite, UsbFaultPoint::kGetResult, UsbFault::wrongCmdorg(2), kResult, kResult, 100ms},
+        {kWrite, UsbFaultPoint::kGetResult, UsbFault::silence(), kResult, kResult, 300ms},
+        {kVerify, UsbFaultPoint::kVerifyOnly, UsbFault::response(4), kVerify, kVerify, 10ms},
+        {kVerify, UsbFaultPoint::kVerifyOnly, {}, kVerify, kResult, 20ms},
+        {kErase, UsbFaultPoint::kEraseOnly, UsbFault::response(4), kErase, kErase, 10ms},
+        {kErase, UsbFaultPoint::kEraseOnly, {}, kErase, kResult, 20ms},
     };
     const BurnItem image = item("image.bin", 0, std::string(5, '\xFF'));
     for (const auto& c : cases) {
@@ -110,7 +111,7 @@ TEST_F(BurnAgentCommands, PauseBeforeTheyGoOnOrTryAgain) {
 
 TEST_F(BurnAgentCommands, LimitsOfTheTransfers) {
     plug();
-    device->addFault({.where = UsbFaultPoint::Chunk, .what = UsbFault::error("no"), .skip = 1});
+    device->addFault({.where = UsbFaultPoint::kChunk, .what = UsbFault::error("no"), .skip = 1});
     EXPECT_FALSE(run({item("image.bin", 0, imageBytes(2UL * 4096))}));
     EXPECT_THAT(
         (std::set<std::pair<int, unsigned>>(tap.waits.begin(), tap.waits.end())),
@@ -121,19 +122,19 @@ TEST_F(BurnAgentCommands, LimitsOfTheTransfers) {
 
 TEST_F(BurnAgentCommands, ADeviceThatAnswersNoSyncWhileItProgramsFailsTheBurn) {
     plug({.chunkTime = 3s});
-    device->addFault({.where = UsbFaultPoint::Sync,
+    device->addFault({.where = UsbFaultPoint::kSync,
                       .what = UsbFault::swallow(),
                       .skip = 1,
                       .times = UsbFaultRule::kAlways});
     EXPECT_FALSE(run({item("image.bin", 0, "image")}));
-    EXPECT_EQ(device->count(UsbFaultPoint::Sync), 1U + 3U);
-    EXPECT_EQ(device->count(UsbFaultPoint::GetResult), 0U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kSync), 1U + 3U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kGetResult), 0U);
     EXPECT_TRUE(log.contains("vorlan SYNC command has been retried for 3 times, FAILED!"));
 }
 
 TEST_F(BurnAgentCommands, AChunkWithoutAnAnswerIsGivenUpAfterSixteenSeconds) {
     plug();
-    device->addFault({.where = UsbFaultPoint::Chunk, .what = UsbFault::silence()});
+    device->addFault({.where = UsbFaultPoint::kChunk, .what = UsbFault::silence()});
     const BurnItem image = item("image.bin", 0, "image");
     testing::internal::CaptureStdout();
     const bool done = run({image});
@@ -163,12 +164,13 @@ TEST_F(BurnAgentCommands, FilesThatGoWrongWhileTheyAreRead) {
     const fileutil::FilePtr writeOnly = fileutil::openFile("/dev/null", "wb");
     for (const auto& c : cases) {
         plug({.recordsTransfers = true});
-        device->addFault({.where = UsbFaultPoint::GetResult, .what = UsbFault::error("too short")});
+        device->addFault(
+            {.where = UsbFaultPoint::kGetResult, .what = UsbFault::error("too short")});
         const BurnItem image = item("image.bin", 0x1000, imageBytes(10'000));
         const fileutil::FilePtr file = fileutil::openFile(text::narrow(image.file), c.mode);
         ASSERT_NE(file, nullptr);
         tap.afterRead = [&] {
-            if (device->count(UsbFaultPoint::SetCrc64) == 0)
+            if (device->count(UsbFaultPoint::kSetCrc64) == 0)
                 return;
             if (c.left >= 0)
                 EXPECT_EQ(::truncate(text::narrow(image.file).c_str(), c.left), 0);

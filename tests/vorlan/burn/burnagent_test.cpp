@@ -36,7 +36,7 @@ TEST_F(BurnAgentTest, WritesImagesInOrderAndTheSerialNumberBehindThem) {
     const std::vector<simulator::Flash::Range> written{
         {0x0, 10'000}, {0x20000, 4096}, {kSnAddress, 15}};
     EXPECT_EQ(device->flash().writtenRanges(), written);
-    EXPECT_EQ(device->count(UsbFaultPoint::Chunk), 3U + 1U + 1U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kChunk), 3U + 1U + 1U);
 
     const std::string firstPath = text::narrow(firstItem.file);
     const std::string secondPath = text::narrow(secondItem.file);
@@ -55,7 +55,7 @@ TEST_F(BurnAgentTest, ChunksFollowFromTheSize) {
         const std::string image = imageBytes(size);
         EXPECT_TRUE(run({item("image.bin", 0x1000, image)})) << size;
         EXPECT_TRUE(flashHolds(0x1000, image)) << size;
-        EXPECT_EQ(device->count(UsbFaultPoint::Chunk), chunks) << size;
+        EXPECT_EQ(device->count(UsbFaultPoint::kChunk), chunks) << size;
         EXPECT_TRUE(run({}, image)) << size;
         EXPECT_TRUE(flashHolds(kSnAddress, image)) << size;
         EXPECT_EQ(device->errors(), std::vector<std::string>());
@@ -67,20 +67,20 @@ TEST_F(BurnAgentTest, ChunksFollowFromTheSize) {
     ASSERT_TRUE(run({empty}));
     const std::string path = text::narrow(empty.file);
     EXPECT_THAT(listener.reports, ElementsAre("start", path + " 0", path + " 100", "done"));
-    EXPECT_EQ(device->count(UsbFaultPoint::GetResult), 1U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kGetResult), 1U);
 
     plug();
     listener.reports.clear();
     EXPECT_TRUE(run({})) << "nothing to burn is a burn too";
     EXPECT_THAT(listener.reports, ElementsAre("start", "done"));
-    EXPECT_EQ(device->count(UsbFaultPoint::FlashWrite), 0U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kFlashWrite), 0U);
 }
 
 TEST_F(BurnAgentTest, SlowFlashIsWaitedForWithSyncAndEachChunkHasItsOwnLimit) {
     plug({.chunkTime = 10s});
     const BurnItem slow = item("slow.bin", 0, imageBytes(3UL * 4096));
     EXPECT_TRUE(run({slow}));
-    EXPECT_GE(device->count(UsbFaultPoint::Sync), 1U + 3U * 40U);
+    EXPECT_GE(device->count(UsbFaultPoint::kSync), 1U + 3U * 40U);
     // Waiting moves the percent on by itself, half a percent a turn, and the data gives 45 of it.
     const std::string path = text::narrow(slow.file);
     EXPECT_TRUE(listener.has(path + " 1")) << testing::PrintToString(listener.reports);
@@ -98,13 +98,13 @@ TEST_F(BurnAgentTest, TheFirstSyncIsTriedTenTimesUnlessItIsRefused) {
         const char* logged;
     } cases[] = {
         // The answers of other commands are none.
-        {{UsbFaultPoint::Sync, UsbFault::wrongCmdorg(2), 0, 9}, 10, true, 0ms, ""},
-        {{UsbFaultPoint::Sync, UsbFault::silence(), 0, UsbFaultRule::kAlways},
+        {{UsbFaultPoint::kSync, UsbFault::wrongCmdorg(2), 0, 9}, 10, true, 0ms, ""},
+        {{UsbFaultPoint::kSync, UsbFault::silence(), 0, UsbFaultRule::kAlways},
          10,
          false,
          2100ms,
          "vorlan SYNC command has been retried for 10 times, FAILED!"},
-        {{UsbFaultPoint::Sync, UsbFault::error("not today")},
+        {{UsbFaultPoint::kSync, UsbFault::error("not today")},
          1,
          false,
          0ms,
@@ -117,7 +117,7 @@ TEST_F(BurnAgentTest, TheFirstSyncIsTriedTenTimesUnlessItIsRefused) {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(run({}), c.done);
         EXPECT_GE(std::chrono::steady_clock::now() - start, c.least);
-        EXPECT_EQ(device->count(UsbFaultPoint::Sync), c.tries);
+        EXPECT_EQ(device->count(UsbFaultPoint::kSync), c.tries);
         EXPECT_EQ(listener.has("error -2 Failed to sync device!"), !c.done);
         EXPECT_TRUE(log.contains(c.logged)) << c.logged;
     }
@@ -158,14 +158,14 @@ TEST_F(BurnAgentTest, WhatCannotBeOpenedIsReportedAndReleased) {
         const char* logged;
         std::string printed = {};
     } cases[] = {
-        {UsbOperation::List, 8, 0,
+        {UsbOperation::kList, 8, 0,
          "An error occured getting the device list. errorCode = 0x00000008"},
-        {UsbOperation::Open, 5, 0, "Init vorlan device failed. ErrorCode = 0x00000005"},
-        {UsbOperation::Claim, 259, 0, "", "Interface number 0x00 does not exists.\n"},
-        {UsbOperation::Claim, 170, 0, "", "UsbK_ClaimInterface failed. ErrorCode: 0x000000aa\n"},
-        {UsbOperation::PoolInit, 8, 0, "OvlK_Init failed. ErrorCode = 0x00000008"},
-        {UsbOperation::SlotAcquire, 259, 0, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
-        {UsbOperation::SlotAcquire, 259, 3, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
+        {UsbOperation::kOpen, 5, 0, "Init vorlan device failed. ErrorCode = 0x00000005"},
+        {UsbOperation::kClaim, 259, 0, "", "Interface number 0x00 does not exists.\n"},
+        {UsbOperation::kClaim, 170, 0, "", "UsbK_ClaimInterface failed. ErrorCode: 0x000000aa\n"},
+        {UsbOperation::kPoolInit, 8, 0, "OvlK_Init failed. ErrorCode = 0x00000008"},
+        {UsbOperation::kSlotAcquire, 259, 0, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
+        {UsbOperation::kSlotAcquire, 259, 3, "OvlK_Acquire failed. ErrorCode = 0x00000103"},
     };
     for (const auto& c : cases) {
         listener.reports.clear();
@@ -197,7 +197,7 @@ TEST_F(BurnAgentTest, TheSystemsOwnDriverIsWarnedOfIfItDoesNotSupportTheDevice) 
     for (const auto& c : cases) {
         plug({}, {.driverId = c.driverId});
         log.takeAll();
-        bus.fail(simulator::UsbOperation::Open, c.code);
+        bus.fail(simulator::UsbOperation::kOpen, c.code);
         EXPECT_FALSE(run({}));
         EXPECT_EQ(log.contains("vorlan_burn_agent: open vln_helper.dll failed"), c.warned)
             << c.code << " with driver " << c.driverId;
@@ -222,33 +222,37 @@ TEST_F(BurnAgentTest, GeneralExchange) {
         const char* logged;
     } cases[] = {
         {{}, 1, true, 1, ""},
-        {{{UsbFaultPoint::Sync, UsbFault::response(4), 0, 2}}, 2, false, 2, "SYNC(4) for 2 times!"},
-        {{{UsbFaultPoint::Sync, UsbFault::wrongCmdorg(6), 0, 3}},
+        {{{UsbFaultPoint::kSync, UsbFault::response(4), 0, 2}},
+         2,
+         false,
+         2,
+         "SYNC(4) for 2 times!"},
+        {{{UsbFaultPoint::kSync, UsbFault::wrongCmdorg(6), 0, 3}},
          3,
          false,
          3,
          "SYNC(4) for 3 times!"},
-        {{{UsbFaultPoint::Sync, UsbFault::wrongCmdorg(0)}}, 1, true, 1, ""},
-        {{{UsbFaultPoint::Sync, UsbFault::refuseWrite()}}, 3, false, 1, ""},
-        {{{UsbFaultPoint::Sync, UsbFault::error("no")}},
+        {{{UsbFaultPoint::kSync, UsbFault::wrongCmdorg(0)}}, 1, true, 1, ""},
+        {{{UsbFaultPoint::kSync, UsbFault::refuseWrite()}}, 3, false, 1, ""},
+        {{{UsbFaultPoint::kSync, UsbFault::error("no")}},
          3,
          false,
          1,
          "vorlan_send_usb_command: no\n"},
         // Nothing of a long text is left to be taken for the next answer.
-        {{{UsbFaultPoint::Sync, UsbFault::error(std::string(255, 'd'))}}, 1, false, 1, ""},
+        {{{UsbFaultPoint::kSync, UsbFault::error(std::string(255, 'd'))}}, 1, false, 1, ""},
         {{}, 1, true, 1, ""},
-        {{{UsbFaultPoint::Sync, UsbFault::error("")}}, 1, false, 1, ""},
+        {{{UsbFaultPoint::kSync, UsbFault::error("")}}, 1, false, 1, ""},
     };
     for (const auto& c : cases) {
-        const std::uint32_t before = device->count(UsbFaultPoint::Sync);
+        const std::uint32_t before = device->count(UsbFaultPoint::kSync);
         if (c.fault)
             device->addFault(*c.fault);
         tap.waits.clear();
         std::uint8_t respcode = 0xAA;
         EXPECT_EQ(send(c.retries, &respcode), c.done);
         EXPECT_EQ(respcode, c.done ? RESP_CODE_SUCCESS : RESP_CODE_ERROR);
-        EXPECT_EQ(device->count(UsbFaultPoint::Sync) - before, c.messages);
+        EXPECT_EQ(device->count(UsbFaultPoint::kSync) - before, c.messages);
         EXPECT_TRUE(log.contains(c.logged)) << c.logged;
     }
     EXPECT_EQ(tap.waits.size(), 2U) << "a text of no bytes was read";
@@ -283,12 +287,12 @@ TEST_F(BurnAgentTest, AnInterruptedBurnEndsAtOnceAndReportsNoFailure) {
         const char* name;
         UsbFaultRule rule;
     } holdUps[] = {
-        {"first sync", {UsbFaultPoint::Sync, UsbFault::swallow(), 0, UsbFaultRule::kAlways}},
-        {"write", {UsbFaultPoint::FlashWrite, UsbFault::silence(), 0, UsbFaultRule::kAlways}},
-        {"chunk", {UsbFaultPoint::Chunk, UsbFault::refuseWrite(), 1, UsbFaultRule::kAlways}},
+        {"first sync", {UsbFaultPoint::kSync, UsbFault::swallow(), 0, UsbFaultRule::kAlways}},
+        {"write", {UsbFaultPoint::kFlashWrite, UsbFault::silence(), 0, UsbFaultRule::kAlways}},
+        {"chunk", {UsbFaultPoint::kChunk, UsbFault::refuseWrite(), 1, UsbFaultRule::kAlways}},
         {"answer to a chunk",
-         {UsbFaultPoint::Chunk, UsbFault::silence(), 1, UsbFaultRule::kAlways}},
-        {"result", {UsbFaultPoint::GetResult, UsbFault::response(3), 0, UsbFaultRule::kAlways}},
+         {UsbFaultPoint::kChunk, UsbFault::silence(), 1, UsbFaultRule::kAlways}},
+        {"result", {UsbFaultPoint::kGetResult, UsbFault::response(3), 0, UsbFaultRule::kAlways}},
     };
     clock.reset();  // nobody is to leap over the waits that are cut short here
     for (const auto& holdUp : holdUps) {

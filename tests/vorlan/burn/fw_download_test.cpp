@@ -32,8 +32,8 @@ TEST_P(FwDownloadTest, SendsTheImageInBlocksAndHandsOver) {
         ASSERT_TRUE(listener.waitFor("burned 0-1"));
         const std::vector<std::uint8_t> downloaded = device->downloadedBurner();
         EXPECT_EQ(std::string(downloaded.begin(), downloaded.end()), image);
-        EXPECT_EQ(device->count(UsbFaultPoint::MemData), blocks);
-        EXPECT_EQ(device->stage(), simulator::UsbStage::Burner);
+        EXPECT_EQ(device->count(UsbFaultPoint::kMemData), blocks);
+        EXPECT_EQ(device->stage(), simulator::UsbStage::kBurner);
         // The ROM stage's handle is gone when the burn begins.
         EXPECT_EQ(bus.openHandles(), 0U);
         bus.unplug("0-1");
@@ -98,32 +98,32 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, FwDownloadFaults,
     testing::ValuesIn(std::vector<RomFaultCase>{
         {"FatalStatus",
-         {{UsbFaultPoint::MemData, UsbFault::romStatus(0xF0)}},
+         {{UsbFaultPoint::kMemData, UsbFault::romStatus(0xF0)}},
          "error f0 Return Fatal Error! (retries = 0)"},
         {"FatalStatusAfterAnError",
-         {{UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 1},
-          {UsbFaultPoint::MemData, UsbFault::romStatus(0xFF), 1}},
+         {{UsbFaultPoint::kMemData, UsbFault::romStatus(0x05), 1},
+          {UsbFaultPoint::kMemData, UsbFault::romStatus(0xFF), 1}},
          "error ff Return Fatal Error! (retries = 1)"},
-        {"ErrorStatusNineTimes", {{UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 0, 9}}, ""},
+        {"ErrorStatusNineTimes", {{UsbFaultPoint::kMemData, UsbFault::romStatus(0x05), 0, 9}}, ""},
         {"ErrorStatusForGood",
-         {{UsbFaultPoint::MemBegin, UsbFault::romStatus(0xEF), 0, kAlways}},
+         {{UsbFaultPoint::kMemBegin, UsbFault::romStatus(0xEF), 0, kAlways}},
          "error ef Retry WritePipe has reaches max (10)!"},
         {"ErrorStatusBehindALostAnswer",
-         {{UsbFaultPoint::MemBegin, UsbFault::silence()},
-          {UsbFaultPoint::MemBegin, UsbFault::romStatus(0x05), 0, kAlways}},
+         {{UsbFaultPoint::kMemBegin, UsbFault::silence()},
+          {UsbFaultPoint::kMemBegin, UsbFault::romStatus(0x05), 0, kAlways}},
          "error 4c7 Retry WritePipe has reaches max (10)!"},
         {"ShortAnswersForGood",
-         {{UsbFaultPoint::MemBegin, UsbFault::shortAnswer(9), 0, kAlways}},
+         {{UsbFaultPoint::kMemBegin, UsbFault::shortAnswer(9), 0, kAlways}},
          "error 1f Retry WritePipe has reaches max (10)!"},
         {"NoAnswerToTheEnd",
-         {{UsbFaultPoint::MemEnd, UsbFault::swallow(), 0, kAlways}},
+         {{UsbFaultPoint::kMemEnd, UsbFault::swallow(), 0, kAlways}},
          "error 4c7 Retry WritePipe has reaches max (10)!"},
-        {"AnswerLostOnce", {{UsbFaultPoint::MemData, UsbFault::silence(), 1, 1}}, ""},
-        {"ShortAnswer", {{UsbFaultPoint::MemData, UsbFault::shortAnswer(9), 0, 2}}, ""},
-        {"LateAnswer", {{UsbFaultPoint::MemBegin, UsbFault::lateAnswer(205ms)}}, ""},
+        {"AnswerLostOnce", {{UsbFaultPoint::kMemData, UsbFault::silence(), 1, 1}}, ""},
+        {"ShortAnswer", {{UsbFaultPoint::kMemData, UsbFault::shortAnswer(9), 0, 2}}, ""},
+        {"LateAnswer", {{UsbFaultPoint::kMemBegin, UsbFault::lateAnswer(205ms)}}, ""},
         // Nothing clears the halt before the device is plugged in again.
         {"Stall",
-         {{UsbFaultPoint::MemData, UsbFault::stall(), 1, 2}},
+         {{UsbFaultPoint::kMemData, UsbFault::stall(), 1, 2}},
          "error 1f Retry WritePipe has reaches max (10)!"}}),
     [](const auto& test) { return std::string(test.param.name); });
 

@@ -36,13 +36,13 @@ TEST_F(TappedBusTest, TheRomGetsItsTimeBeforeAndAfterEachMessage) {
     listener.plugged = [&](SesHandle) { plugged = UsbTap::Clock::now(); };
     start(60);
     const auto device = plug("0-1", {},
-                             {{UsbFaultPoint::MemBegin, UsbFault::shortAnswer(9)},
-                              {UsbFaultPoint::MemData, UsbFault::romStatus(0x05), 1}});
+                             {{UsbFaultPoint::kMemBegin, UsbFault::shortAnswer(9)},
+                              {UsbFaultPoint::kMemData, UsbFault::romStatus(0x05), 1}});
     ASSERT_TRUE(listener.waitFor("ready 0-1"));
 
-    EXPECT_EQ(device->count(UsbFaultPoint::MemBegin), 2U);
-    EXPECT_EQ(device->count(UsbFaultPoint::MemData), 4U);
-    EXPECT_EQ(device->count(UsbFaultPoint::MemEnd), 1U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kMemBegin), 2U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kMemData), 4U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kMemEnd), 1U);
     EXPECT_GE(tap.first(kMessage) - plugged, 60ms);
     EXPECT_GE(tap.shortest(kMessage, kMessage), 10ms);
     EXPECT_GE(tap.freed - tap.last(kMessage), 100ms);
@@ -63,7 +63,7 @@ TEST_F(TappedBusTest, AFailedAttemptIsGivenTimeAndThenItsPipeIsEmptied) {
     };
     start();
     for (const auto& c : cases) {
-        plug("0-1", {}, {{UsbFaultPoint::MemBegin, c.fault}});
+        plug("0-1", {}, {{UsbFaultPoint::kMemBegin, c.fault}});
         ASSERT_TRUE(eventually([&] { return listener.count("ready") + listener.count("error"); }));
         bus.unplug("0-1");
         ASSERT_TRUE(listener.waitFor("remove 0-1"));
@@ -82,7 +82,7 @@ TEST_F(TappedBusTest, AnImageThatCannotBeReadToItsEndIsNotStarted) {
     const fileutil::FilePtr writeOnly = fileutil::openFile("/dev/null", "wb");
     std::shared_ptr<simulator::VirtualUsbDevice> device;
     tap.afterRead = [&] {
-        if (device->count(UsbFaultPoint::MemData) != 1)
+        if (device->count(UsbFaultPoint::kMemData) != 1)
             return;
         for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code gone;  // other threads open and close theirs
@@ -94,7 +94,7 @@ TEST_F(TappedBusTest, AnImageThatCannotBeReadToItsEndIsNotStarted) {
     start();
     ASSERT_TRUE(listener.waitFor("plug 0-1"));
     ASSERT_TRUE(eventually([&] { return listener.session("0-1")->workerEnded.load(); }));
-    EXPECT_EQ(device->count(UsbFaultPoint::MemEnd), 0U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kMemEnd), 0U);
     EXPECT_LT(device->downloadedBurner().size(), 20'000U);
     EXPECT_THAT(listener.events(), ElementsAre("plug 0-1"));
     EXPECT_EQ(bus.openHandles(), 0U);
@@ -116,7 +116,7 @@ TEST_F(TappedBusTest, NoBurnAfterAStopBehindTheLastMessage) {
     std::atomic<bool> stopSeen = false;
     const auto device = plug("0-1");
     tap.afterRead = [&] {
-        if (device->count(UsbFaultPoint::MemEnd) == 0)
+        if (device->count(UsbFaultPoint::kMemEnd) == 0)
             return;
         // The device has taken MEM_END; the stop comes now.
         ended = true;
@@ -132,16 +132,16 @@ TEST_F(TappedBusTest, NoBurnAfterAStopBehindTheLastMessage) {
 }
 
 TEST_F(TappedBusTest, WithoutASlotAShortWriteIsAFailedAttempt) {
-    bus.fail(simulator::UsbOperation::SlotAcquire, libusbk::kNoMoreItems);
+    bus.fail(simulator::UsbOperation::kSlotAcquire, libusbk::kNoMoreItems);
     start();
     std::shared_ptr<simulator::VirtualUsbDevice> device;
     const Output output = outputOf([&] {
-        device = plug("0-1", {}, {{UsbFaultPoint::MemData, UsbFault::shortWrite(5)}});
+        device = plug("0-1", {}, {{UsbFaultPoint::kMemData, UsbFault::shortWrite(5)}});
         EXPECT_TRUE(listener.waitFor("ready 0-1"));
     });
     const std::vector<std::uint8_t> downloaded = device->downloadedBurner();
     EXPECT_EQ(std::string(downloaded.begin(), downloaded.end()), burner);
-    EXPECT_EQ(device->count(UsbFaultPoint::MemData), 4U);
+    EXPECT_EQ(device->count(UsbFaultPoint::kMemData), 4U);
     EXPECT_EQ(occurrences(output.traced, "WritePipe 0x4 failed (retries = 0), errorCode = "), 1U);
     EXPECT_EQ(occurrences(output.traced, "ReadPipe"), 0U);
     EXPECT_TRUE(tap.flushes.empty());

@@ -33,10 +33,10 @@ TEST(UsbDriver, EachFailureIsToldAndOverWithItsCause) {
     };
     VirtualUsbBus bus;
     for (const Row& row : {
-             Row{UsbOperation::Startup, libusbk::kGeneralFailure, "libusbK is not bound\n"},
-             Row{UsbOperation::List, libusbk::kNotEnoughMemory,
+             Row{UsbOperation::kStartup, libusbk::kGeneralFailure, "libusbK is not bound\n"},
+             Row{UsbOperation::kList, libusbk::kNotEnoughMemory,
                  "devices cannot be listed (ErrorCode: 00000008h)\n"},
-             Row{UsbOperation::DriverCheck, libusbk::kAccessDenied,
+             Row{UsbOperation::kDriverCheck, libusbk::kAccessDenied,
                  "not installed (ErrorCode: 00000005h)\n"},
          }) {
         SCOPED_TRACE(row.told);

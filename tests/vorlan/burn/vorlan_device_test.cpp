@@ -48,7 +48,7 @@ class VorlanDeviceTest : public AgentFixture, public testing::WithParamInterface
 
 TEST_P(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
     open();
-    device->addFault({.where = UsbFaultPoint::Sync, .what = UsbFault::cutAnswer(8, 15s)});
+    device->addFault({.where = UsbFaultPoint::kSync, .what = UsbFault::cutAnswer(8, 15s)});
     std::thread([this] {
         EXPECT_EQ(writeSync(), kRecordSize);
         EXPECT_EQ(error, libusbk::kNoError);
@@ -64,7 +64,7 @@ TEST_P(VorlanDeviceTest, GoesOnForTheRestOfAnAnswerWithAFreshTimeOut) {
 
 TEST_P(VorlanDeviceTest, AFailedTransferTellsItsCode) {
     open();
-    device->addFault({.where = UsbFaultPoint::Sync, .what = UsbFault::stallAnswer()});
+    device->addFault({.where = UsbFaultPoint::kSync, .what = UsbFault::stallAnswer()});
     ASSERT_EQ(writeSync(), kRecordSize);
     EXPECT_EQ(readAnswer(), 0U);
     EXPECT_EQ(error, libusbk::kGeneralFailure);
@@ -88,7 +88,7 @@ TEST_P(VorlanDeviceTest, PipesAreEmptiedAfterAFailure) {
         EXPECT_EQ(tap.flushes, driverId == 0 ? afterRead : std::vector<int>()) << driverId;
 
         tap.flushes.clear();
-        device->addFault({.where = UsbFaultPoint::Sync, .what = UsbFault::refuseWrite(8)});
+        device->addFault({.where = UsbFaultPoint::kSync, .what = UsbFault::refuseWrite(8)});
         EXPECT_EQ(writeSync(), 0U);
         EXPECT_EQ(error, libusbk::kCancelled);
         EXPECT_THAT(tap.flushes, ElementsAre(EP_ADDR_CMD_RESP_OUT)) << driverId;

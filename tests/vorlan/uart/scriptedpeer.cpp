@@ -20,7 +20,7 @@ std::string framed(const std::string& packet) {
 std::string unframed(const std::string& frame) {
     simulator::SlipReader reader;
     for (const char byte : frame)
-        if (reader.take(static_cast<std::uint8_t>(byte)) == simulator::SlipReader::Event::Frame)
+        if (reader.take(static_cast<std::uint8_t>(byte)) == simulator::SlipReader::Event::kFrame)
             return {reader.frame().begin(), reader.frame().end()};
     return {};
 }
