@@ -1,6 +1,5 @@
 #include "pages/snsettings.h"
 
-#include <QTimer>
 #include <string>
 
 #include "platform/file.h"
@@ -38,7 +37,8 @@ void tell(QWidget* parent, const QString& text) {
 
 // Opens when the event at hand has been dealt with.
 void tellLater(QWidget* parent, const QString& text) {
-    QTimer::singleShot(0, parent, [parent, text] { tell(parent, text); });
+    QMetaObject::invokeMethod(
+        parent, [parent, text] { tell(parent, text); }, Qt::QueuedConnection);
 }
 
 void saveSettings(QWidget* parent) {

@@ -297,7 +297,7 @@ std::string SerialNumFile::reload(const std::string& path) {
             return "cannot be locked: " + platform::lastErrorText();
     }
     std::vector<SnRecord> records;
-    const std::string problem = readRecords(*file, records);
+    std::string problem = readRecords(*file, records);
     const std::lock_guard guard(lock_);
     discardRecords();
     marks_.clear();

@@ -85,11 +85,12 @@ TEST(Durability, SixteenMarksAndTheNextNumbersDoNotWaitForEachOthersDisk) {
         file.releaseRecord(other);
         all.arrive_and_wait();
     };
-    std::vector<SerialNumFile::SnRecord*> drawn;
-    for (int i = 0; i < 16; ++i)
-        drawn.push_back(file.takeNext());
+    std::vector<SerialNumFile::SnRecord*> drawn(16);
+    for (auto*& record : drawn)
+        record = file.takeNext();
     {
         std::vector<std::jthread> workers;
+        workers.reserve(drawn.size());
         for (auto* const record : drawn)
             workers.emplace_back([&file, record] { EXPECT_TRUE(file.markBurned(record).empty()); });
     }

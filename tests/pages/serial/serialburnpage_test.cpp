@@ -287,7 +287,7 @@ TEST_F(HurriedSerialBurnPageTest, CallsNothingASuccessThatIsNotAllInTheDevice) {
         .add("flashboot.bin", flashboot)
         .add("master.bin", master)
         .add("far.bin", "nowhere")
-        .add("burn.cfg", R"({"burn_items":[{"name":"far.bin", "addr":"90000000"}]})")
+        .add("burn.cfg", R"({"burn_items":[{"name":"far.bin", "addr":"-70000000"}]})")
         .write("astray.vrk");
     chooseFirmware(pathOf("astray.vrk"));
     importNumbers(",0\r\n");
