@@ -34,6 +34,7 @@ TEST_F(RamLoaderTest, DownloadsTheProxyByteForByte) {
     EXPECT_EQ(progressName, L"ramloader/flash_proxy.img");
     EXPECT_EQ(peer_.requests(UART_RAM_BEGIN).front().word(0), 5000U);
     EXPECT_EQ(peer_.requests(UART_RAM_BEGIN).front().word(3), 0U);
+    EXPECT_EQ(peer_.requests(UART_RAM_DATA).back().word(1), 2U);
     for (const SeenRequest& request : peer_.requests()) {
         EXPECT_EQ(request.rate, 115200U);
         EXPECT_EQ(request.silentRead, 1000ms);
