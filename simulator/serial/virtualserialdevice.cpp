@@ -43,7 +43,7 @@ void garble(std::vector<std::uint8_t>& bytes) {
 
 VirtualSerialDevice::VirtualSerialDevice(std::filesystem::path port, SerialDeviceOptions options)
     : port_(std::move(port)),
-      options_(std::move(options)),
+      options_(options),
       rom_(errors_),
       proxy_(errors_, flash_, options_.requiresDigest),
       inPace_(options_.paced),

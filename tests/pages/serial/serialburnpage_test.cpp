@@ -54,7 +54,7 @@ class SerialBurnPageTest : public WindowFixture {
 
     VirtualSerialDevice& makeSerial(int number, SerialDeviceOptions options = {}) {
         serialDevices.push_back(std::make_unique<VirtualSerialDevice>(
-            directory_.path() / nameOf(number).toStdString(), std::move(options)));
+            directory_.path() / nameOf(number).toStdString(), options));
         return *serialDevices.back();
     }
 
@@ -71,7 +71,7 @@ class SerialBurnPageTest : public WindowFixture {
     }
 
     VirtualSerialDevice& plugSerial(int number, SerialDeviceOptions options = {}) {
-        VirtualSerialDevice& device = makeSerial(number, std::move(options));
+        VirtualSerialDevice& device = makeSerial(number, options);
         arrive(device);
         return device;
     }

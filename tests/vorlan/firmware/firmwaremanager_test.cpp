@@ -277,9 +277,9 @@ TEST_F(FirmwareManagerTest, GivesEveryDeviceTheSameListAtTheSameTime) {
     const auto expected = ElementsAre(ItemAt(L"flashboot.bin", 0), ItemAt(L"master.bin", 0x20000),
                                       ItemAt(L"font.bin", 0x300000));
     std::latch start(2);
-    std::vector<std::thread> devices;
-    for (int i = 0; i < 2; ++i) {
-        devices.emplace_back([&] {
+    std::vector<std::thread> devices(2);
+    for (std::thread& device : devices) {
+        device = std::thread([&] {
             start.arrive_and_wait();
             for (int time = 0; time < 50; ++time)
                 EXPECT_THAT(manager_.getBurnItems(), expected);
