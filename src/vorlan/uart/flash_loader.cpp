@@ -117,15 +117,15 @@ int runStep(UartContext* context, const DownloadStep& step, Send send) {
 // `digest` may be null; it takes each block once, however often that is sent.
 int sendBlocks(UartContext* context, const Image& image, Md5* digest) {
     while (context->flash.seq < context->flash.blocks) {
-        const std::uint32_t red_size =
+        const std::uint32_t length =
             std::min(kFlashBlockSize, context->flash.total - context->flash.sent);
-        const std::uint8_t* const block = image.next(red_size);
+        const std::uint8_t* const block = image.next(length);
         if (block == nullptr)
             return failWithFile(context, L"Read file failed!", image.name);
         if (digest != nullptr)
-            digest->update(block, red_size);
+            digest->update(block, length);
         const int result = runStep(context, kData, [&] {
-            return send_flash_data(context, block, static_cast<std::uint16_t>(red_size));
+            return send_flash_data(context, block, static_cast<std::uint16_t>(length));
         });
         if (result != kUartOk)
             return result;
@@ -268,10 +268,10 @@ int flash_loader_download_file(UartContext* context, const char* path, std::uint
     if (!isInWindow(address))
         return kUartNoAnswer;
     UartFile& file = context->flash.image;
-    const std::wstring cur_file = text::widen(path);
+    const std::wstring name = text::widen(path);
     if (!uart_file_open(file, path))
-        return failWithFile(context, L"Open file failed!", cur_file);
-    const Image image{cur_file, uart_file_size(file),
+        return failWithFile(context, L"Open file failed!", name);
+    const Image image{name, uart_file_size(file),
                       [&file](std::uint32_t count) { return uart_file_next(file, count); }};
     const int result = download(context, image, address, endAction, md5Check);
     uart_file_close(file);

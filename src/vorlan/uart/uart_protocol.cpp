@@ -125,9 +125,9 @@ int check_response(UartContext* context, const std::uint8_t* frame, UartCommand 
 }
 
 int send_sync(UartContext* context) {
-    std::array<std::uint8_t, 36> combine{0x07, 0x07, 0x12, 0x20};
-    std::fill(combine.begin() + 4, combine.end(), std::uint8_t{0x55});
-    return sendCommand(context, UART_SYNC, combine);
+    std::array<std::uint8_t, 36> request{0x07, 0x07, 0x12, 0x20};
+    std::fill(request.begin() + 4, request.end(), std::uint8_t{0x55});
+    return sendCommand(context, UART_SYNC, request);
 }
 
 int send_ram_begin(UartContext* context, std::uint32_t address, std::uint32_t size) {
