@@ -9,8 +9,8 @@
 #include "demo/demooperator.h"
 #include "demo/operator/windowoperator.h"
 #include "demo/report.h"
-#include "demo/samplepackage.h"
 #include "simulator/flash.h"
+#include "simulator/samplepackage.h"
 
 namespace simulator {
 

@@ -22,7 +22,7 @@ std::string inCurrentDirectory(const char* name) {
 bool writeFlashProxy() {
     std::filesystem::create_directories("ramloader");
     std::ofstream file("ramloader/flash_proxy.img", std::ios::binary);
-    for (const std::uint8_t byte : sampleProxy())
+    for (const std::uint8_t byte : demoProxy())
         file.put(static_cast<char>(byte));
     return file.flush().good();
 }
@@ -81,7 +81,7 @@ bool Demo::prepare() {
     // What an earlier run has left would be loaded.
     for (const char* const name : {"tag_map", "global_storage"})
         std::filesystem::remove(name);
-    std::ofstream(csvPath_, std::ios::binary) << sampleSerialNumbers(kSerialNumbers);
+    std::ofstream(csvPath_, std::ios::binary) << demoSerialNumbers(kSerialNumbers);
     return (writeFlashProxy() && package_.writeZip(packagePath_)) ||
            report_.fail("the sample package cannot be written");
 }

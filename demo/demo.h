@@ -7,8 +7,8 @@
 #include "demo/audience.h"
 #include "demo/burnproof.h"
 #include "demo/demooperator.h"
+#include "demo/demopackage.h"
 #include "demo/report.h"
-#include "demo/samplepackage.h"
 #include "demo/serialdemo.h"
 #include "demo/serialdevices.h"
 #include "demo/tilewatch.h"
@@ -41,7 +41,7 @@ class Demo {
 
     Report& report_;
     const Audience audience_;
-    const SamplePackage package_;
+    const SamplePackage package_ = demoPackage();
     const std::string packagePath_;
     const std::string csvPath_;
     UsbDevices usbDevices_;

@@ -1,6 +1,6 @@
 #include "demo/serialcheck.h"
 
-#include "demo/samplepackage.h"
+#include "demo/demopackage.h"
 
 namespace simulator {
 
@@ -31,7 +31,7 @@ std::string SerialCheck::troubleWith(const SerialDevice& device) {
     const bool fails = device.fate == SerialDevice::Fate::kRefusesDigest;
     if (device.outcome.active == fails)
         return fails ? "its tile is not greyed out" : "its tile is greyed out";
-    if (device.device->downloadedProxy() != sampleProxy())
+    if (device.device->downloadedProxy() != demoProxy())
         return "flash proxy differs from its file";
     if (!fails)
         return proof_.troubleWithBurned(device.device->flash(), device.outcome);

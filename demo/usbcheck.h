@@ -7,8 +7,8 @@
 #include "demo/burnproof.h"
 #include "demo/demooperator.h"
 #include "demo/report.h"
-#include "demo/samplepackage.h"
 #include "demo/usbdevices.h"
+#include "simulator/samplepackage.h"
 
 namespace simulator {
 

@@ -7,10 +7,10 @@
 #include "demo/burnproof.h"
 #include "demo/demooperator.h"
 #include "demo/report.h"
-#include "demo/samplepackage.h"
 #include "demo/tilewatch.h"
 #include "demo/usbdevices.h"
 #include "demo/usbtraffic.h"
+#include "simulator/samplepackage.h"
 
 namespace simulator {
 

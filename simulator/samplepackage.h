@@ -1,4 +1,5 @@
-// The demo's firmware package and serial numbers, and what a device must hold in the end.
+// A firmware package made of images that look like firmware, and what a device must hold once it
+// is burned with it.
 #pragma once
 
 #include <cstdint>
@@ -16,11 +17,14 @@ struct SampleImage {
     std::vector<std::uint8_t> bytes;
 };
 
-// Seven entries of about 3 MiB in all: four images at their own places, of which burn.cfg moves
-// one, one more that burn.cfg adds, the burner image, and burn.cfg itself. Always the same bytes.
+// Half of them compress well and half do not, like firmware. The same ones for the same seed.
+std::vector<std::uint8_t> sampleBytes(std::uint32_t seed, std::size_t size);
+
 class SamplePackage {
   public:
-    SamplePackage();
+    // `burnCfg` has to tell the addresses of those images that are not at their own.
+    SamplePackage(std::vector<SampleImage> images, std::vector<std::uint8_t> burner,
+                  std::string burnCfg);
 
     // False if the archive cannot be written.
     bool writeZip(const std::string& path) const;
@@ -35,12 +39,7 @@ class SamplePackage {
   private:
     std::vector<SampleImage> images_;
     std::vector<std::uint8_t> burner_;
+    std::string burnCfg_;
 };
-
-// The flash proxy, which is no part of the package.
-std::vector<std::uint8_t> sampleProxy();
-
-// The rows of a serial number file, as bytes.
-std::string sampleSerialNumbers(unsigned count);
 
 }  // namespace simulator
