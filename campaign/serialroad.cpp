@@ -9,15 +9,16 @@ using simulator::VirtualSerialDevice;
 namespace campaign {
 namespace {
 
+std::string rollNoise(Dice& dice) {
+    std::string bytes(dice.below(40), '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(dice.below(256));
+    return bytes;
+}
+
 SerialFault rollFault(Dice& dice) {
     const auto byte = [&] { return static_cast<std::uint8_t>(dice.below(256)); };
     const auto time = [&] { return std::chrono::milliseconds(dice.between(1, 8000)); };
-    const auto noise = [&] {
-        std::string bytes(dice.below(40), '\0');
-        for (char& each : bytes)
-            each = static_cast<char>(byte());
-        return bytes;
-    };
     switch (dice.below(15)) {
         case 0:
             return SerialFault::swallow();
@@ -27,7 +28,7 @@ SerialFault rollFault(Dice& dice) {
         case 3:
             return dice.chance(50) ? SerialFault::stall() : SerialFault::stall(time());
         case 4:
-            return SerialFault::rawAnswer(noise());
+            return SerialFault::rawAnswer(rollNoise(dice));
         case 5:
             return dice.chance(50) ? SerialFault::badEscape() : SerialFault::emptyFrame();
         case 6:
@@ -37,7 +38,7 @@ SerialFault rollFault(Dice& dice) {
         case 8:
             return SerialFault::cutAnswer(dice.below(14), time());
         case 9:
-            return SerialFault::noise(noise(), noise());
+            return SerialFault::noise(rollNoise(dice), rollNoise(dice));
         case 10:
             return SerialFault::longFrame(dice.below(3000));
         case 11:
@@ -64,16 +65,20 @@ void SerialRoad::makeDevice(std::size_t socket, Dice& dice, bool troubled) {
     options.eraseTime = std::chrono::milliseconds(dice.below(50));
     options.blockTime = std::chrono::microseconds(dice.below(3000));
     options.digestTime = std::chrono::milliseconds(dice.below(50));
-    devices_[socket].reset();  // its port is free again
     devices_[socket] = std::make_shared<VirtualSerialDevice>(directory_ / place(socket), options);
     if (!troubled)
         return;
-    for (std::uint32_t faults = dice.between(0, 3); faults > 0; --faults)
+    for (std::uint32_t faults = dice.between(0, 3); faults > 0; --faults) {
+        const auto where = static_cast<SerialFaultPoint>(dice.below(simulator::kSerialFaultPoints));
+        const SerialFault what = where == SerialFaultPoint::kWrongRate
+                                     ? SerialFault::rawAnswer(rollNoise(dice))
+                                     : rollFault(dice);
         devices_[socket]->addFault(
-            {.where = static_cast<SerialFaultPoint>(dice.below(simulator::kSerialFaultPoints)),
-             .what = rollFault(dice),
+            {.where = where,
+             .what = what,
              .skip = dice.below(5),
              .times = dice.chance(10) ? simulator::SerialFaultRule::kAlways : dice.between(1, 9)});
+    }
     if (dice.chance(25))
         devices_[socket]->unplugAtByte(dice.below(60'000));
 }

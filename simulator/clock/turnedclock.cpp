@@ -139,7 +139,8 @@ class Clock {
         waiters_.erase(waiter);
     }
 
-    void start() {
+    void start(Nanoseconds grain) {
+        grain_ = grain;
         owner_ = ::gettid();
         lookout_ = 0;
         stopping_ = false;
@@ -198,7 +199,12 @@ class Clock {
         const auto first =
             std::min_element(waiters_.begin(), waiters_.end(),
                              [](const Waiter& a, const Waiter& b) { return a.end < b.end; });
-        const Nanoseconds distance = first->end - now();
+        Nanoseconds last = first->end;
+        for (const Waiter& waiter : waiters_) {
+            if (waiter.end <= first->end + grain_)
+                last = std::max(last, waiter.end);
+        }
+        const Nanoseconds distance = last - now();
         if (distance > 0)
             offset_ += distance;
         ++changes_;
@@ -252,6 +258,7 @@ class Clock {
     std::atomic<bool> turned_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<Nanoseconds> offset_{0};
+    std::atomic<Nanoseconds> grain_{0};
     std::atomic<pid_t> owner_{0};
     std::atomic<pid_t> lookout_{0};
     std::thread thread_;
@@ -326,8 +333,8 @@ int waitUntil(pthread_cond_t* condition, Nanoseconds end, const Wait& wait) {
 
 }  // namespace
 
-TurnedClock::TurnedClock() {
-    theClock().start();
+TurnedClock::TurnedClock(std::chrono::nanoseconds grain) {
+    theClock().start(grain.count());
 }
 
 TurnedClock::~TurnedClock() {

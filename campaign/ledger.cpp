@@ -1,0 +1,168 @@
+#include "campaign/ledger.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "storage/globalstorage.h"
+
+namespace campaign {
+namespace {
+
+constexpr std::size_t kRemembered = 3;  // packages, and devices of a place
+
+// The text between the two, or behind the first if the second is empty; empty if there is none.
+std::string between(const std::string& line, const std::string& first, const std::string& second) {
+    std::size_t begin = line.find(first);
+    if (begin == std::string::npos)
+        return {};
+    begin += first.size();
+    return second.empty() ? line.substr(begin)
+                          : line.substr(begin, line.find(second, begin) - begin);
+}
+
+}  // namespace
+
+void Ledger::usePackage(std::shared_ptr<const simulator::SamplePackage> package) {
+    const std::lock_guard guard(lock_);
+    packages_.push_front(std::move(package));
+    if (packages_.size() > kRemembered)
+        packages_.pop_back();
+}
+
+void Ledger::plugged(const std::string& place, std::shared_ptr<const simulator::Flash> flash) {
+    const std::lock_guard guard(lock_);
+    auto& flashes = flashes_[place];
+    flashes.push_front(std::move(flash));
+    if (flashes.size() > kRemembered)
+        flashes.pop_back();
+}
+
+void Ledger::useList(std::vector<std::string> numbers) {
+    const std::lock_guard guard(lock_);
+    numbers_ = std::move(numbers);
+    touched_ = false;
+    toldLost_ = false;
+}
+
+void Ledger::listWasTouched() {
+    const std::lock_guard guard(lock_);
+    touched_ = true;
+}
+
+bool Ledger::isListTouched() const {
+    const std::lock_guard guard(lock_);
+    return touched_;
+}
+
+void Ledger::checkList(const std::string& path, const std::set<std::string>& freeNumbers) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string content{std::istreambuf_iterator<char>(file), {}};
+    const std::lock_guard guard(lock_);
+    const auto find = [this](const std::string& finding) { findings_.push_back(finding); };
+    std::size_t offset = 0;
+    for (const std::string& number : numbers_) {
+        const std::string row = content.substr(std::min(offset, content.size()), number.size() + 4);
+        const bool marked = row == number + ",1\r\n";
+        if (!marked && row != number + ",0\r\n") {
+            find(path + ": not a row of " + number + ": " + row);
+            return;
+        }
+        offset += row.size();
+        const bool burned = burned_.contains(number);
+        const bool free = freeNumbers.contains(number);
+        if (marked && !burned)
+            find(path + ": marked, but no device confirmed it: " + number);
+        if (burned && !marked && !(touched_ && (toldLost_ || toldUnmarked_.contains(number))))
+            find(path + ": in a device, but not marked: " + number);
+        if (burned && free)
+            find(path + ": in a device, and still free: " + number);
+        if (!burned && !free && !touched_)
+            find(path + ": in no device, and not free: " + number);
+    }
+    if (offset != content.size())
+        find(path + ": has grown");
+}
+
+std::vector<ToldEnd> Ledger::takeEnds(const std::string& place) {
+    const std::lock_guard guard(lock_);
+    return std::exchange(ends_[place], {});
+}
+
+bool Ledger::isBurned(const std::string& sn) const {
+    const std::lock_guard guard(lock_);
+    return burned_.contains(sn);
+}
+
+void Ledger::addFinding(const std::string& finding) {
+    const std::lock_guard guard(lock_);
+    findings_.push_back(finding);
+}
+
+std::vector<std::string> Ledger::findings() const {
+    const std::lock_guard guard(lock_);
+    return findings_;
+}
+
+std::size_t Ledger::goodBurns() const {
+    const std::lock_guard guard(lock_);
+    return good_;
+}
+
+std::size_t Ledger::failedBurns() const {
+    const std::lock_guard guard(lock_);
+    return failed_;
+}
+
+std::map<std::string, std::size_t> Ledger::reasons() const {
+    const std::lock_guard guard(lock_);
+    return reasons_;
+}
+
+// On the thread of the burn, before anybody else can turn to the device.
+void Ledger::print(int level, const std::string& line) {
+    const std::string message = between(line, "(line ", "");
+    const std::lock_guard guard(lock_);
+    if (level == hj::kInfo && message.find(" :burned: ") != std::string::npos) {
+        const std::string place = between(message, " :burned: ", ", ");
+        takeGood(place, between(message, ", SN=", ""));
+    } else if (level == hj::kError && message.find(" :not burned: ") != std::string::npos) {
+        takeFailure(between(message, " :not burned: ", ""));
+    } else if (level == hj::kError && message.find(" :SN=") != std::string::npos) {
+        toldUnmarked_.insert(between(message, " :SN=", " "));
+    } else if (level == hj::kError && message.find(": the marks of ") != std::string::npos) {
+        toldLost_ = true;
+    }
+}
+
+// As in "PLACE, SN=...: why".
+void Ledger::takeFailure(const std::string& message) {
+    ++failed_;
+    ends_[message.substr(0, message.find(", "))].push_back({.outcome = message});
+    std::string reason = between(between(message, ", ", ""), ": ", "");
+    std::replace_if(
+        reason.begin(), reason.end(), [](unsigned char each) { return std::isdigit(each) != 0; },
+        '#');
+    ++reasons_[reason];
+}
+
+void Ledger::takeGood(const std::string& place, const std::string& sn) {
+    ++good_;
+    ends_[place].push_back({.good = true, .sn = sn});
+    if (!sn.empty() && !burned_.insert(sn).second)
+        findings_.push_back("given to two devices: " + sn);
+    const std::uint32_t address = GlobalStorage::getInstance().getSnBurnAddr();
+    for (const auto& flash : flashes_[place]) {
+        for (const auto& package : packages_) {
+            if (package->isIn(*flash, sn, address))
+                return;
+        }
+    }
+    findings_.push_back("reported as good, but the flash is not as it must be: " + place +
+                        ", SN=" + sn);
+}
+
+}  // namespace campaign
