@@ -1,5 +1,5 @@
 // The interface of libusbK, the USB library that is bound at run time, as far as the USB engine
-// needs it. Implemented by libusbK.so (platform/linux/libusbk) and by the simulator's USB bus; the
+// needs it. Implemented by libusbK.so (src/libusbk) and by the simulator's USB bus; the
 // engine calls it through the table of vorlan/burn/libusbktable.h only.
 //
 // Every operation but LibK_LastError may be called from any thread. Unless said otherwise it
