@@ -13,7 +13,7 @@
 
 namespace simulator {
 
-// None of these is deleted before the bus, so that the use of a freed one is seen and told.
+// The bus keeps those that were freed for a while, so that the use of one is seen and told.
 struct MonitorObject {
     libusbk::DevicePattern pattern;
     libusbk::HotPlugCallback callback;

@@ -23,6 +23,15 @@ bool failWith(std::uint32_t code) {
     return false;
 }
 
+// The use of what was freed is seen and told until so many others of its kind have been made.
+constexpr std::size_t kRemembered = 100;
+
+template <typename Object>
+void forgetOldest(std::deque<Object>& objects) {
+    while (objects.size() > kRemembered && !objects.front().live)
+        objects.pop_front();
+}
+
 template <std::size_t Size>
 void putText(char (&field)[Size], const std::string& text) {
     std::snprintf(field, Size, "%s", text.c_str());
@@ -389,6 +398,7 @@ bool VirtualUsbBus::initList(libusbk::DeviceList** list, const DevicePattern& pa
     const std::lock_guard guard(lock_);
     if (!started_)
         return misuse("LstK_InitEx", "not started");
+    forgetOldest(lists_);
     ListObject& object = lists_.emplace_back();
     for (const Plugged& plugged : plugged_) {
         if (matches(plugged.connection->entry(), pattern))
@@ -437,6 +447,8 @@ bool VirtualUsbBus::open(libusbk::UsbHandle** handle, const DeviceEntry& entry) 
     });
     if (found == plugged_.end())
         return failWith(libusbk::kDeviceNotConnected);
+    forgetOldest(pools_);  // which know their handles
+    forgetOldest(handles_);
     HandleObject& object = handles_.emplace_back();
     object.connection = found->connection;
     object.connection->device().opened();
