@@ -7,6 +7,7 @@
 
 #include "pages/snsettings.h"
 #include "storage/globalstorage.h"
+#include "ui/longwork.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "ui/tooltip.h"
@@ -37,7 +38,7 @@ BurnPageBase::BurnPageBase(Layout layout)
 void BurnPageBase::OnInitDialog() {
     makeControls();
     if (firmware_.getFirmwarePath().empty())
-        firmwareBox_->setText(QStringLiteral("请选择固件"));
+        showNoFirmware();
     layoutTiles();
     refresh();
 }
@@ -126,17 +127,30 @@ void BurnPageBase::chooseFirmware() {
     firmwareBox_->setEnabled(true);
     firmware_.setFirmwarePath(path->toStdWString());
     bool valid = false;
+    bool finished = false;
     {
         const WaitCursor cursor;
-        valid = firmware_.unpack(layout_.unpackDirectory);
+        finished =
+            runLongWork(*this, QStringLiteral("正在解压固件……"), [&](const PercentReport& report) {
+                valid = firmware_.unpack(layout_.unpackDirectory, report);
+            });
     }
     startButton_->setEnabled(valid);
     if (valid)
         return;
+    if (!finished) {
+        showNoFirmware();
+        return;
+    }
     const QString reason = firmware_.liesInUnpackDirectory(layout_.unpackDirectory)
                                ? kFirmwareInUnpackDirectory
                                : strings::kInvalidFirmware.toString();
     prompts().showBox(this, reason, strings::kNotice.toString(), BoxType::kPlain);
+}
+
+void BurnPageBase::showNoFirmware() {
+    firmwareBox_->setText(QStringLiteral("请选择固件"));
+    setPlainToolTip(*firmwareBox_, {});
 }
 
 void BurnPageBase::importSn() {

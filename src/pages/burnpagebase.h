@@ -112,6 +112,7 @@ class BurnPageBase : public Page {
     void makeControls();
     void layoutTiles();
     void chooseFirmware();
+    void showNoFirmware();
     void importSn();
     void showSnList();
     void showNotices();

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "utils/fileutil.h"
+#include "utils/interruption.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
 #include "vorlan/firmware/entryname.h"
@@ -52,7 +53,8 @@ std::wstring fileOf(const std::wstring& name) {
 
 }  // namespace
 
-bool FirmwareManager::unpack(const std::wstring& directory) {
+bool FirmwareManager::unpack(const std::wstring& directory,
+                             const std::function<void(int percent)>& onPercent) {
     if (liesInUnpackDirectory(directory)) {
         LOG_E("the package lies in the directory that it would be unpacked into: %s",
               text::narrow(firmwarePath_).c_str());
@@ -63,7 +65,7 @@ bool FirmwareManager::unpack(const std::wstring& directory) {
     clearTempDir();
     tempDir_ = directory;
     cfgItems_.clear();
-    unpacked_ = extractAll() && loadCfg();
+    unpacked_ = extractAll(onPercent) && loadCfg();
     return unpacked_;
 }
 
@@ -75,6 +77,7 @@ bool FirmwareManager::liesInUnpackDirectory(const std::wstring& directory) const
 bool FirmwareManager::validate() {
     itemNames_.clear();
     itemFiles_.clear();
+    declaredSize_ = 0;
     if (!readNames())
         return false;
     if (hasItem(kFlashboot) && (hasItem(kVorlan) || hasItem(kMaster)))
@@ -94,7 +97,6 @@ bool FirmwareManager::readNames() {
         return false;
     }
     const std::int64_t count = entry.index;
-    std::uint64_t declared = 0;
     std::size_t steps = 0;
     for (std::int64_t i = 0; i < count; ++i) {
         // A list that breaks off does not tell what would be missing.
@@ -106,11 +108,11 @@ bool FirmwareManager::readNames() {
             LOG_E("the name of entry %lld of the package is no UTF-8", static_cast<long long>(i));
             return false;
         }
-        if (entry.size > kDeclaredLimit - declared) {
+        if (entry.size > kDeclaredLimit - declaredSize_) {
             LOG_E("package declares more than 1 GiB");
             return false;
         }
-        declared += entry.size;
+        declaredSize_ += entry.size;
         steps += stepsOf(entry.name);
         if (steps > kStepLimit) {
             LOG_E("package names more than %zu files and directories", kStepLimit);
@@ -143,21 +145,31 @@ void FirmwareManager::clearTempDir() {
     fileutil::removePath(tempDir_);
 }
 
-// False if some name of the package now stands for a file of an older one.
-bool FirmwareManager::extractAll() {
+// False if some name of the package now stands for a file of an older one, or after an
+// interruption.
+bool FirmwareManager::extractAll(const std::function<void(int percent)>& onPercent) {
     PackageArchive archive;
     PackageEntry entry;
     std::set<std::wstring> unreached = itemNames_;
     bool clean = true;
     archive.setExtractDir(tempDir_);
+    archive.watch([&, done = std::uint64_t{0}](std::uint64_t bytes) mutable {
+        done += bytes;
+        onPercent(static_cast<int>(done * 100 / declaredSize_));
+    });
     if (archive.openArchive(firmwarePath_) && archive.readEntry(PackageArchive::kArchive, entry)) {
         const std::int64_t count = entry.index;
-        for (std::int64_t i = 0; i < count && archive.readEntry(i, entry); ++i) {
+        for (std::int64_t i = 0;
+             i < count && !interruption::requested() && archive.readEntry(i, entry); ++i) {
             unreached.erase(entry.name);
             if (!archive.extractEntry(i, entry.name))
                 clean = archive.discardEntry(entry.name) && clean;
         }
         archive.closeArchive();
+    }
+    if (interruption::requested()) {
+        LOG_W("unpacking was cancelled: %s", text::narrow(firmwarePath_).c_str());
+        return false;
     }
     for (const std::wstring& name : unreached)
         clean = archive.discardEntry(name) && clean;

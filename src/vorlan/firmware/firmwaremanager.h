@@ -6,6 +6,8 @@
 // the operations that only read may then be called on any number of threads.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -28,11 +30,16 @@ class FirmwareManager {
     // before this one left, and reads its burn.cfg. An entry that cannot be unpacked is missing
     // afterwards, also if an older package had left such a file, and the burn that wants it fails.
     //
+    // It may take long: `onPercent` is told how far it has come, and an interruption of the calling
+    // thread ends it.
+    //
     // False if the package is invalid; the run log says why. Nothing is touched then, unless it
     // shows only while unpacking: a burn.cfg that cannot be read whole, an older file that can be
-    // neither replaced nor removed; isUnpacked() is false in that case. After false nobody may burn
-    // until a later unpack gives true.
-    bool unpack(const std::wstring& directory);
+    // neither replaced nor removed, an interruption; isUnpacked() is false in that case. After
+    // false nobody may burn until a later unpack gives true.
+    bool unpack(
+        const std::wstring& directory,
+        const std::function<void(int percent)>& onPercent = [](int) {});
 
     // Whether the chosen package lies where `directory`, or an earlier unpack, would be cleared:
     // such a package is invalid, since unpacking would delete it.
@@ -56,7 +63,7 @@ class FirmwareManager {
     bool hasItem(const std::wstring& name) const { return itemNames_.count(name) != 0; }
     bool lists(const std::wstring& name) const;
     void clearTempDir();
-    bool extractAll();
+    bool extractAll(const std::function<void(int percent)>& onPercent);
     bool loadCfg();
     void appendFixedItem(const std::wstring& name, std::uint32_t defaultAddr, BurnCfg& cfg,
                          std::vector<BurnItem>& items) const;
@@ -67,6 +74,7 @@ class FirmwareManager {
     // spelling.
     std::set<std::wstring> itemNames_;
     std::map<std::wstring, std::wstring> itemFiles_;
+    std::uint64_t declaredSize_ = 0;  // of all its entries together, in bytes
     BurnCfg cfgItems_;
     bool unpacked_ = false;
 };

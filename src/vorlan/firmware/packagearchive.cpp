@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "utils/fileutil.h"
+#include "utils/interruption.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
 #include "vorlan/firmware/entryname.h"
@@ -61,9 +62,12 @@ std::filesystem::file_time_type fileTime(const tm_unz& stored) {
 }
 
 // Copies the opened entry, which has to give exactly the `size` bytes that it declares.
-bool copyOpened(unzFile archive, std::uint64_t size, std::FILE* file) {
+bool copyOpened(unzFile archive, std::uint64_t size, std::FILE* file,
+                const std::function<void(std::uint64_t)>& onBytes) {
     std::vector<char> block(static_cast<std::size_t>(std::min<std::uint64_t>(size, kBlockSize)));
     while (size > 0) {
+        if (interruption::requested())
+            return false;
         const int count =
             unzReadCurrentFile(archive, block.data(), static_cast<unsigned>(block.size()));
         if (count <= 0 || static_cast<std::uint64_t>(count) > size)
@@ -72,14 +76,16 @@ bool copyOpened(unzFile archive, std::uint64_t size, std::FILE* file) {
         if (std::fwrite(block.data(), 1, length, file) != length)
             return false;
         size -= length;
+        onBytes(length);
     }
     return true;
 }
 
-bool copyCurrent(unzFile archive, std::uint64_t size, std::FILE* file) {
+bool copyCurrent(unzFile archive, std::uint64_t size, std::FILE* file,
+                 const std::function<void(std::uint64_t)>& onBytes) {
     if (unzOpenCurrentFile(archive) != UNZ_OK)
         return false;
-    const bool copied = copyOpened(archive, size, file);
+    const bool copied = copyOpened(archive, size, file, onBytes);
     // The checksum is looked at only here.
     return unzCloseCurrentFile(archive) == UNZ_OK && copied;
 }
@@ -189,6 +195,6 @@ bool PackageArchive::extractCurrent(const std::wstring& name) {
     const UnpackDirectory::Attributes attributes{fileTime(info.tmu_date),
                                                  (info.external_fa & kDosReadOnly) != 0};
     return directory_.writeFile(name, attributes, [&](std::FILE* file) {
-        return copyCurrent(archive_.get(), info.uncompressed_size, file);
+        return copyCurrent(archive_.get(), info.uncompressed_size, file, onBytes_);
     });
 }

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "vorlan/firmware/unpackdirectory.h"
 
@@ -36,12 +38,16 @@ class PackageArchive {
 
     // Unpacks one entry under `name`, with its times and read-only attribute; directories are made
     // as needed. A file takes the place of an older one whole or not at all. Encrypted entries,
-    // links and device files, unknown methods and damaged data fail; so does a full disk. After a
-    // failure, which the run log tells, the older file is still there.
+    // links and device files, unknown methods and damaged data fail; so does a full disk. So
+    // does the interruption of the calling thread. After a failure, which the run log tells, the
+    // older file is still there.
     bool extractEntry(std::int64_t index, const std::wstring& name);
 
     // Removes an older file of that name, if any. False if it could not.
     bool discardEntry(const std::wstring& name) const;
+
+    // Told how many bytes of its files have been unpacked since the last call.
+    void watch(std::function<void(std::uint64_t bytes)> onBytes) { onBytes_ = std::move(onBytes); }
 
     void closeArchive();
 
@@ -57,4 +63,5 @@ class PackageArchive {
     std::int64_t count_ = 0;
     std::int64_t current_ = -1;  // -1: none
     UnpackDirectory directory_;
+    std::function<void(std::uint64_t)> onBytes_ = [](std::uint64_t) {};
 };

@@ -7,8 +7,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QApplication>
 #include <QCoreApplication>
+#include <QProgressDialog>
+#include <QPushButton>
 #include <QRegularExpression>
+#include <QTimer>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -487,6 +491,36 @@ TEST_F(BurnPageTest, RefusesWhatIsNoPackageAndGoesOn) {
         EXPECT_EQ(hands->isEnabled("开始烧录"), valid);
     }
     EXPECT_EQ(prompts_.takeFilters(), std::vector<QString>(5, "刷机固件(*.vrk *.zip)"));
+}
+
+TEST_F(BurnPageTest, UnpackingALargePackageCanBeCancelled) {
+    simulator::PackageBuilder large;
+    large.add("flashboot.bin", flashboot).add("master.bin", master);
+    for (int i = 0; i < 90'000; ++i)
+        large.add("more" + std::to_string(i), "");
+    large.write("large.vrk");
+    prepare();
+    ASSERT_TRUE(hands->isEnabled("开始烧录"));
+
+    QTimer operatorsEye;
+    QObject::connect(&operatorsEye, &QTimer::timeout, [&] {
+        auto* const box = window->findChild<QProgressDialog*>();
+        if (box == nullptr || !box->isVisible())
+            return;
+        EXPECT_EQ(box->labelText(), "正在解压固件……");
+        EXPECT_EQ(QApplication::activeModalWidget(), box) << "the window takes orders";
+        box->findChild<QPushButton*>()->click();
+        operatorsEye.stop();
+    });
+    operatorsEye.start(10);
+    chooseFirmware(pathOf("large.vrk"));
+    EXPECT_FALSE(operatorsEye.isActive()) << "no box came";
+    EXPECT_EQ(hands->edit("固件路径")->text(), "请选择固件");
+    EXPECT_FALSE(hands->isEnabled("开始烧录"));
+    EXPECT_FALSE(std::filesystem::exists("temp_image/more89999"));
+
+    chooseFirmware(pathOf("package.vrk"));
+    EXPECT_TRUE(hands->isEnabled("开始烧录"));
 }
 
 TEST_F(BurnPageTest, TellsWhatIsWrongWithANumberFile) {

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <iomanip>
 #include <latch>
 #include <sstream>
+#include <stop_token>
 #include <thread>
 #include <vector>
 
@@ -18,6 +20,7 @@
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
 #include "utils/fileutil.h"
+#include "utils/interruption.h"
 
 using simulator::PackageBuilder;
 
@@ -219,6 +222,33 @@ TEST_F(FirmwareManagerTest, LeavesAPackageAloneThatLiesWhereItWouldBeUnpacked) {
     manager_.setFirmwarePath(L".\\temp_image\\own.zip");
     EXPECT_FALSE(manager_.unpack(L".\\uart_temp_image\\"));
     EXPECT_TRUE(fs::exists("temp_image/own.zip"));
+}
+
+TEST_F(FirmwareManagerTest, LeavesOffWhenInterruptedAndTellsHowFarItIs) {
+    auto package = smallest();
+    package.add("big.bin", std::string(4 << 20, 'b')).add("empty.bin", "").write("package.vrk");
+    manager_.setFirmwarePath((directory_.path() / "package.vrk").wstring());
+    std::stop_source stop;
+    int last = -1;
+    {
+        const interruption::Scope scope(stop.get_token());
+        EXPECT_FALSE(manager_.unpack(kDirectory, [&](int percent) {
+            last = percent;
+            if (percent > 10)
+                stop.request_stop();
+        }));
+    }
+    EXPECT_LT(last, 30);
+    EXPECT_FALSE(manager_.isUnpacked());
+    EXPECT_THAT(manager_.getBurnItems(), ElementsAre());
+    EXPECT_FALSE(fs::exists("temp_image/big.bin"));
+    EXPECT_FALSE(fs::exists("temp_image/empty.bin"));
+
+    std::vector<int> told;
+    EXPECT_TRUE(manager_.unpack(kDirectory, [&](int percent) { told.push_back(percent); }));
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
+    EXPECT_EQ(told.back(), 100);
+    EXPECT_TRUE(fs::exists("temp_image/empty.bin"));
 }
 
 TEST_F(FirmwareManagerTest, TraceTellsTheItemsOfTheCfg) {
