@@ -1,8 +1,8 @@
 // Answers the window's boxes and file dialogs as an operator in a hurry does, and counts the boxes.
 #pragma once
 
+#include <QMap>
 #include <QString>
-#include <map>
 #include <optional>
 
 #include "campaign/dice.h"
@@ -22,7 +22,9 @@ class Answers final : public Prompts {
     void choose(const QString& path) { path_ = path; }
 
     // How often each text was shown; digits count as one another.
-    const std::map<QString, int>& boxes() const { return boxes_; }
+    const QMap<QString, int>& boxes() const { return boxes_; }
+
+    int shown(const QString& text) const { return boxes_.value(text); }
 
     bool showBox(QWidget* parent, const QString& text, const QString& caption,
                  BoxType type) override;
@@ -31,7 +33,7 @@ class Answers final : public Prompts {
   private:
     Dice& dice_;
     std::optional<QString> path_;
-    std::map<QString, int> boxes_;
+    QMap<QString, int> boxes_;
 };
 
 }  // namespace campaign

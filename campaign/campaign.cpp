@@ -23,6 +23,7 @@ namespace {
 const QString kStart = QStringLiteral("开始烧录");
 const QString kStop = QStringLiteral("停止烧录");
 const QString kImport = QStringLiteral("导入SN");
+const QString kImported = QStringLiteral("导入成功");
 const QString kChoose = QStringLiteral("选择固件");
 const QString kSuccess = QStringLiteral("烧录成功！");
 
@@ -116,6 +117,7 @@ void Campaign::prepareDay(Road& road) {
     if (dice_.chance(30))
         restartProgram();
     press(road.page());
+    wildness_ = dice_.between(1, 5);
     mayRunOut_ = weather_ == Weather::kStorm && dice_.chance(20);
     std::vector<std::string> numbers(mayRunOut_ ? dice_.between(1, 40) : 3000);
     listAtImport_.clear();
@@ -154,8 +156,11 @@ void Campaign::choosePackage() {
 
 void Campaign::importList() {
     answers_.choose(QString::fromStdString(listPath_));
+    const int before = answers_.shown(kImported);
     press(kImport);
-    touched_ = false;
+    // It may be refused while a run that was stopped still holds a number.
+    if (answers_.shown(kImported) > before)
+        touched_ = false;
 }
 
 void Campaign::playSockets(Road& road) {
@@ -173,7 +178,7 @@ void Campaign::playSocket(Road& road, std::size_t number) {
                 plugNew(road, number);
             break;
         case Socket::State::kBurning:
-            if (weather_ == Weather::kStorm && dice_.below(10'000) < 4)
+            if (weather_ == Weather::kStorm && dice_.below(10'000) < 3 * wildness_)
                 unplug(road, number);
             else if (realTime() - socket.since > kPatience && isBurning() && !socket.disturbed)
                 judgeEnd(road, number);
@@ -194,7 +199,7 @@ void Campaign::playSocket(Road& road, std::size_t number) {
 }
 
 void Campaign::playOperator(Road& road) {
-    const std::uint32_t deed = dice_.below(6000);
+    const std::uint32_t deed = dice_.below(6000 / wildness_);
     if (deed < 4) {
         stop(road);
         if (dice_.chance(30) || touched_)
@@ -266,7 +271,7 @@ void Campaign::touchList() {
 
 void Campaign::plugNew(Road& road, std::size_t number) {
     sockets_[number].restarted = false;
-    sockets_[number].clean = weather_ == Weather::kCalm || dice_.chance(60);
+    sockets_[number].clean = weather_ == Weather::kCalm || dice_.chance(90 - 15 * wildness_);
     road.makeDevice(number, dice_, !sockets_[number].clean);
     ledger_.plugged(road.place(number), road.flash(number));
     powerOn(road, number);

@@ -106,6 +106,7 @@ class Campaign {
     std::unique_ptr<simulator::WindowOperator> hands_;
 
     std::size_t days_ = 0;
+    std::uint32_t wildness_ = 1;  // of today's storm, from 1 to 5
     std::string listPath_;
     std::string listAtImport_;  // its bytes
     bool mayRunOut_ = false;    // of numbers, today

@@ -60,7 +60,7 @@ void tell(std::FILE* report, const Orders& orders, const campaign::Campaign& cam
     for (const auto& [page, milliseconds] : campaign.longestStops())
         std::fprintf(report, "longest stop of the page %s: %ld ms\n", page.toUtf8().constData(),
                      milliseconds);
-    for (const auto& [text, count] : campaign.answers().boxes())
+    for (const auto& [text, count] : campaign.answers().boxes().toStdMap())
         std::fprintf(report, "box, %d times: %s\n", count, text.toUtf8().constData());
     for (const auto& [reason, count] : ledger.reasons())
         std::fprintf(report, "failure, %zu times: %s\n", count, reason.c_str());
