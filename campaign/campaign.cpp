@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 #include "storage/globalstorage.h"
@@ -67,6 +68,9 @@ std::set<std::string> freeNumbers() {
 
 Campaign::Campaign(std::uint32_t seed, Weather weather, std::vector<Road*> roads)
     : dice_(seed), weather_(weather), roads_(std::move(roads)), answers_(dice_) {
+    // What an earlier run has left would be loaded.
+    for (const char* const name : {"global_storage", "tag_map"})
+        std::filesystem::remove(name);
     std::filesystem::create_directories("ramloader");
     const auto proxy = sampleBytes(seed, 5000);
     write("ramloader/flash_proxy.img", std::string(proxy.begin(), proxy.end()));
@@ -385,6 +389,14 @@ void Campaign::start(Road& /*road*/) {
 void Campaign::stop(Road& road) {
     for (Socket& socket : sockets_)
         socket.disturbed = true;
+    std::jthread pulling;  // while the program stops
+    if (weather_ == Weather::kStorm && dice_.chance(40))
+        pulling = std::jthread([&road, first = dice_.below(Road::kSockets / 2)] {
+            for (std::size_t i = first; i < first + Road::kSockets / 2; ++i) {
+                if (road.isPlugged(i))
+                    road.unplug(i);
+            }
+        });
     const auto before = realTime();
     press(kStop);
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(realTime() - before);

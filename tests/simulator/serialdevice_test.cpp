@@ -16,7 +16,6 @@
 
 #include "support/pseudoterminal.h"
 #include "support/temporarydirectory.h"
-#include "utils/text.h"
 #include "vorlan/uart/flash_loader.h"
 
 namespace simulator {
@@ -70,29 +69,6 @@ TEST_F(SerialDevice, ComesUpOnAPtyThatNobodyHasLocked) {
     PseudoTerminal terminal;
     EXPECT_NE(serial_open(terminal.portPath(), kRomBaudrate, 0, 0), nullptr);
     std::filesystem::remove(lock);
-}
-
-TEST_F(SerialDevice, KeepsThePaceOfItsRate) {
-    const VirtualSerialDevice& device = start({.start = SerialStart::kProxy,
-                                               .paced = true,
-                                               .requiresDigest = false,
-                                               .blockTime = std::chrono::milliseconds(2)});
-    const std::unique_ptr<UartContext> host = open();
-    ASSERT_EQ(flash_loader_handshake(host.get()), kUartOk);
-    constexpr std::uint32_t kRate = 3000000;
-    ASSERT_EQ(flash_loader_change_baudrate(host.get(), kRate), kUartOk);
-    constexpr std::size_t kBlocks = 20;
-    const std::vector<std::uint8_t> image(kBlocks * kFlashBlockSize, 0x11);
-    const std::uint64_t before = device.traffic();
-    const auto startedAt = Clock::now();
-    ASSERT_EQ(flash_loader_download_buffer(host.get(), image.data(),
-                                           static_cast<std::uint32_t>(image.size()), kFlashWindow,
-                                           2, false, L"image"),
-              kUartOk);
-    const std::chrono::duration<double> took = Clock::now() - startedAt;
-    EXPECT_GE(took.count(),
-              static_cast<double>(device.traffic() - before) * 10 / kRate + kBlocks * 0.002);
-    EXPECT_THAT(device.errors(), IsEmpty());
 }
 
 // What a host must not do, done by one that knows no rules.

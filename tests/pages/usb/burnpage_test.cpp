@@ -19,8 +19,6 @@
 #include <functional>
 #include <latch>
 #include <optional>
-#include <set>
-#include <sstream>
 #include <thread>
 
 #include "pages/windowfixture.h"
@@ -141,14 +139,6 @@ class BurnPageTest : public WindowFixture {
             endsAt(number).size() == 1 && endsAt(number)[0].starts_with(end))
             return testing::AssertionSuccess();
         return testing::AssertionFailure() << testing::PrintToString(endsAt(number));
-    }
-
-    // What the tiles show.
-    std::string told() const {
-        QString text;
-        for (const TileView& tile : hands->tiles())
-            text += tile.name + ": " + tile.status + "\n";
-        return text.toStdString();
     }
 
     const unsigned countAtStart = GlobalStorage::getInstance().getFlashCount();
@@ -815,62 +805,6 @@ TEST_F(BurnPageTest, OpensOnlyWithAWorkingDriver) {
     }
     ASSERT_TRUE(hands->press("USB烧录"));
     EXPECT_TRUE(hands->isEnabled("选择固件"));
-}
-
-TEST_F(BurnPageTest, SixteenDevicesComeAndGoWhileTheOperatorStartsAndStops) {
-    std::string numbers;
-    for (int i = 1; i <= 200; ++i)
-        numbers += row(100 + i);
-    prepare();
-    importNumbers(numbers);
-    for (int i = 1; i <= 16; ++i)
-        plug(i, makeDevice({.chunkTime = 2ms}));
-    const auto powerOnAnew = [&] {
-        for (int i = 1; i <= 16; ++i) {
-            bus.unplug(port(i));
-            bus.plug(port(i), devices[static_cast<std::size_t>(i - 1)]);
-        }
-    };
-    for (int round = 0; round < 3; ++round) {
-        ASSERT_TRUE(hands->press("开始烧录"));
-        ASSERT_TRUE(WindowOperator::waitFor([&] {
-            const std::vector<TileView> tiles = hands->tiles();
-            return std::any_of(tiles.begin(), tiles.end(), [&](const TileView& tile) {
-                return tile.status.startsWith("正在写入") || tile.status.startsWith(kBurned);
-            });
-        }));
-        // Devices leave and come while the stop runs.
-        std::thread worker(powerOnAnew);
-        ASSERT_TRUE(hands->press("停止烧录"));
-        worker.join();
-        EXPECT_TRUE(hintReads(kStopped));
-        // Some have come before the stop and run their burner image by now.
-        powerOnAnew();
-    }
-    ASSERT_TRUE(hands->press("开始烧录"));
-    ASSERT_TRUE(WindowOperator::waitFor([&] {
-        const std::vector<TileView> tiles = hands->tiles();
-        return tiles.size() == 16 && std::all_of(tiles.begin(), tiles.end(), [](const auto& tile) {
-                   return tile.status.startsWith(kBurned + "SN=");
-               });
-    })) << told();
-    // What the tiles tell is in the devices, every number once, and each is marked: as many in all
-    // as burns have been counted.
-    std::set<QString> given;
-    const std::string marks = directory_.read("numbers.csv");
-    for (int i = 1; i <= 16; ++i) {
-        const QString sn = tile(i).status.mid(kBurned.size() + 3);
-        EXPECT_TRUE(given.insert(sn).second);
-        EXPECT_TRUE(isBurned(*devices[static_cast<std::size_t>(i - 1)], sn.toStdString()));
-        EXPECT_THAT(marks, testing::HasSubstr(sn.toStdString() + ",1\r\n"));
-    }
-    expectCount(static_cast<unsigned>(occurrences(marks, ",1\r\n")));
-    // Power may have come back between the two stages of a burn: before the removal is heard of,
-    // the ROM loader is then asked for what only the burner image knows, and the burn ends.
-    for (const auto& device : devices)
-        EXPECT_THAT(device->errors(),
-                    testing::Each("ROM loader: a command record in the ROM stage"));
-    devices.clear();
 }
 
 }  // namespace

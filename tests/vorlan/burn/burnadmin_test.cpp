@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <random>
 #include <thread>
 
 #include "adminfixture.h"
@@ -160,37 +159,6 @@ TEST_P(BurnAdminTest, AStopEndsSixteenBurnsInTheTimeOfOneAndANewStartBurnsAgain)
     EXPECT_TRUE(listener.waitFor("plug", 16));
 }
 
-TEST_P(BurnAdminTest, ComingAndGoingAtRandomMomentsDuringBurnsAndStops) {
-    burnForReal();
-    std::mt19937 random(20);
-    for (int round = 0; round < 3; ++round) {
-        start(1);
-        std::vector<std::jthread> hands;
-        for (std::size_t i = 1; i <= 16; ++i) {
-            hands.emplace_back([this, at = port(i), seed = random()](const std::stop_token& stop) {
-                std::mt19937 moments(static_cast<unsigned>(seed));
-                auto device = std::make_shared<simulator::VirtualUsbDevice>();
-                while (!stop.stop_requested()) {
-                    device->unplugAtByte(moments() % 40'000);
-                    bus.plug(at, device);
-                    std::this_thread::sleep_for(std::chrono::microseconds(moments() % 200'000));
-                    bus.unplug(at);
-                }
-                // Whoever comes back at once is at the same port before the worker of the one that
-                // left has heard of it, and may get the SYNC that was meant for the other.
-                for (const std::string& error : device->errors())
-                    EXPECT_EQ(error, "ROM loader: a command record in the ROM stage");
-            });
-        }
-        EXPECT_TRUE(listener.waitFor("remove", 40));
-        BurnAdmin::destroyInstance();
-        hands.clear();
-        EXPECT_EQ(bus.openHandles(), 0U);
-        EXPECT_EQ(listener.count("plug"), listener.count("remove"));
-        listener.clear();
-    }
-}
-
 TEST_P(BurnAdminTest, WithoutHotPlugOrLibraryNothingArrivesAndNothingBreaks) {
     plug("0-1");
     for (const auto operation :
@@ -205,20 +173,6 @@ TEST_P(BurnAdminTest, WithoutHotPlugOrLibraryNothingArrivesAndNothingBreaks) {
         BurnAdmin::destroyInstance();
         EXPECT_TRUE(listener.events().empty());
     }
-}
-
-TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
-    clock.reset();  // the download is not to fail before
-    for (std::size_t i = 1; i <= 3; ++i)
-        plug(port(i), {},
-             {{UsbFaultPoint::kMemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
-    start();
-    for (const auto& device : devices)
-        ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::kMemData) >= 2; }));
-    BurnAdmin::destroyInstance();
-    EXPECT_EQ(listener.count("plug"), 3U);
-    EXPECT_EQ(listener.count("remove"), 3U);
-    EXPECT_EQ(listener.events().size(), 6U) << testing::PrintToString(listener.events());
 }
 
 TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
