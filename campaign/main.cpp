@@ -2,9 +2,9 @@
 //
 //     campaign REPORT [--seed N] [--burns N] [--road usb|serial] [--weather calm|storm]
 //
-// Runs in the current directory, until that many burns have ended, writes to
-// the file REPORT what happened, and exits 0 only if every rule held. The seed decides what happens
-// to the devices; in which order threads come to it is up to the machine.
+// Runs in the current directory until that many burns have ended, writes to the file REPORT what
+// happened, and exits 0 only if every rule held. The seed decides what happens to the devices; in
+// which order threads come to it is up to the machine.
 #include <QApplication>
 #include <chrono>
 #include <cstdio>
