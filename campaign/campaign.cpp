@@ -13,6 +13,8 @@
 
 #include "storage/globalstorage.h"
 #include "storage/snreservation.h"
+#include "storage/usbtagmap.h"
+#include "utils/text.h"
 
 using namespace std::chrono_literals;
 using simulator::sampleBytes;
@@ -68,9 +70,6 @@ std::set<std::string> freeNumbers() {
 
 Campaign::Campaign(std::uint32_t seed, Weather weather, std::vector<Road*> roads)
     : dice_(seed), weather_(weather), roads_(std::move(roads)), answers_(dice_) {
-    // What an earlier run has left would be loaded.
-    for (const char* const name : {"global_storage", "tag_map"})
-        std::filesystem::remove(name);
     std::filesystem::create_directories("ramloader");
     const auto proxy = sampleBytes(seed, 5000);
     write("ramloader/flash_proxy.img", std::string(proxy.begin(), proxy.end()));
@@ -109,6 +108,36 @@ void Campaign::playDay() {
         live();
     }
     finishDay(road);
+}
+
+void Campaign::playUntilKilled(const std::string& listPath, const std::string& witnessPath) {
+    ledger_.testifyTo(witnessPath);
+    listPath_ = listPath;
+    untilKilled_ = true;
+    Road& road = *roads_.front();
+    press(road.page());
+    if (GlobalStorage::getInstance().getSnFilePath().empty())
+        importList();
+    if (!hasKeptItsFiles()) {
+        ledger_.addFinding("the settings or the labels are lost");
+        return;
+    }
+    choosePackage();
+    start(road);
+    for (;;) {
+        playSockets(road);
+        playOperator(road);
+        if (dice_.chance(2))
+            hands_->press(QStringLiteral("保存标签"));  // of the USB page
+        live();
+    }
+}
+
+bool Campaign::hasKeptItsFiles() const {
+    const GlobalStorage& storage = GlobalStorage::getInstance();
+    return storage.getSnFilePath() == text::widen(listPath_) &&
+           GlobalStorage::getInstance().getSnFile().isLoaded() != 0 &&
+           (!std::filesystem::exists("tag_map") || UsbTagMap().load());
 }
 
 void Campaign::closeWindow() {
@@ -221,7 +250,8 @@ void Campaign::playOperator(Road& road) {
         press(kImport);  // must wait for the end of burning
         answers_.choose({});
     } else if (deed < 11) {
-        touchList();
+        if (!untilKilled_)
+            touchList();
     } else if (deed < 15) {
         resetHub(road);
     }

@@ -34,6 +34,9 @@ class Campaign {
 
     // From one list of numbers to the next.
     void playDay();
+    // On the first road, with the files that an earlier run has left: the stored list, which has to
+    // be this one, or none. Returns only if something of them is lost.
+    void playUntilKilled(const std::string& listPath, const std::string& witnessPath);
     // When nothing more is to come.
     void closeWindow();
 
@@ -74,6 +77,7 @@ class Campaign {
     void resetHub(Road& road);
     void leavePageAndReturn(Road& road);
     void touchList();
+    bool hasKeptItsFiles() const;
 
     void plugNew(Road& road, std::size_t number);
     void plugAgain(Road& road, std::size_t number);
@@ -111,6 +115,7 @@ class Campaign {
     std::string listAtImport_;  // its bytes
     bool mayRunOut_ = false;    // of numbers, today
     bool touched_ = false;      // the list, since its import
+    bool untilKilled_ = false;
     std::array<Socket, Road::kSockets> sockets_;
     std::map<QString, long> longestStops_;
     Footprint first_{};  // once all has been in use

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <fstream>
 #include <iterator>
 #include <utility>
 
@@ -62,7 +61,6 @@ void Ledger::checkList(const std::string& path, const std::set<std::string>& fre
     std::ifstream file(path, std::ios::binary);
     const std::string content{std::istreambuf_iterator<char>(file), {}};
     const std::lock_guard guard(lock_);
-    const auto find = [this](const std::string& finding) { findings_.push_back(finding); };
     std::size_t offset = 0;
     for (const std::string& number : numbers_) {
         const std::string row = content.substr(std::min(offset, content.size()), number.size() + 4);
@@ -99,7 +97,7 @@ bool Ledger::isBurned(const std::string& sn) const {
 
 void Ledger::addFinding(const std::string& finding) {
     const std::lock_guard guard(lock_);
-    findings_.push_back(finding);
+    find(finding);
 }
 
 std::vector<std::string> Ledger::findings() const {
@@ -138,9 +136,22 @@ void Ledger::print(int level, const std::string& line) {
     }
 }
 
+void Ledger::testify(const std::string& line) {
+    if (witness_.is_open())
+        witness_ << line << std::endl;
+}
+
+void Ledger::find(const std::string& finding) {
+    findings_.push_back(finding);
+    testify("finding " + finding);
+}
+
 // As in "PLACE, SN=...: why".
 void Ledger::takeFailure(const std::string& message) {
     ++failed_;
+    const std::string sn = between(message, ", SN=", ": ");
+    if (!sn.empty())
+        testify("failed " + sn);
     ends_[message.substr(0, message.find(", "))].push_back({.outcome = message});
     std::string reason = between(between(message, ", ", ""), ": ", "");
     std::replace_if(
@@ -151,9 +162,10 @@ void Ledger::takeFailure(const std::string& message) {
 
 void Ledger::takeGood(const std::string& place, const std::string& sn) {
     ++good_;
+    testify("good " + sn);
     ends_[place].push_back({.good = true, .sn = sn});
     if (!sn.empty() && !burned_.insert(sn).second)
-        findings_.push_back("given to two devices: " + sn);
+        find("given to two devices: " + sn);
     const std::uint32_t address = GlobalStorage::getInstance().getSnBurnAddr();
     for (const auto& flash : flashes_[place]) {
         for (const auto& package : packages_) {
@@ -161,8 +173,7 @@ void Ledger::takeGood(const std::string& place, const std::string& sn) {
                 return;
         }
     }
-    findings_.push_back("reported as good, but the flash is not as it must be: " + place +
-                        ", SN=" + sn);
+    find("reported as good, but the flash is not as it must be: " + place + ", SN=" + sn);
 }
 
 }  // namespace campaign

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,6 +29,10 @@ struct ToldEnd {
 // Stands in for the run log's printer. All operations may be called from any thread.
 class Ledger final : public hj::LogPrinter {
   public:
+    // What is found out from now on goes to the end of that file too, at once, so that it outlives
+    // this process: "good NUMBER" and "failed NUMBER" for the burns, "finding TEXT".
+    void testifyTo(const std::string& path) { witness_.open(path, std::ios::app); }
+
     // In the order of their making. Burns that are under way may still use the one before.
     void usePackage(std::shared_ptr<const simulator::SamplePackage> package);
     // A device got power. Burns under way may still belong to the place's device before.
@@ -59,6 +64,8 @@ class Ledger final : public hj::LogPrinter {
     void print(int level, const std::string& line) override;
 
   private:
+    void testify(const std::string& line);
+    void find(const std::string& finding);
     void takeFailure(const std::string& message);
     void takeGood(const std::string& place, const std::string& sn);
 
@@ -75,6 +82,7 @@ class Ledger final : public hj::LogPrinter {
     std::size_t failed_ = 0;
     std::map<std::string, std::size_t> reasons_;
     std::vector<std::string> findings_;
+    std::ofstream witness_;
 };
 
 }  // namespace campaign

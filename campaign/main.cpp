@@ -1,10 +1,12 @@
 // The fault campaign: the program's own window, sixteen devices a page, and all that can go wrong.
 //
 //     campaign REPORT [--seed N] [--burns N] [--road usb|serial] [--weather calm|storm]
+//     campaign WITNESS --until-killed LIST [--seed N] [--road usb|serial]
 //
 // Runs in the current directory until that many burns have ended, writes to the file REPORT what
 // happened, and exits 0 only if every rule held. The seed decides what happens to the devices; in
-// which order threads come to it is up to the machine.
+// which order threads come to it is up to the machine. Until it is killed it goes on with the files
+// that the one before has left, and adds to the file WITNESS what must hold afterwards.
 #include <QApplication>
 #include <chrono>
 #include <cstdio>
@@ -30,6 +32,7 @@ struct Orders {
     std::uint32_t seed = 1;
     std::size_t burns = 1000;
     std::string road;
+    std::string list;  // of numbers, until killed
     campaign::Weather weather = campaign::Weather::kStorm;
 };
 
@@ -44,6 +47,8 @@ bool parse(int argc, char** argv, Orders& orders) {
             orders.burns = std::strtoul(argv[i + 1], nullptr, 10);
         else if (option == "--road")
             orders.road = argv[i + 1];
+        else if (option == "--until-killed")
+            orders.list = argv[i + 1];
         else if (option == "--weather")
             orders.weather = argv[i + 1] == std::string_view("calm") ? campaign::Weather::kCalm
                                                                      : campaign::Weather::kStorm;
@@ -79,7 +84,12 @@ int main(int argc, char** argv) {
             stderr);
         return 2;
     }
-    const fileutil::FilePtr report = fileutil::openFile(argv[1], "w");
+    if (orders.list.empty()) {
+        // What an earlier run has left would be loaded.
+        for (const char* const name : {"global_storage", "tag_map"})
+            std::filesystem::remove(name);
+    }
+    const fileutil::FilePtr report = fileutil::openFile(argv[1], "a");
     if (report == nullptr) {
         std::fprintf(stderr, "cannot write %s\n", argv[1]);
         return 2;
@@ -95,6 +105,10 @@ int main(int argc, char** argv) {
         roads.push_back(&serial);
     const TurnedClock clock(kGrain);
     campaign::Campaign campaign(orders.seed, orders.weather, roads);
+    if (!orders.list.empty()) {
+        campaign.playUntilKilled(orders.list, argv[1]);
+        return 1;
+    }
     std::size_t told = 0;  // findings
     while (campaign.burns() < orders.burns) {
         campaign.playDay();
