@@ -61,25 +61,30 @@ void Ledger::checkList(const std::string& path, const std::set<std::string>& fre
     std::ifstream file(path, std::ios::binary);
     const std::string content{std::istreambuf_iterator<char>(file), {}};
     const std::lock_guard guard(lock_);
+    const auto tell = [&](const char* what, const std::string& number) {
+        std::string text = path;
+        text.append(": ").append(what).append(": ").append(number);
+        find(text);
+    };
     std::size_t offset = 0;
     for (const std::string& number : numbers_) {
         const std::string row = content.substr(std::min(offset, content.size()), number.size() + 4);
         const bool marked = row == number + ",1\r\n";
         if (!marked && row != number + ",0\r\n") {
-            find(path + ": not a row of " + number + ": " + row);
+            tell("not its row any more", number);
             return;
         }
         offset += row.size();
         const bool burned = burned_.contains(number);
         const bool free = freeNumbers.contains(number);
         if (marked && !burned)
-            find(path + ": marked, but no device confirmed it: " + number);
+            tell("marked, but no device confirmed it", number);
         if (burned && !marked && !(touched_ && (toldLost_ || toldUnmarked_.contains(number))))
-            find(path + ": in a device, but not marked: " + number);
+            tell("in a device, but not marked", number);
         if (burned && free)
-            find(path + ": in a device, and still free: " + number);
+            tell("in a device, and still free", number);
         if (!burned && !free && !touched_)
-            find(path + ": in no device, and not free: " + number);
+            tell("in no device, and not free", number);
     }
     if (offset != content.size())
         find(path + ": has grown");
