@@ -316,7 +316,7 @@ TEST_F(HurriedSerialBurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3) + row(4) + row(5) + row(6));
     // Port 0 is there, but says nothing: its number stays with it to the end of its attempts.
-    plugSerial(0, {.romStartUp = 60s});
+    plugSerial(0, {.romStartUp = 1h});
     VirtualSerialDevice& rightDigest = makeSerial(1);
     VirtualSerialDevice& wrongDigest = makeSerial(2);
     wrongDigest.addFault({SerialFaultPoint::kMd5, SerialFault::wrongDigest()});
@@ -375,7 +375,7 @@ TEST_F(HurriedSerialBurnPageTest, BurnsWithoutNumbersAndUsesListsUp) {
 
     importNumbers(row(1, true));
     arrive(device);
-    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
+    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 1h});
     ASSERT_TRUE(hands->press("开始烧录"));
     // No thread runs, and yet the operator can read why, until the last of the ports has left.
     ASSERT_TRUE(shows(0, "SN号已耗尽，请导入新的SN号！"));
@@ -408,7 +408,7 @@ TEST_F(HurriedSerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
                      }),
                      3});
     arrive(inBurn);
-    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 60s});
+    VirtualSerialDevice& mute = plugSerial(1, {.romStartUp = 1h});
     ASSERT_TRUE(hands->press("开始烧录"));
     EXPECT_TRUE(canRead(kStopped));
     EXPECT_TRUE(hands->tiles().empty());
@@ -435,7 +435,7 @@ TEST_F(HurriedSerialBurnPageTest, StopsAtOnceAndBurnsAgain) {
 
 TEST_F(SerialBurnPageTest, AStoppedRunLeavesTheTileToTheNext) {
     prepareSerial();
-    plugSerial(0, {.romStartUp = 60s});
+    plugSerial(0, {.romStartUp = 1h});
     ASSERT_TRUE(hands->press("开始烧录"));
     ASSERT_TRUE(shows(0, kPreparing));
     ASSERT_TRUE(hands->press("停止烧录"));
