@@ -35,6 +35,10 @@ constexpr int kMomentsOfADay = 2500;
 constexpr auto kPatience = 120s;
 // Of threads and descriptors: caches of the libraries below.
 constexpr std::size_t kGrowthThatPasses = 8;
+// Of the heap: what one day needs more than another, and what the campaign itself remembers of a
+// burn.
+constexpr std::size_t kHeapThatPassesKiB = 4096;
+constexpr std::size_t kBurnsRememberedInKiB = 5;
 
 // The steady clock leaps; this one shows what time it is.
 std::chrono::system_clock::time_point realTime() {
@@ -481,8 +485,11 @@ void Campaign::checkFootprint() {
     if (days_ <= 2 * roads_.size()) {
         first_.threads = std::max(first_.threads, now.threads);
         first_.descriptors = std::max(first_.descriptors, now.descriptors);
+        first_.heapKiB = std::max(first_.heapKiB, now.heapKiB);
         return;
     }
+    if (now.heapKiB > first_.heapKiB + kHeapThatPassesKiB + burns() / kBurnsRememberedInKiB)
+        ledger_.addFinding("heap: " + std::to_string(now.heapKiB) + " KiB");
     if (now.threads > first_.threads + kGrowthThatPasses)
         ledger_.addFinding("threads: " + std::to_string(now.threads));
     if (now.descriptors > first_.descriptors + kGrowthThatPasses)

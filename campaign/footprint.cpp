@@ -1,5 +1,7 @@
 #include "campaign/footprint.h"
 
+#include <malloc.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -26,7 +28,8 @@ std::size_t residentKiB() {
 }  // namespace
 
 Footprint footprint() {
-    return {residentKiB(), entriesOf("/proc/self/task"), entriesOf("/proc/self/fd")};
+    return {residentKiB(), ::mallinfo2().uordblks / 1024, entriesOf("/proc/self/task"),
+            entriesOf("/proc/self/fd")};
 }
 
 }  // namespace campaign

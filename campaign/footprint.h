@@ -7,6 +7,7 @@ namespace campaign {
 
 struct Footprint {
     std::size_t residentKiB;
+    std::size_t heapKiB;  // allocated and not freed
     std::size_t threads;
     std::size_t descriptors;
 };

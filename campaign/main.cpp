@@ -114,9 +114,10 @@ int main(int argc, char** argv) {
         campaign.playDay();
         const campaign::Footprint now = campaign::footprint();
         std::fprintf(report.get(),
-                     "day %zu: %zu burns, %zu findings; %zu KiB, %zu threads, %zu descriptors\n",
+                     "day %zu: %zu burns, %zu findings; %zu KiB resident, %zu KiB of heap, "
+                     "%zu threads, %zu descriptors\n",
                      campaign.days(), campaign.burns(), campaign.ledger().findings().size(),
-                     now.residentKiB, now.threads, now.descriptors);
+                     now.residentKiB, now.heapKiB, now.threads, now.descriptors);
         const std::vector<std::string> findings = campaign.ledger().findings();
         for (; told < findings.size(); ++told)
             std::fprintf(report.get(), "FINDING: %s\n", findings[told].c_str());
