@@ -1,15 +1,21 @@
-// One whole burn through everything that a real device would see: the administrator, the ROM stage,
+// Whole burns through everything that a real device would see: the administrator, the ROM stage,
 // the agent, libusbK.so and the real libusb; only the kernel's bus and the chip are made up.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <iterator>
+#include <limits>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "simulator/kernelusb/mockusbbus.h"
 #include "simulator/usb/virtualusbdevice.h"
+#include "support/helpers.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
 #include "vorlan/burn/burnadmin.h"
@@ -20,21 +26,36 @@ namespace {
 constexpr auto kPatience = std::chrono::seconds(60);
 const std::string kNumber = "VRL260000000001";
 
-// Puts a virtual chip behind a fake device's endpoints.
-void connect(MockUsbDevice& wire, simulator::VirtualUsbDevice& chip) {
-    chip.powerOn();
-    chip.opened();
-    wire.setReceiver([&](std::uint8_t endpoint, const Bytes& bytes) {
-        chip.hostWrites(endpoint, bytes);
-        for (const std::uint8_t in : {EP_ADDR_CMD_RESP_IN, EP_ADDR_DATA_RESP_IN}) {
-            while (const std::size_t waiting = chip.unreadBytes(in)) {
-                Bytes answer(waiting);
-                chip.hostReads(in, answer, 0);
-                wire.send(in, answer);
+// A virtual chip behind a fake device's endpoints.
+class Wired {
+  public:
+    // It takes so many writes and is mute from then on.
+    explicit Wired(int writes = std::numeric_limits<int>::max()) : writesLeft_(writes) {}
+
+    void connect(MockUsbDevice& wire) {
+        chip.powerOn();
+        chip.opened();
+        wire.setReceiver([this, &wire](std::uint8_t endpoint, const Bytes& bytes) {
+            if (--writesLeft_ < 0)
+                return;
+            chip.hostWrites(endpoint, bytes);
+            for (const std::uint8_t in : {EP_ADDR_CMD_RESP_IN, EP_ADDR_DATA_RESP_IN}) {
+                while (const std::size_t waiting = chip.unreadBytes(in)) {
+                    Bytes answer(waiting);
+                    chip.hostReads(in, answer, 0);
+                    wire.send(in, answer);
+                }
             }
-        }
-    });
-}
+        });
+    }
+
+    bool isMute() const { return writesLeft_ < 0; }
+
+    simulator::VirtualUsbDevice chip;
+
+  private:
+    std::atomic<int> writesLeft_;
+};
 
 // Burns each device as it gets ready, and tells when it has come so far.
 class Burner final : public UsbListener {
@@ -77,30 +98,77 @@ class Burner final : public UsbListener {
     std::vector<std::string> steps_;
 };
 
-}  // namespace
+std::ptrdiff_t openDescriptors() {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+}
 
-TEST(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
-    const TemporaryDirectory directory;
-    const std::string image(100'001, 'v');
-    const std::string burnerImage(5'000, 'b');
-    Burner burner({{text::widen(directory.write("master.bin", image)), 0x10000}});
+class WholeBurn : public testing::Test {
+  protected:
+    WholeBurn() {
+        BurnAdmin* const admin = BurnAdmin::getInstance();
+        EXPECT_TRUE(LibusbkBinding::isBound());
+        admin->setRomWait(10);
+        admin->setBurnerPath(directory_.write("burner.img", burnerImage));
+        admin->startMonitor(burner);
+    }
+    ~WholeBurn() override { BurnAdmin::destroyInstance(); }
+
+    MockUsbDevice& plugIn(Wired& device) {
+        return bus.plugIn("2.4", [&](MockUsbDevice& wire) { device.connect(wire); });
+    }
+
+    const std::string image = std::string(20'001, 'v');
+    const std::string burnerImage = std::string(5'000, 'b');
     MockUsbBus bus;
-    simulator::VirtualUsbDevice chip;
 
-    BurnAdmin* const admin = BurnAdmin::getInstance();
-    ASSERT_TRUE(LibusbkBinding::isBound());
-    admin->setRomWait(10);
-    admin->setBurnerPath(directory.write("burner.img", burnerImage));
-    admin->startMonitor(burner);
-    MockUsbDevice& wire = bus.plugIn("2.4", [&](MockUsbDevice& device) { connect(device, chip); });
+  private:
+    TemporaryDirectory directory_;
+
+  protected:
+    Burner burner{{{text::widen(directory_.write("master.bin", image)), 0x10000}}};
+};
+
+TEST_F(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
+    Wired device;
+    MockUsbDevice& wire = plugIn(device);
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");
     bus.unplug(wire);
     EXPECT_EQ(burner.next(), "remove");
     BurnAdmin::destroyInstance();
 
-    EXPECT_TRUE(chip.flash().holds(0x10000, Bytes(image.begin(), image.end())));
-    EXPECT_TRUE(chip.flash().holds(0x7FF004, Bytes(kNumber.begin(), kNumber.end())));
-    EXPECT_EQ(chip.downloadedBurner().size(), burnerImage.size());
-    EXPECT_EQ(chip.errors(), std::vector<std::string>());
+    EXPECT_TRUE(device.chip.flash().holds(0x10000, Bytes(image.begin(), image.end())));
+    EXPECT_TRUE(device.chip.flash().holds(0x7FF004, Bytes(kNumber.begin(), kNumber.end())));
+    EXPECT_EQ(device.chip.downloadedBurner().size(), burnerImage.size());
+    EXPECT_EQ(device.chip.errors(), std::vector<std::string>());
 }
+
+TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
+    std::ptrdiff_t open = 0;
+    std::set<std::string> ends;
+    for (int i = 0; i < 100; ++i) {
+        Wired device(i % 18);  // so many are the writes of a burn
+        MockUsbDevice& wire = plugIn(device);
+        EXPECT_EQ(burner.next(), "plug");
+        ASSERT_TRUE(eventually([&] { return device.isMute(); }));
+        bus.unplug(wire);
+        std::string step = burner.next();
+        for (; step != "remove" && step != "nothing"; step = burner.next())
+            ends.insert(step);
+        ASSERT_EQ(step, "remove");
+        wire.setReceiver(nullptr);
+        // The testbed keeps two of its own for each device.
+        if (i == 0)
+            open = openDescriptors();
+        ASSERT_TRUE(eventually([&] { return openDescriptors() == open + 2 * i; }))
+            << openDescriptors() - open << " more after " << i;
+    }
+    EXPECT_EQ(ends, std::set<std::string>({"failed"}));
+    Wired sound;
+    plugIn(sound);
+    EXPECT_EQ(burner.next(), "plug");
+    EXPECT_EQ(burner.next(), "done");
+}
+
+}  // namespace
