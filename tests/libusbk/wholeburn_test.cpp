@@ -145,10 +145,10 @@ TEST_F(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
 }
 
 TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
-    std::ptrdiff_t open = 0;
+    const std::ptrdiff_t open = openDescriptors();
     std::set<std::string> ends;
-    for (int i = 0; i < 100; ++i) {
-        Wired device(i % 18);  // so many are the writes of a burn
+    for (int pulls = 1; pulls <= 100; ++pulls) {
+        Wired device(pulls % 18);  // so many are the writes of a burn
         MockUsbDevice& wire = plugIn(device);
         EXPECT_EQ(burner.next(), "plug");
         ASSERT_TRUE(eventually([&] { return device.isMute(); }));
@@ -159,10 +159,8 @@ TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
         ASSERT_EQ(step, "remove");
         wire.setReceiver(nullptr);
         // The testbed keeps two of its own for each device.
-        if (i == 0)
-            open = openDescriptors();
-        ASSERT_TRUE(eventually([&] { return openDescriptors() == open + 2 * i; }))
-            << openDescriptors() - open << " more after " << i;
+        ASSERT_TRUE(eventually([&] { return openDescriptors() == open + 2 * pulls; }))
+            << openDescriptors() - open << " more after " << pulls;
     }
     EXPECT_EQ(ends, std::set<std::string>({"failed"}));
     Wired sound;
