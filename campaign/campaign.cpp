@@ -31,6 +31,7 @@ const QString kChoose = QStringLiteral("选择固件");
 const QString kSuccess = QStringLiteral("烧录成功！");
 
 constexpr int kMomentsOfADay = 2500;
+constexpr int kMomentsOfHardship = 150;
 // Of real time, on a machine that does other things too.
 constexpr auto kPatience = 120s;
 // Of threads and descriptors: caches of the libraries below.
@@ -103,14 +104,18 @@ void Campaign::playDay() {
     Road& road = *roads_[days_++ % roads_.size()];
     prepareDay(road);
     start(road);
-    for (int moment = 0; moment < kMomentsOfADay; ++moment) {
+    for (moment_ = 0; moment_ < kMomentsOfADay; ++moment_) {
         playSockets(road);
+        if (hardship_ != nullptr && moment_ >= hardshipEnds_)
+            endHardship();
         if (weather_ == Weather::kStorm)
             playOperator(road);
-        if (moment % 16 == 0)
+        if (moment_ % 16 == 0)
             checkTiles();
         live();
     }
+    if (hardship_ != nullptr)
+        endHardship();
     finishDay(road);
 }
 
@@ -241,7 +246,7 @@ void Campaign::playOperator(Road& road) {
         stop(road);
         if (dice_.chance(30) || touched_)
             importList();
-        if (dice_.chance(20)) {
+        if (dice_.chance(20) && hardship_ == nullptr) {
             // A flash keeps what an older package has put where the new one has nothing.
             unplugAll(road);
             choosePackage();
@@ -254,11 +259,34 @@ void Campaign::playOperator(Road& road) {
         press(kImport);  // must wait for the end of burning
         answers_.choose({});
     } else if (deed < 11) {
-        if (!untilKilled_)
+        if (!untilKilled_ && hardship_ == nullptr)
             touchList();
     } else if (deed < 15) {
         resetHub(road);
+    } else if (deed < 18 && !untilKilled_ && hardship_ == nullptr) {
+        beginHardship(road);
     }
+}
+
+void Campaign::beginHardship(Road& road) {
+    if (dice_.chance(50)) {
+        // Marks may be lost, as with another program's hands on the list.
+        ledger_.listWasTouched();
+        touched_ = true;
+        hardship_ = Hardship::fullDisk(dice_.below(3000));
+    } else {
+        hardship_ = Hardship::lostDirectory(road.unpackDirectory());
+    }
+    hardshipEnds_ = moment_ + kMomentsOfHardship;
+    for (Socket& socket : sockets_)
+        socket.disturbed = true;
+}
+
+void Campaign::endHardship() {
+    hardship_.reset();
+    // What has begun in hard times may still fail.
+    for (Socket& socket : sockets_)
+        socket.disturbed = true;
 }
 
 // Eight sockets at once lose their devices, and get them back in another order.
@@ -324,7 +352,7 @@ void Campaign::powerOn(Road& road, std::size_t number) {
     takeEnds(road, number);
     socket.state = Socket::State::kBurning;
     socket.started = isBurning();
-    socket.disturbed = false;
+    socket.disturbed = hardship_ != nullptr;
     socket.since = realTime();
     road.plug(number);
 }

@@ -15,6 +15,7 @@
 #include "campaign/answers.h"
 #include "campaign/dice.h"
 #include "campaign/footprint.h"
+#include "campaign/hardship.h"
 #include "campaign/ledger.h"
 #include "campaign/road.h"
 #include "demo/operator/windowoperator.h"
@@ -77,6 +78,8 @@ class Campaign {
     void resetHub(Road& road);
     void leavePageAndReturn(Road& road);
     void touchList();
+    void beginHardship(Road& road);
+    void endHardship();
     bool hasKeptItsFiles() const;
 
     void plugNew(Road& road, std::size_t number);
@@ -116,6 +119,9 @@ class Campaign {
     bool mayRunOut_ = false;    // of numbers, today
     bool touched_ = false;      // the list, since its import
     bool untilKilled_ = false;
+    std::unique_ptr<Hardship> hardship_;  // while there is one
+    int hardshipEnds_ = 0;                // the moment of the day
+    int moment_ = 0;                      // of the day
     std::array<Socket, Road::kSockets> sockets_;
     std::map<QString, long> longestStops_;
     Footprint first_{};  // once all has been in use

@@ -20,6 +20,8 @@ class Road {
 
     // On its tab, and on the main page's button.
     virtual QString page() const = 0;
+    // Where its page unpacks packages.
+    virtual std::string unpackDirectory() const = 0;
     // What tiles and run log call a device in the socket.
     virtual std::string place(std::size_t socket) const = 0;
 

@@ -17,6 +17,7 @@ class SerialRoad final : public Road {
     explicit SerialRoad(std::filesystem::path directory) : directory_(std::move(directory)) {}
 
     QString page() const override { return QStringLiteral("串口烧录"); }
+    std::string unpackDirectory() const override { return "uart_temp_image"; }
     std::string place(std::size_t socket) const override;
     void makeDevice(std::size_t socket, Dice& dice, bool troubled) override;
     void plug(std::size_t socket) override;

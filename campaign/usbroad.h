@@ -13,6 +13,7 @@ namespace campaign {
 class UsbRoad final : public Road {
   public:
     QString page() const override { return QStringLiteral("USB烧录"); }
+    std::string unpackDirectory() const override { return "temp_image"; }
     std::string place(std::size_t socket) const override;
     void makeDevice(std::size_t socket, Dice& dice, bool troubled) override;
     void plug(std::size_t socket) override;
