@@ -265,7 +265,26 @@ void Campaign::playOperator(Road& road) {
         resetHub(road);
     } else if (deed < 18 && !untilKilled_ && hardship_ == nullptr) {
         beginHardship(road);
+    } else if (deed < 20 && !untilKilled_ && hardship_ == nullptr && !ledger_.isListTouched()) {
+        closeInMidBurn(road);
     }
+}
+
+// Marks that are lost would come again with the next start: so not with a list that was touched.
+void Campaign::closeInMidBurn(Road& road) {
+    for (Socket& socket : sockets_)
+        socket.disturbed = true;
+    const auto before = realTime();
+    if (!window_->close())
+        return;  // the operator has thought better of it
+    noteStop(road, before);
+    restartProgram();
+    if (GlobalStorage::getInstance().getSnFile().isInUse())
+        ledger_.addFinding("a number is held by a program that has ended");
+    unplugAll(road);
+    press(road.page());
+    choosePackage();
+    start(road);
 }
 
 void Campaign::beginHardship(Road& road) {
@@ -461,6 +480,10 @@ void Campaign::stop(Road& road) {
         });
     const auto before = realTime();
     press(kStop);
+    noteStop(road, before);
+}
+
+void Campaign::noteStop(const Road& road, std::chrono::system_clock::time_point before) {
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(realTime() - before);
     long& longest = longestStops_[road.page()];
     longest = std::max<long>(longest, took.count());

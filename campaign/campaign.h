@@ -80,6 +80,7 @@ class Campaign {
     void touchList();
     void beginHardship(Road& road);
     void endHardship();
+    void closeInMidBurn(Road& road);
     bool hasKeptItsFiles() const;
 
     void plugNew(Road& road, std::size_t number);
@@ -95,6 +96,8 @@ class Campaign {
     bool isBurning() const;
     void start(Road& road);
     void stop(Road& road);
+    // How long it took to stop, from then on.
+    void noteStop(const Road& road, std::chrono::system_clock::time_point before);
     void finishDay(Road& road);
     void checkTiles();
     void checkFootprint();
