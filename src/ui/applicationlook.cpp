@@ -5,6 +5,7 @@
 #include <QLibraryInfo>
 #include <QPalette>
 #include <QStyle>
+#include <QThreadPool>
 #include <QTranslator>
 
 #include "utils/logutil.h"
@@ -30,6 +31,15 @@ QPalette lightColours() {
     return palette;
 }
 
+// The toolkit paints on threads of its pool, which come and go, and ends the program if one comes
+// at a time without descriptors. So there is one, from the beginning to the end.
+void keepOnePainter() {
+    QThreadPool* const painters = QThreadPool::globalInstance();
+    painters->setMaxThreadCount(1);
+    painters->setExpiryTimeout(-1);
+    painters->start([] {});
+}
+
 }  // namespace
 
 void setUpApplication(QApplication& application) {
@@ -40,6 +50,7 @@ void setUpApplication(QApplication& application) {
     QApplication::setWindowIcon(programIcon());
     QApplication::setStyle(QStringLiteral("Fusion"));
     QApplication::setPalette(lightColours());
+    keepOnePainter();
 
     auto* const translator = new QTranslator(&application);
     if (translator->load(QStringLiteral("qtbase_zh_CN"),

@@ -108,6 +108,21 @@ class WindowFixture : public FirstStartFixture {
         return testing::AssertionFailure() << "it reads " << tile(number).status.toStdString();
     }
 
+    // Whether the operator is shown a box that begins so, before or behind others.
+    bool hasBox(const QString& beginning) {
+        return simulator::WindowOperator::waitFor([&] {
+            for (const Box& box : prompts_.takeBoxes())
+                boxes_.push_back(box.text);
+            const auto box = std::find_if(boxes_.begin(), boxes_.end(), [&](const QString& text) {
+                return text.startsWith(beginning);
+            });
+            const bool found = box != boxes_.end();
+            if (found)
+                boxes_.erase(box);
+            return found;
+        });
+    }
+
     bool isBurned(const simulator::VirtualUsbDevice& device, const std::string& sn) const {
         return device.flash().holds(0x0, bytesOf(flashboot)) &&
                device.flash().holds(0x10000, bytesOf(master)) &&
@@ -125,4 +140,7 @@ class WindowFixture : public FirstStartFixture {
     std::vector<std::shared_ptr<simulator::VirtualUsbDevice>> devices;
     std::unique_ptr<CVorlanFactoryToolDlg> window;
     std::unique_ptr<simulator::WindowOperator> hands;
+
+  private:
+    std::vector<QString> boxes_;
 };

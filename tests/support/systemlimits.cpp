@@ -8,34 +8,42 @@
 
 #include <csignal>
 #include <thread>
+#include <utility>
 
 namespace {
 
 constexpr unsigned kNobody = 65534;
 
-void setFileLimit(std::uint64_t bytes) {
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
+// Sets the soft limit and gives the one before.
+std::uint64_t limit(int resource, std::uint64_t value) {
+    rlimit limits{};
+    getrlimit(static_cast<__rlimit_resource>(resource), &limits);
+    const std::uint64_t before = std::exchange(limits.rlim_cur, value);
+    setrlimit(static_cast<__rlimit_resource>(resource), &limits);
+    return before;
 }
 
-std::uint64_t fileLimit() {
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    return limit.rlim_cur;
+// A limit below that would fail calls that open nothing.
+std::uint64_t lowestFreeDescriptor() {
+    const int lowest = dup(STDOUT_FILENO);
+    close(lowest);
+    return static_cast<std::uint64_t>(lowest);
 }
 
 }  // namespace
 
 FullDisk::FullDisk(std::uint64_t bytes)
-    : previousLimit_(fileLimit()), previousHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    setFileLimit(bytes);
-}
+    : previousLimit_(limit(RLIMIT_FSIZE, bytes)), previousHandler_(std::signal(SIGXFSZ, SIG_IGN)) {}
 
 FullDisk::~FullDisk() {
-    setFileLimit(previousLimit_);
+    limit(RLIMIT_FSIZE, previousLimit_);
     std::signal(SIGXFSZ, previousHandler_);
+}
+
+NoDescriptors::NoDescriptors() : previousLimit_(limit(RLIMIT_NOFILE, lowestFreeDescriptor())) {}
+
+NoDescriptors::~NoDescriptors() {
+    limit(RLIMIT_NOFILE, previousLimit_);
 }
 
 OrdinaryUser::OrdinaryUser()

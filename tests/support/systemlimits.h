@@ -17,6 +17,18 @@ class FullDisk {
     void (*previousHandler_)(int);
 };
 
+// Nothing can be opened. Counts for the whole process.
+class NoDescriptors {
+  public:
+    NoDescriptors();
+    ~NoDescriptors();
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+  private:
+    std::uint64_t previousLimit_;
+};
+
 // File permissions bind the calling thread even if the test runs as root.
 class OrdinaryUser {
   public:

@@ -17,6 +17,7 @@
 #include "simulator/serial/virtualserialdevice.h"
 #include "simulator/serial/virtualserialports.h"
 #include "support/helpers.h"
+#include "support/systemlimits.h"
 
 using namespace std::chrono_literals;
 using simulator::SerialDeviceOptions;
@@ -617,6 +618,20 @@ TEST_F(SerialBurnPageTest, TellsOfAPackageThatUnpackingWouldDelete) {
     EXPECT_TRUE(boxes[0].text.startsWith("固件包位于程序的解压目录中"));
     EXPECT_FALSE(hands->isEnabled("开始烧录"));
     EXPECT_TRUE(std::filesystem::exists("uart_temp_image/package.vrk"));
+}
+
+TEST_F(SerialBurnPageTest, APortThatCouldNotBeOpenedForWantOfDescriptorsIsTriedAgain) {
+    prepareSerial();
+    importNumbers(row(1));
+    const VirtualSerialDevice& device = plugSerial(0);
+    {
+        const NoDescriptors none;
+        ASSERT_TRUE(hands->press("开始烧录"));
+        ASSERT_TRUE(shows(0, kPreparing));
+        EXPECT_TRUE(hasBox("设置无法保存到 global_storage：Too many open files"));
+    }
+    ASSERT_TRUE(shows(0, "烧录成功！SN=SN-1"));
+    EXPECT_TRUE(holdsAll(device, "SN-1"));
 }
 
 TEST_F(SerialBurnPageTest, AListThatFailsLeavesThePageUsable) {

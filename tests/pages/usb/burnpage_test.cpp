@@ -110,15 +110,6 @@ class BurnPageTest : public WindowFixture {
             WindowOperator::waitFor([&] { return hands->edit("刷机计数")->text() == count; }));
     }
 
-    // Whether the operator is shown a box that begins so.
-    bool hasBox(const QString& beginning) {
-        return WindowOperator::waitFor([&] {
-            const std::vector<Box> boxes = prompts_.takeBoxes();
-            return std::any_of(boxes.begin(), boxes.end(),
-                               [&](const Box& box) { return box.text.startsWith(beginning); });
-        });
-    }
-
     // How the run log says the burns at a port have ended, without what differs from run to run.
     static std::vector<std::string> endsAt(int number) {
         std::vector<std::string> ends;
@@ -577,6 +568,25 @@ TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     const std::string log = contentOf("log/run.log");
     EXPECT_THAT(log, testing::HasSubstr("the settings cannot be saved"));
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
+}
+
+TEST_F(BurnPageTest, OutOfDescriptorsItBurnsNothingAndLosesNothing) {
+    prepare();
+    importNumbers(row(1));
+    {
+        const NoDescriptors none;
+        ASSERT_TRUE(hands->press("开始烧录"));
+        plug(1);
+        ASSERT_TRUE(reads(1, "设备已插入！"));
+        EXPECT_TRUE(hasBox("设置无法保存到 global_storage：Too many open files"));
+        EXPECT_TRUE(hasBox("打不开burner镜像，设备将无法烧录！"));
+    }
+    EXPECT_TRUE(endsLike(1, "not burned: no number: CANNOT open file"));
+    bus.unplug(port(1));
+    EXPECT_TRUE(hintReads(kConnect));
+    plug(1);
+    ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
+    EXPECT_EQ(contentOf("numbers.csv"), row(1, true));
 }
 
 TEST_F(BurnPageTest, ShowsWhatTheNumberDialogHasStoredWhenThatCloses) {
