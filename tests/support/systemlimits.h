@@ -20,6 +20,9 @@ class FullDisk {
 // Nothing can be opened. Counts for the whole process.
 class NoDescriptors {
   public:
+    // False in a build whose sanitizer opens something itself, for its look at an object's type.
+    static bool isPossible();
+
     NoDescriptors();
     ~NoDescriptors();
     NoDescriptors(const NoDescriptors&) = delete;
