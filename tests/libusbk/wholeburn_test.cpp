@@ -159,7 +159,7 @@ TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
         ASSERT_EQ(step, "remove");
         wire.setReceiver(nullptr);
         // The testbed keeps two of its own for each device.
-        ASSERT_TRUE(eventually([&] { return openDescriptors() == open + 2 * pulls; }))
+        ASSERT_TRUE(eventually([&] { return openDescriptors() == open + pulls + pulls; }))
             << openDescriptors() - open << " more after " << pulls;
     }
     EXPECT_EQ(ends, std::set<std::string>({"failed"}));
