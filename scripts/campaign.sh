@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The fault campaign for as long as you like: campaign.sh [BURNS [SEED]]. A copy for each processor, with
-# seeds from SEED on, share the burns. Ends with 1 if a rule was broken; what the copies have found and
-# left behind lies in build/campaign/SEED/.
+# The fault campaign for as long as you like: campaign.sh [BURNS [SEED [OPTION...]]]. A copy for each
+# processor, with seeds from SEED on, share the burns. OPTIONs go to each copy, such as --weather calm and
+# --road usb. Ends with 1 if a rule was broken; what the copies have found and left behind lies in
+# build/campaign/SEED/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +19,8 @@ for ((i = 0; i < copies; ++i)); do
     floor=build/campaign/$((seed + i))
     rm -rf "$floor"
     mkdir -p "$floor"
-    (cd "$floor" && "$program" report.txt --seed $((seed + i)) --burns $((burns / copies)) >stdout.txt 2>/dev/null) &
+    (cd "$floor" && "$program" report.txt --seed $((seed + i)) --burns $((burns / copies)) "${@:3}" \
+        >stdout.txt 2>/dev/null) &
     running+=($!)
 done
 status=0
