@@ -178,6 +178,20 @@ TEST_P(BurnAdminTest, WithoutHotPlugOrLibraryNothingArrivesAndNothingBreaks) {
     }
 }
 
+TEST_P(BurnAdminTest, AStopInADownloadReportsNothing) {
+    clock.reset();  // the download is not to fail before
+    for (std::size_t i = 1; i <= 3; ++i)
+        plug(port(i), {},
+             {{UsbFaultPoint::kMemData, UsbFault::swallow(), 1, UsbFaultRule::kAlways}});
+    start();
+    for (const auto& device : devices)
+        ASSERT_TRUE(eventually([&] { return device->count(UsbFaultPoint::kMemData) >= 2; }));
+    BurnAdmin::destroyInstance();
+    EXPECT_EQ(listener.count("plug"), 3U);
+    EXPECT_EQ(listener.count("remove"), 3U);
+    EXPECT_EQ(listener.events().size(), 6U) << testing::PrintToString(listener.events());
+}
+
 TEST_P(BurnAdminTest, TheArrivalIsToldBeforeAllElseHoweverLongThatTakes) {
     burnerPath = directory.write("empty.img", "");
     listener.plugged = [](SesHandle) { std::this_thread::sleep_for(50ms); };
