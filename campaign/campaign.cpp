@@ -370,6 +370,7 @@ void Campaign::powerOn(Road& road, std::size_t number) {
     Socket& socket = sockets_[number];
     takeEnds(road, number);
     socket.state = Socket::State::kBurning;
+    socket.followsABurn = socket.staleEnd;
     socket.started = isBurning();
     socket.disturbed = hardship_ != nullptr;
     socket.since = realTime();
@@ -384,8 +385,9 @@ void Campaign::unplug(Road& road, std::size_t number) {
     socket.state = Socket::State::kEmpty;
     road.unplug(number);
     // A device that lies is answered wrongly, and so is one that was not in its ROM loader when
-    // burning began.
-    if (!socket.clean || socket.restarted)
+    // burning began. A burn knows its device by the port's name only, so that one that comes at
+    // once behind another may hear a last word to that one.
+    if (!socket.clean || socket.restarted || socket.followsABurn)
         return;
     for (const std::string& breach : road.breaches(number))
         ledger_.addFinding(road.place(number) + ": the device complains: " + breach);
@@ -514,6 +516,10 @@ void Campaign::finishDay(Road& road) {
     else if (!ledger_.isListTouched() && dice_.chance(30))
         restartProgram();  // it finds the marks in the file, and nowhere else
     ledger_.checkList(listPath_, freeNumbers());
+    std::vector<std::string> others;
+    liveUntil([&] { return (others = ledger_.readRecord()).empty(); });
+    for (const std::string& other : others)
+        ledger_.addFinding("the record: " + other);
     for (const std::string& breach : road.breaches())
         ledger_.addFinding("on the way to the devices: " + breach);
     checkFootprint();

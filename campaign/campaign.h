@@ -59,8 +59,9 @@ class Campaign {
         // The place's burn before had not ended when this device came: the first failure told may
         // be that one's.
         bool staleEnd = false;
-        bool started = false;    // burning was on since it has had power
-        bool restarted = false;  // and began anew since
+        bool followsABurn = false;  // the same, as long as this device is there
+        bool started = false;       // burning was on since it has had power
+        bool restarted = false;     // and began anew since
         ToldEnd end;
         std::chrono::system_clock::time_point since;  // it is what it is
     };

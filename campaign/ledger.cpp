@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <iterator>
+#include <system_error>
 #include <utility>
 
 #include "storage/globalstorage.h"
@@ -11,6 +13,7 @@
 namespace campaign {
 namespace {
 
+constexpr const char* kRecord = "log/record.csv";
 constexpr std::size_t kRemembered = 3;  // packages, and devices of a place
 
 // The text between the two, or behind the first if the second is empty; empty if there is none.
@@ -24,6 +27,12 @@ std::string between(const std::string& line, const std::string& first, const std
 }
 
 }  // namespace
+
+Ledger::Ledger() {
+    std::error_code none;
+    const std::uintmax_t size = std::filesystem::file_size(kRecord, none);
+    recordRead_ = none ? 0 : size;
+}
 
 void Ledger::usePackage(std::shared_ptr<const simulator::SamplePackage> package) {
     const std::lock_guard guard(lock_);
@@ -90,6 +99,21 @@ void Ledger::checkList(const std::string& path, const std::set<std::string>& fre
         find(path + ": has grown");
 }
 
+std::vector<std::string> Ledger::readRecord() {
+    std::ifstream file(kRecord, std::ios::binary);
+    const std::lock_guard guard(lock_);
+    file.seekg(static_cast<std::streamoff>(recordRead_));
+    for (std::string row; std::getline(file, row) && !file.eof();) {
+        if (recordRead_ > 0)
+            takeRow(row);
+        recordRead_ += row.size() + 1;
+    }
+    std::vector<std::string> others;
+    for (const auto& [burn, ends] : unrecorded_)
+        others.push_back((ends > 0 ? "no row: " : "no end: ") + burn);
+    return others;
+}
+
 std::vector<ToldEnd> Ledger::takeEnds(const std::string& place) {
     const std::lock_guard guard(lock_);
     return std::exchange(ends_[place], {});
@@ -129,7 +153,9 @@ std::map<std::string, std::size_t> Ledger::reasons() const {
 void Ledger::print(int level, const std::string& line) {
     const std::string message = between(line, "(line ", "");
     const std::lock_guard guard(lock_);
-    if (level == hj::kInfo && message.find(" :burned: ") != std::string::npos) {
+    if (level == hj::kError && message.find(" :not in the record: ") != std::string::npos) {
+        toldUnrecorded_.insert(between(message, " :not in the record: ", ", "));
+    } else if (level == hj::kInfo && message.find(" :burned: ") != std::string::npos) {
         const std::string place = between(message, " :burned: ", ", ");
         takeGood(place, between(message, ", SN=", ""));
     } else if (level == hj::kError && message.find(" :not burned: ") != std::string::npos) {
@@ -139,6 +165,40 @@ void Ledger::print(int level, const std::string& line) {
     } else if (level == hj::kError && message.find(": the marks of ") != std::string::npos) {
         toldLost_ = true;
     }
+}
+
+void Ledger::takeEnd(const std::string& place, const std::string& outcome, const std::string& sn) {
+    const auto withoutRow = toldUnrecorded_.find(place);
+    if (withoutRow == toldUnrecorded_.end())
+        count(place, outcome, sn, 1);
+    else
+        toldUnrecorded_.erase(withoutRow);
+}
+
+void Ledger::count(const std::string& place, const std::string& outcome, const std::string& sn,
+                   int ends) {
+    std::string burn = place;
+    burn.append(",").append(outcome).append(",").append(sn);
+    if ((unrecorded_[burn] += ends) == 0)
+        unrecorded_.erase(burn);
+}
+
+void Ledger::takeRow(const std::string& row) {
+    std::vector<std::string> fields;
+    std::size_t begin = 1;
+    for (std::size_t end = 0; (end = row.find("\",\"", begin)) != std::string::npos;
+         begin = end + 3)
+        fields.push_back(row.substr(begin, end - begin));
+    if (fields.size() != 10 || !row.starts_with('"') || !row.ends_with("\"\r")) {
+        find("no row of the record: " + row);
+        return;
+    }
+    const std::string& sn = fields[6];
+    const std::string& outcome = fields[8];
+    const std::string& tile = fields[9];
+    if ((outcome == "成功") != (tile == "烧录成功！" + (sn.empty() ? sn : "SN=" + sn)))
+        find("the record contradicts itself: " + row);
+    count(fields[2], outcome, sn, -1);
 }
 
 void Ledger::testify(const std::string& line) {
@@ -154,10 +214,12 @@ void Ledger::find(const std::string& finding) {
 // As in "PLACE, SN=...: why".
 void Ledger::takeFailure(const std::string& message) {
     ++failed_;
+    const std::string place = message.substr(0, message.find(", "));
     const std::string sn = between(message, ", SN=", ": ");
     if (!sn.empty())
         testify("failed " + sn);
-    ends_[message.substr(0, message.find(", "))].push_back({.outcome = message});
+    takeEnd(place, "失败", sn);
+    ends_[place].push_back({.outcome = message});
     std::string reason = between(between(message, ", ", ""), ": ", "");
     std::replace_if(
         reason.begin(), reason.end(), [](unsigned char each) { return std::isdigit(each) != 0; },
@@ -168,6 +230,7 @@ void Ledger::takeFailure(const std::string& message) {
 void Ledger::takeGood(const std::string& place, const std::string& sn) {
     ++good_;
     testify("good " + sn);
+    takeEnd(place, "成功", sn);
     ends_[place].push_back({.good = true, .sn = sn});
     if (!sn.empty() && !burned_.insert(sn).second)
         find("given to two devices: " + sn);

@@ -29,6 +29,9 @@ struct ToldEnd {
 // Stands in for the run log's printer. All operations may be called from any thread.
 class Ledger final : public hj::LogPrinter {
   public:
+    // The record of production in the current directory may go on from earlier campaigns.
+    Ledger();
+
     // What is found out from now on goes to the end of that file too, at once, so that it outlives
     // this process: "good NUMBER" and "failed NUMBER" for the burns, "finding TEXT".
     void testifyTo(const std::string& path) { witness_.open(path, std::ios::app); }
@@ -46,6 +49,10 @@ class Ledger final : public hj::LogPrinter {
     bool isListTouched() const;
     // Compares the list in use with its file. No run may go on.
     void checkList(const std::string& path, const std::set<std::string>& freeNumbers);
+
+    // Reads what is new in the current directory's record of production. Gives the burns that it
+    // tells otherwise than the run log, or not at all. A burn gets its row first.
+    std::vector<std::string> readRecord();
 
     // The ends of burns at the place since the last call.
     std::vector<ToldEnd> takeEnds(const std::string& place);
@@ -68,12 +75,21 @@ class Ledger final : public hj::LogPrinter {
     void find(const std::string& finding);
     void takeFailure(const std::string& message);
     void takeGood(const std::string& place, const std::string& sn);
+    void takeRow(const std::string& row);
+    void takeEnd(const std::string& place, const std::string& outcome, const std::string& sn);
+    void count(const std::string& place, const std::string& outcome, const std::string& sn,
+               int ends);
 
     mutable std::mutex lock_;  // guards all below
     std::deque<std::shared_ptr<const simulator::SamplePackage>> packages_;
     std::map<std::string, std::deque<std::shared_ptr<const simulator::Flash>>> flashes_;
     std::map<std::string, std::vector<ToldEnd>> ends_;
     std::vector<std::string> numbers_;
+    // How many more ends than rows of the record there are of each kind, as in
+    // "PLACE,成功,NUMBER"; and the places whose next end has no row.
+    std::map<std::string, int> unrecorded_;
+    std::multiset<std::string> toldUnrecorded_;
+    std::uintmax_t recordRead_ = 0;       // in bytes
     std::set<std::string> burned_;        // of all lists
     std::set<std::string> toldUnmarked_;  // of all lists
     bool touched_ = false;

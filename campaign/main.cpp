@@ -119,8 +119,10 @@ int main(int argc, char** argv) {
                      campaign.days(), campaign.burns(), campaign.ledger().findings().size(),
                      now.residentKiB, now.heapKiB, now.threads, now.descriptors);
         const std::vector<std::string> findings = campaign.ledger().findings();
-        for (; told < findings.size(); ++told)
+        for (; told < findings.size(); ++told) {
             std::fprintf(report.get(), "FINDING: %s\n", findings[told].c_str());
+            std::fprintf(stderr, "FINDING: %s\n", findings[told].c_str());
+        }
         std::fflush(report.get());
     }
     campaign.closeWindow();

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Kills the program at random moments of burns, marks, saves and unpacking, starts it again on its files,
-# and holds the rules of the serial numbers against what it leaves: kills.sh [COUNT [SEED]]. Works in
-# build/kills.
+# and holds the rules of the serial numbers and of the record against what it leaves:
+# kills.sh [COUNT [SEED]]. Works in build/kills.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,6 +31,15 @@ check() {
             }
             keys %$rows == 200000 or die "$path has lost rows\n";
         }
+        my %recorded;
+        for my $path (glob "log/record*.csv") {
+            open(my $record, "<", $path) or die "$path: $!";
+            <$record>;
+            while (<$record>) {
+                /^"[^"]+"(,"[^"]*"){10}\r\n$/ or eof $record or die "$path: not a row: $_";
+                $recorded{$1}++ if /,"(VRL\d{8})","0x[0-9a-f]+","成功",/;
+            }
+        }
         rows("before.csv", \%before);
         rows("numbers.csv", \%now);
         $now{$_} || !$before{$_} or die "the mark of $_ is gone\n" for keys %now;
@@ -41,10 +50,12 @@ check() {
             my ($end, $number) = /^(good|failed) (VRL\d{8})$/ or next;
             die "$number is told good twice\n" if $end eq "good" && $good{$number}++;
             die "$number is told good and not marked\n" if $end eq "good" && !$now{$number};
+            die "$number is told good and not in the record\n" if $end eq "good" && !$recorded{$number};
             next if $. <= $told;
             die "$number was marked, and handed out again\n" if $before{$number};
             ++$ends;
         }
+        $now{$_} && $recorded{$_} == 1 or die "$_ is in the record, but not marked, or twice\n" for keys %recorded;
         my $marked = grep { $now{$_} } keys %now;
         my $good = keys %good;
         # Marked, and killed before the tile could tell.

@@ -9,5 +9,5 @@ void logBurnEnd(const BurnEnd& end) {
     if (end.good)
         LOG_I("burned: %s, %s", end.place.c_str(), number.c_str());
     else
-        LOG_E("not burned: %s, %s: %s", end.place.c_str(), number.c_str(), end.outcome.c_str());
+        LOG_E("not burned: %s, %s: %s", end.place.c_str(), number.c_str(), end.reason.c_str());
 }

@@ -5,13 +5,17 @@
 #include <algorithm>
 #include <utility>
 
+#include "pages/burnend.h"
 #include "pages/snsettings.h"
 #include "storage/globalstorage.h"
 #include "ui/longwork.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "ui/tooltip.h"
+#include "utils/logutil.h"
 #include "utils/text.h"
+
+#define LOG_TAG "BurnPageBase"
 
 namespace {
 
@@ -257,6 +261,22 @@ void BurnPageBase::tellOnce(const QString& cause, const QString& text) {
             return;
     }
     showLater(text, strings::kNotice.toString());
+}
+
+PackageIdentity BurnPageBase::package() const {
+    return {firmware_.getFirmwarePath(), firmware_.getSha256()};
+}
+
+void BurnPageBase::recordBurn(const BurnEnd& end) {
+    const std::string reason = GlobalStorage::getInstance().getRecord().append(end);
+    if (!reason.empty()) {
+        LOG_E("not in the record: %s, %s", end.place.c_str(), reason.c_str());
+        tellOnce(QStringLiteral("record"),
+                 QStringLiteral("生产记录 log\\record.csv 无法写入！\n原因：%1\n"
+                                "烧录继续进行，未记录的烧录请查看 log\\run.log。")
+                     .arg(QString::fromStdString(reason)));
+    }
+    logBurnEnd(end);
 }
 
 void BurnPageBase::tellUnmarked(const std::vector<SerialNumFile::Unmarked>& numbers) {

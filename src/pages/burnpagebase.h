@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "storage/productionrecord.h"
 #include "storage/serialnumfile.h"
 #include "ui/customstatic.h"
 #include "ui/devicedisplay.h"
@@ -35,6 +36,14 @@ class BurnPageBase : public Page {
 
     // Shows the count of burned devices. Any thread.
     void refreshBurnCount();
+
+    // What the next devices are burned from. While the page is not burning the operator may choose
+    // another one.
+    PackageIdentity package() const;
+
+    // Adds a row to the record of production and a line to the run log. A record that cannot be
+    // written stops nothing, and the operator is told. Any thread; waits for the disk.
+    void recordBurn(const BurnEnd& end);
 
     // Tells the operator what no tile shows, in a box that nobody waits for: once for each cause as
     // long as the program runs. Any thread.

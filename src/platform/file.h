@@ -30,6 +30,9 @@ class File {
     // other readers and writers.
     bool openExisting(const std::string& path);
 
+    // The same for a file that is made if there is none.
+    bool openOrCreate(const std::string& path);
+
     // The same for a lock file of the current user in a directory that others may write to: made
     // for nobody else if there is none, and neither a link nor somebody else's file is opened.
     bool openLockFile(const std::string& path);
@@ -63,11 +66,14 @@ class File {
     // Writes all bytes at `offset`.
     bool writeAt(std::uint64_t offset, std::string_view bytes) const;
 
+    // Cuts off what lies behind `size` bytes.
+    bool truncate(std::uint64_t size) const;
+
     // Returns once all that was written is on the disk.
     bool syncData() const;
 
   private:
-    bool open(const std::string& path, int flags);
+    bool open(const std::string& path, int flags, unsigned mode = 0);
 
     int descriptor_ = -1;
 };

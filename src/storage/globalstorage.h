@@ -1,12 +1,13 @@
 // What the operator's choices leave behind: the path of the serial number file and the flash
 // address of serial numbers, kept in the file "global_storage" of the current directory. Carries
-// the pool of serial numbers and the count of burns for both burn pages.
+// the pool of serial numbers, the count of burns and their record for both burn pages.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 
+#include "storage/productionrecord.h"
 #include "storage/serialnumfile.h"
 
 class ArchiveReader;
@@ -21,6 +22,7 @@ class GlobalStorage {
     GlobalStorage() = default;
 
     SerialNumFile& getSnFile() { return snFile_; }
+    ProductionRecord& getRecord() { return record_; }
 
     // The last serial number file that was imported with success. The setters change the memory
     // only; the caller saves.
@@ -48,6 +50,7 @@ class GlobalStorage {
 
   private:
     SerialNumFile snFile_;
+    ProductionRecord record_;
     std::wstring snFilePath_;
     std::atomic<std::uint32_t> snBurnAddr_{0x7FF004};  // 4 bytes behind "config.bin"
     std::atomic<std::uint32_t> flashCount_{0};

@@ -137,7 +137,17 @@ std::wstring DeviceDisplay::getTag() const {
 }
 
 void DeviceDisplay::setStatus(const std::wstring& status) {
-    change(&Changes::status, status);
+    {
+        const std::lock_guard guard(lock_);
+        status_ = status;
+        changes_.status = status;
+    }
+    refresher_.request();
+}
+
+std::wstring DeviceDisplay::getStatus() const {
+    const std::lock_guard guard(lock_);
+    return status_;
 }
 
 void DeviceDisplay::setError(std::uint32_t code, const std::wstring& text) {

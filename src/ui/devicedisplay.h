@@ -33,6 +33,8 @@ class DeviceDisplay {
     // What the operator has typed, or what was set after that.
     std::wstring getTag() const;
     void setStatus(const std::wstring& status);
+    // What was set last.
+    std::wstring getStatus() const;
     // The status reads "error=0x%x, des=%s".
     void setError(std::uint32_t code, const std::wstring& text);
     // In percent.
@@ -66,7 +68,8 @@ class DeviceDisplay {
     QProgressBar* bar_ = nullptr;
     CCustomStatic* statusLine_ = nullptr;
 
-    mutable std::mutex lock_;  // guards the two
+    mutable std::mutex lock_;  // guards all below
     Changes changes_;
     std::wstring tag_;
+    std::wstring status_;
 };

@@ -5,7 +5,25 @@
 #include "platform/file.h"
 #include "utils/trace.h"
 
-FileLogPrinter::FileLogPrinter(const std::string& path) : file_(fileutil::openFile(path, "wb")) {
+namespace {
+
+constexpr int kEarlierLogs = 10;
+
+void keepEarlier(const std::string& path) {
+    const std::string stem = path.substr(0, path.rfind('.'));
+    const std::string ending = path.substr(stem.size());
+    const auto earlier = [&](int runs) {
+        return runs == 0 ? path : stem + "." + std::to_string(runs) + ending;
+    };
+    for (int runs = kEarlierLogs; runs > 0; --runs)
+        fileutil::movePath(earlier(runs - 1), earlier(runs));
+}
+
+}  // namespace
+
+FileLogPrinter::FileLogPrinter(const std::string& path) {
+    keepEarlier(path);
+    file_ = fileutil::openFile(path, "wb");
     if (file_ == nullptr)
         TRACE("%s cannot be opened: %s\n", path.c_str(), platform::lastErrorText().c_str());
 }

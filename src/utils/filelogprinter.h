@@ -9,8 +9,8 @@
 
 class FileLogPrinter final : public hj::LogPrinter {
   public:
-    // Truncates or creates the file at once. If it cannot be opened, the lines go to the trace
-    // only.
+    // Creates the file at once; "run.log" of the run before becomes "run.1.log", that "run.2.log"
+    // and so on, up to "run.10.log". If it cannot be opened, the lines go to the trace only.
     explicit FileLogPrinter(const std::string& path);
 
     // Copies the line to the trace, then appends it with CR LF and flushes: a line is out of the

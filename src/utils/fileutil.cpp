@@ -108,6 +108,12 @@ void removePath(const std::wstring& path) {
     removeNative(native);
 }
 
+bool movePath(std::string_view from, std::string_view to) {
+    std::error_code error;
+    fs::rename(nativePath(from), nativePath(to), error);
+    return !error;
+}
+
 std::optional<std::string> readBytes(const std::wstring& path) {
     const FilePtr file = openFile(path, "rb");
     if (file == nullptr)

@@ -52,6 +52,9 @@ bool createDirectories(const std::wstring& path);
 // not what it points to. What cannot be deleted stays, and so does the root of the disk.
 void removePath(const std::wstring& path);
 
+// Gives a file or directory another path, where it takes the place of a file. True if it is there.
+bool movePath(std::string_view from, std::string_view to);
+
 // All bytes of a file; nothing if it cannot be opened or read to its end.
 std::optional<std::string> readBytes(const std::wstring& path);
 

@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QCryptographicHash>
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -121,6 +123,31 @@ class WindowFixture : public FirstStartFixture {
                 boxes_.erase(box);
             return found;
         });
+    }
+
+    // What the record of production tells of the burns at a place: the label before the package,
+    // and number, address, outcome and last text behind it.
+    std::vector<std::string> recordedAt(const std::string& place) const {
+        const std::string sha256 =
+            QCryptographicHash::hash(QByteArray::fromStdString(contentOf("package.vrk")),
+                                     QCryptographicHash::Sha256)
+                .toHex()
+                .toStdString();
+        const std::string package =
+            ",\"" + pathOf("package.vrk").toStdString() + "\",\"" + sha256 + "\"";
+        std::vector<std::string> rows;
+        std::istringstream record(contentOf("log/record.csv"));
+        for (std::string row; std::getline(record, row);) {
+            const std::size_t at = row.find(",\"" + place + "\",");
+            const std::size_t seconds = row.rfind(',');
+            const std::size_t middle = row.find(package);
+            if (at == std::string::npos || middle == std::string::npos)
+                continue;
+            const std::size_t label = at + place.size() + 4;
+            rows.push_back(row.substr(label, middle - label) +
+                           row.substr(middle + package.size(), seconds - middle - package.size()));
+        }
+        return rows;
     }
 
     bool isBurned(const simulator::VirtualUsbDevice& device, const std::string& sn) const {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "storage/globalstorage.h"
+#include "storage/productionrecord.h"
 #include "support/childprocess.h"
 #include "support/helpers.h"
 #include "support/temporarydirectory.h"
@@ -66,6 +67,19 @@ TEST(Durability, MarkIsSyncedWhenItReturns) {
         file.markBurned(file.takeNext());
         EXPECT_EQ(dataSyncs, before + 1);
     }
+}
+
+TEST(Durability, TheRecordOfAGoodBurnIsSyncedWhenItReturns) {
+    const EnteredDirectory directory;
+    ProductionRecord record;
+    const int before = dataSyncs;
+    std::string atSync;
+    atDataSync = [&] { atSync = directory.read("log/record.csv"); };
+    EXPECT_EQ(record.append({.place = "A", .good = true}), "");
+    EXPECT_EQ(record.append({.place = "B"}), "");
+    atDataSync = nullptr;
+    EXPECT_EQ(dataSyncs, before + 1);
+    EXPECT_EQ(occurrences(atSync, "\"A\""), 1U);
 }
 
 TEST(Durability, SixteenMarksAndTheNextNumbersDoNotWaitForEachOthersDisk) {

@@ -50,6 +50,16 @@ TEST_F(FileLogPrinterTest, EveryStartBeginsANewLogWithEveryLineWhenPrintReturns)
     EXPECT_EQ(file(), "first\r\nsecond\r\n\r\n");
 }
 
+TEST_F(FileLogPrinterTest, KeepsTheLogsOfTheTenRunsBefore) {
+    for (int run = 1; run <= 12; ++run)
+        FileLogPrinter("log\\run.log").print(hj::kInfo, std::to_string(run));
+    EXPECT_EQ(file(), "12\r\n");
+    for (int before = 1; before <= 10; ++before)
+        EXPECT_EQ(directory_.read("log/run." + std::to_string(before) + ".log"),
+                  std::to_string(12 - before) + "\r\n");
+    EXPECT_EQ(std::distance(fs::directory_iterator("log"), {}), 11);
+}
+
 TEST_F(FileLogPrinterTest, CopiesLinesToTheTraceEvenWithoutAFile) {
     fs::remove("log");
     FileLogPrinter printer("log\\run.log");

@@ -3,7 +3,7 @@
 #include <system_error>
 #include <utility>
 
-#include "pages/burnend.h"
+#include "pages/burnpagebase.h"
 #include "pages/tiletexts.h"
 #include "storage/globalstorage.h"
 #include "utils/interruption.h"
@@ -32,10 +32,11 @@ void SerialAvatar::start() {
         if (!sn) {
             slot_.tile.setProgress(0);
             slot_.tile.setStatus(tiletexts::kNumbersUsedUp);
-            logBurnEnd({.place = text::narrow(slot_.portName),
-                        .good = false,
-                        .outcome = "no serial number is left",
-                        .sn = {}});
+            slot_.page.recordBurn({.road = BurnEnd::Road::kSerial,
+                                   .place = text::narrow(slot_.portName),
+                                   .package = slot_.page.package(),
+                                   .reason = "no serial number is left",
+                                   .tileText = slot_.tile.getStatus()});
             return;
         }
     }

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "pages/burnend.h"
 #include "pages/burnpagebase.h"
 #include "pages/tiletexts.h"
 #include "platform/serialdevice.h"
@@ -44,7 +43,9 @@ std::uint32_t windowAddress(std::uint32_t offset) {
 
 SerialRun::SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr)
     : slot_(std::move(slot)),
+      begin_(std::chrono::steady_clock::now()),
       items_(slot_.firmwareManager.getBurnItems()),
+      package_(slot_.page.package()),
       sn_(sn ? sn.sn() : std::string()),
       snAddr_(snAddr),
       context_(uart_context_create()),
@@ -77,12 +78,15 @@ void SerialRun::serve() {
         if (good && sn_.empty())
             useUpRowWithoutNumber();
         good = good && snSettled_;
-        if (good)
+        if (good) {
+            recordEnd(true);
             context_->onFinish(context_.get());
+        }
     }
     releaseSn();
     serial_close(context_->port);
-    logEnd(good);
+    if (!good)
+        recordEnd(false);
     LOG_I("serve thread stopped, port=%s", port.c_str());
     ended_ = true;
 }
@@ -94,6 +98,8 @@ void SerialRun::stop() {
 
 void SerialRun::leaveTile() {
     const std::lock_guard guard(tileLock_);
+    if (tile_ != nullptr)
+        tileText_ = tile_->getStatus();
     tile_ = nullptr;
 }
 
@@ -234,14 +240,30 @@ void SerialRun::releaseSn() {
     takeReservation().giveBack();
 }
 
-void SerialRun::logEnd(bool good) {
-    std::string outcome = lastError_;
-    if (context_->stop)
-        outcome = "stopped" + (outcome.empty() ? outcome : ", " + outcome);
-    else if (outcome.empty())
-        outcome = "an image, or the number, lies outside the flash";
-    logBurnEnd(
-        {.place = text::narrow(slot_.portName), .good = good, .outcome = outcome, .sn = sn_});
+void SerialRun::recordEnd(bool good) {
+    BurnEnd end{.road = BurnEnd::Road::kSerial,
+                .place = text::narrow(slot_.portName),
+                .package = package_,
+                .sn = sn_,
+                .snAddress = snAddr_,
+                .good = good,
+                .duration = std::chrono::steady_clock::now() - begin_};
+    if (good) {
+        end.tileText = tiletexts::success(text::widen(sn_));
+    } else {
+        end.tileText = lastTileText();
+        end.reason = lastError_;
+        if (context_->stop)
+            end.reason.insert(0, end.reason.empty() ? "stopped" : "stopped, ");
+        else if (end.reason.empty())
+            end.reason = "an image, or the number, lies outside the flash";
+    }
+    slot_.page.recordBurn(end);
+}
+
+std::wstring SerialRun::lastTileText() {
+    const std::lock_guard guard(tileLock_);
+    return tile_ != nullptr ? tile_->getStatus() : tileText_;
 }
 
 int SerialRun::fail(int code, const std::string& description) {

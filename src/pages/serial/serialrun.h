@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "pages/serial/stopevent.h"
+#include "storage/productionrecord.h"
 #include "storage/snreservation.h"
 #include "ui/devicedisplay.h"
 #include "vorlan/firmware/firmwaremanager.h"
@@ -74,10 +76,13 @@ class SerialRun {
     void releaseSn();
     void useUpRowWithoutNumber();
     void markBurned(SnReservation& sn);
-    void logEnd(bool good);
+    void recordEnd(bool good);
+    std::wstring lastTileText();
 
     const SerialSlot slot_;
+    const std::chrono::steady_clock::time_point begin_;
     const std::vector<BurnItem> items_;
+    const PackageIdentity package_;
     const std::string sn_;  // the number that was drawn; it may be none, or empty
     const std::uint32_t snAddr_;
     const std::unique_ptr<UartContext> context_;
@@ -92,6 +97,7 @@ class SerialRun {
     SnReservation reservation_;
     bool snSettled_;  // the device has its number, or none was drawn; the run's own
 
-    std::mutex tileLock_;  // held while something is shown, so that nothing comes up too late
-    DeviceDisplay* tile_;  // null once the run has left it
+    std::mutex tileLock_;    // held while something is shown, so that nothing comes up too late
+    DeviceDisplay* tile_;    // null once the run has left it
+    std::wstring tileText_;  // what it told then
 };

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "pages/burnend.h"
 #include "pages/burnpagebase.h"
 #include "pages/tiletexts.h"
 #include "storage/globalstorage.h"
@@ -19,6 +18,12 @@ void BurnAvatar::setDeviceId(const std::wstring& deviceId) {
     plugId_ = makePlugId(deviceId);
 }
 
+void BurnAvatar::setConnected(bool connected) {
+    connected_ = connected;
+    if (connected)
+        pluggedAt_ = std::chrono::steady_clock::now();
+}
+
 void BurnAvatar::startBurn(std::vector<BurnItem> items) {
     if (agent_ != nullptr)
         return;
@@ -29,7 +34,7 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
         if (!sn_) {
             display_.setProgress(0);
             display_.setStatus(tiletexts::kNumbersUsedUp);
-            logBurnEnd({deviceId, false, "the serial numbers are used up", ""});
+            recordFailure("the serial numbers are used up");
             return;
         }
         if (sn_.sn().empty())
@@ -42,8 +47,28 @@ void BurnAvatar::startBurn(std::vector<BurnItem> items) {
     if (sn_)
         agent_->set_sn(sn_.sn(), storage.getSnBurnAddr());
     agent_->run(std::move(items), this, CMD_CODE_FLASH_WRITE);
-    const bool good = agent_->is_done();
-    logBurnEnd({deviceId, good, good ? std::string() : whatWentWrong(), agent_->get_sn()});
+    if (!agent_->is_done())
+        recordFailure(whatWentWrong());
+}
+
+BurnEnd BurnAvatar::burnEnd() const {
+    BurnEnd end;
+    end.road = BurnEnd::Road::kUsb;
+    end.place = text::narrow(deviceId_);
+    end.label = display_.getTag();
+    end.package = page_.package();
+    if (agent_ != nullptr)
+        end.sn = agent_->get_sn();
+    end.snAddress = GlobalStorage::getInstance().getSnBurnAddr();
+    end.tileText = display_.getStatus();
+    end.duration = std::chrono::steady_clock::now() - pluggedAt_;
+    return end;
+}
+
+void BurnAvatar::recordFailure(const std::string& reason) const {
+    BurnEnd end = burnEnd();
+    end.reason = reason;
+    page_.recordBurn(end);
 }
 
 std::string BurnAvatar::whatWentWrong() const {
@@ -78,12 +103,17 @@ void BurnAvatar::showProgress(const std::wstring& name, unsigned percent) {
 }
 
 void BurnAvatar::onBurnDone(BurnAgent* agent) {
+    const std::wstring success = tiletexts::success(text::widen(agent->get_sn()));
     // The tile comes last: what it tells is true whatever happens to the machine next.
     const auto unmarked = sn_.markBurned();
+    BurnEnd end = burnEnd();
+    end.good = true;
+    end.tileText = success;
+    page_.recordBurn(end);
     GlobalStorage::getInstance().increaseFlashCount();
     page_.tellUnmarked(unmarked);
     page_.refreshBurnCount();
-    display_.setStatus(tiletexts::success(text::widen(agent->get_sn())));
+    display_.setStatus(success);
 }
 
 void BurnAvatar::onBurnError(BurnAgent* /*agent*/, int code, const std::string& message) {

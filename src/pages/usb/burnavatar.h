@@ -3,10 +3,12 @@
 // its BurnAgent, and shows on the tile what the agent reports.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "storage/productionrecord.h"
 #include "storage/snreservation.h"
 #include "ui/devicedisplay.h"
 #include "vorlan/burn/burnagent.h"
@@ -33,7 +35,7 @@ class BurnAvatar final : public BurnListener {
 
     // Whether a device is plugged in at the slot's port.
     bool isConnected() const { return connected_; }
-    void setConnected(bool connected) { connected_ = connected; }
+    void setConnected(bool connected);
 
     // The present device's burn; null while none has begun.
     BurnAgent* getAgent() const { return agent_.get(); }
@@ -45,6 +47,9 @@ class BurnAvatar final : public BurnListener {
     // and returns when the burn has ended. Does nothing for a device that has had its burn: that
     // ends with its removal.
     void startBurn(std::vector<BurnItem> items);
+
+    // The device's burn has ended without success.
+    void recordFailure(const std::string& reason) const;
 
     // Gives the serial number back, unless it is burned or that has been done.
     void releaseSn();
@@ -59,10 +64,12 @@ class BurnAvatar final : public BurnListener {
     void showProgress(const std::wstring& name, unsigned percent);
     // What the run log is told of a burn that has not succeeded.
     std::string whatWentWrong() const;
+    BurnEnd burnEnd() const;
 
     DeviceDisplay& display_;
     BurnPageBase& page_;
     bool connected_ = false;
+    std::chrono::steady_clock::time_point pluggedAt_;
     std::wstring deviceId_;
     std::wstring plugId_;
     std::unique_ptr<BurnAgent> agent_;

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "pages/burnend.h"
 #include "pages/tiletexts.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
@@ -165,7 +164,7 @@ void CBurnPage::onBurnerReady(SesHandle session) {
     if (slot != nullptr)
         slot->startBurn(firmware().getBurnItems());
     else
-        logBurnEnd({session->device_id, false, "all sixteen tiles belong to other ports", ""});
+        recordFailure(session, "all sixteen tiles belong to other ports");
 }
 
 void CBurnPage::onRemove(SesHandle session) {
@@ -199,7 +198,17 @@ void CBurnPage::onError(SesHandle session, std::uint32_t code, const std::string
 }
 
 void CBurnPage::onBurnerMissing(SesHandle session, const std::string& reason) {
-    logBurnEnd({session->device_id, false, reason, ""});
+    recordFailure(session, reason);
+}
+
+void CBurnPage::recordFailure(SesHandle session, const std::string& reason) {
+    if (const BurnAvatar* const slot = findAvatar(text::widen(session->device_id)))
+        slot->recordFailure(reason);
+    else
+        recordBurn({.road = BurnEnd::Road::kUsb,
+                    .place = session->device_id,
+                    .package = package(),
+                    .reason = reason});
 }
 
 void CBurnPage::saveTags() {

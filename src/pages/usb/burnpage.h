@@ -47,6 +47,7 @@ class CBurnPage final : public BurnPageBase, public UsbListener {
     BurnAvatar* claimSlot(const std::wstring& deviceId);
     BurnAvatar* findAvatar(const std::wstring& deviceId);
     void deviceRemoved(const std::wstring& deviceId);
+    void recordFailure(SesHandle session, const std::string& reason);
 
     std::deque<BurnAvatar> slots_;
     std::mutex pageLock_;  // guards the slots' ids and the removal of their devices

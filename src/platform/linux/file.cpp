@@ -40,7 +40,7 @@ bool writeAll(int descriptor, std::uint64_t offset, std::string_view bytes) {
     return true;
 }
 
-// A rename is on the disk only when the directory is.
+// A new name is on the disk only when the directory is.
 void syncDirectoryOf(const std::string& path) {
     std::string directory = std::filesystem::path(path).parent_path().string();
     if (directory.empty())
@@ -69,8 +69,18 @@ bool File::openExisting(const std::string& path) {
     return open(path, 0);
 }
 
+bool File::openOrCreate(const std::string& path) {
+    if (open(path, 0))
+        return true;
+    if (errno != ENOENT || !open(path, O_CREAT, 0666))
+        return false;
+    syncDirectoryOf(path);
+    return true;
+}
+
 bool File::openLockFile(const std::string& path) {
-    if (!open(path, O_CREAT | O_NOFOLLOW))
+    // Cleaners of temporary directories spare old files that are sticky.
+    if (!open(path, O_CREAT | O_NOFOLLOW, S_IRUSR | S_IWUSR | S_ISVTX))
         return false;
     struct stat info {};
     if (::fstat(descriptor_, &info) == 0 && info.st_uid == ::geteuid())
@@ -80,13 +90,11 @@ bool File::openLockFile(const std::string& path) {
     return false;
 }
 
-bool File::open(const std::string& path, int flags) {
+bool File::open(const std::string& path, int flags, unsigned mode) {
     close();
-    // Cleaners of temporary directories spare old files that are sticky.
-    constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_ISVTX;
     // O_NONBLOCK keeps a FIFO from holding up the caller until fstat has refused it.
     const int descriptor = restarting([&] {
-        return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags, kMode);
+        return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags, mode);
     });
     if (descriptor < 0)
         return false;
@@ -155,6 +163,10 @@ std::optional<std::size_t> File::readAt(std::uint64_t offset, char* buffer,
 
 bool File::writeAt(std::uint64_t offset, std::string_view bytes) const {
     return writeAll(descriptor_, offset, bytes);
+}
+
+bool File::truncate(std::uint64_t size) const {
+    return restarting([&] { return ::ftruncate(descriptor_, static_cast<off_t>(size)); }) == 0;
 }
 
 bool File::syncData() const {

@@ -1,5 +1,7 @@
 #include "vorlan/firmware/firmwaremanager.h"
 
+#include <sha2.h>
+
 #include <cstdint>
 
 #include "utils/fileutil.h"
@@ -51,6 +53,13 @@ std::wstring fileOf(const std::wstring& name) {
     return file;
 }
 
+// In hexadecimal digits; empty if the file cannot be read.
+std::string sha256Of(const std::wstring& path) {
+    char digits[SHA256_DIGEST_STRING_LENGTH] = "";
+    SHA256File(fileutil::nativePath(path).c_str(), digits);
+    return digits;
+}
+
 }  // namespace
 
 bool FirmwareManager::unpack(const std::wstring& directory,
@@ -66,6 +75,8 @@ bool FirmwareManager::unpack(const std::wstring& directory,
     tempDir_ = directory;
     cfgItems_.clear();
     unpacked_ = extractAll(onPercent) && loadCfg();
+    if (unpacked_)
+        sha256_ = sha256Of(firmwarePath_);
     return unpacked_;
 }
 

@@ -45,6 +45,10 @@ class FirmwareManager {
     // such a package is invalid, since unpacking would delete it.
     bool liesInUnpackDirectory(const std::wstring& directory) const;
 
+    // SHA-256 of the package that was unpacked last, in hexadecimal digits. Empty before that, or
+    // if the file has gone meanwhile.
+    std::string getSha256() const { return sha256_; }
+
     // True once an unpack has finished.
     bool isUnpacked() const { return unpacked_; }
 
@@ -76,5 +80,6 @@ class FirmwareManager {
     std::map<std::wstring, std::wstring> itemFiles_;
     std::uint64_t declaredSize_ = 0;  // of all its entries together, in bytes
     BurnCfg cfgItems_;
+    std::string sha256_;
     bool unpacked_ = false;
 };

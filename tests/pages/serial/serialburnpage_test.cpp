@@ -561,7 +561,7 @@ TEST_F(SerialBurnPageTest, FindsItsPortAgainWhenItIsStoppedAndStartedAtOnce) {
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true));
 }
 
-TEST_F(HurriedSerialBurnPageTest, TellsTheRunLogHowEachBurnEnds) {
+TEST_F(HurriedSerialBurnPageTest, TellsLogAndRecordHowEachBurnEnds) {
     prepareSerial();
     importNumbers(row(1) + row(2) + row(3));
     plugSerial(0);
@@ -579,6 +579,13 @@ TEST_F(HurriedSerialBurnPageTest, TellsTheRunLogHowEachBurnEnds) {
                                             "BAUDRATE, RET=-2, code -2"));
     EXPECT_THAT(log, testing::ContainsRegex("E/BurnEnd.*:not burned: ttyUSB2, SN=SN-3: stopped"));
     EXPECT_EQ(occurrences(log, "burned: ttyUSB"), 3U);
+    EXPECT_EQ(recordedAt("ttyUSB0"),
+              std::vector<std::string>{R"("","SN-1","0x7ff004","成功","烧录成功！SN=SN-1")"});
+    EXPECT_EQ(recordedAt("ttyUSB1"),
+              std::vector<std::string>{
+                  R"("","SN-2","0x7ff004","失败","出错, code=-2, des=CHANGE BAUDRATE, RET=-2")"});
+    EXPECT_THAT(recordedAt("ttyUSB2"),
+                testing::ElementsAre(testing::StartsWith(R"("","SN-3","0x7ff004","失败",)")));
 }
 
 TEST_F(HurriedSerialBurnPageTest, TellsTheOperatorOnceOfNumbersThatCouldNotBeMarked) {

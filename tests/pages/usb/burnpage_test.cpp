@@ -110,11 +110,13 @@ class BurnPageTest : public WindowFixture {
             WindowOperator::waitFor([&] { return hands->edit("刷机计数")->text() == count; }));
     }
 
+    static std::string deviceAt(int number) { return "USB\\VID_1234&PID_5678\\" + port(number); }
+
     // How the run log says the burns at a port have ended, without what differs from run to run.
     static std::vector<std::string> endsAt(int number) {
         std::vector<std::string> ends;
         std::istringstream log(contentOf("log/run.log"));
-        const std::string device = "USB\\VID_1234&PID_5678\\" + port(number) + ", ";
+        const std::string device = deviceAt(number) + ", ";
         for (std::string line; std::getline(log, line);) {
             const std::size_t at = line.find(device);
             const std::size_t message = line.find(" :");
@@ -180,6 +182,8 @@ TEST_F(BurnPageTest, BurnsADeviceFromPlugInToRemoval) {
     expectCount(1);
     EXPECT_TRUE(isBurned(*device, ""));
     EXPECT_TRUE(device->flash().holds(0x6FF000, bytesOf("SN-2")));
+    EXPECT_EQ(recordedAt(deviceAt(1)),
+              std::vector<std::string>{R"("","SN-2","0x6ff000","成功","烧录成功！SN=SN-2")"});
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3));
 
     bus.unplug(port(1));
@@ -302,19 +306,22 @@ TEST_F(BurnPageTest, ShowsEachFailureAndFreesItsNumber) {
     EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2, true) + row(3, true) + row(4));
 }
 
-TEST_F(BurnPageTest, MarksTheNumberBeforeTheTileTellsSuccess) {
+TEST_F(BurnPageTest, MarksAndRecordsTheNumberBeforeTheTileTellsSuccess) {
     prepare();
     importNumbers(row(1) + row(2));
     ASSERT_TRUE(hands->press("开始烧录"));
-    std::latch marking(1);
+    std::latch recorded(1);
     std::latch seen(1);
     beforeSync = [&] {
-        if (!marking.try_wait())
-            marking.count_down();
+        if (!contentOf("log/record.csv").empty() && !recorded.try_wait())
+            recorded.count_down();
+        else
+            return;
         seen.wait();
     };
     plug(1);
-    EXPECT_TRUE(WindowOperator::waitFor([&] { return marking.try_wait(); }));
+    EXPECT_TRUE(WindowOperator::waitFor([&] { return recorded.try_wait(); }));
+    EXPECT_EQ(directory_.read("numbers.csv"), row(1, true) + row(2));
     // This shows what the first tile has been told as well.
     plug(2, makeDevice({.romStartUp = 60s}));
     EXPECT_TRUE(reads(2, kPlugged));
@@ -333,7 +340,7 @@ TEST_F(BurnPageTest, ADeviceThatIsReadyASecondTimeIsNotBurnedAgain) {
     plug(1);
     ASSERT_TRUE(reads(1, kBurned + "SN=SN-1"));
     BURN_SESSION again;
-    again.device_id = "USB\\VID_1234&PID_5678\\" + port(1);
+    again.device_id = deviceAt(1);
     for (QWidget* const widget : window->findChildren<QWidget*>()) {
         if (auto* const page = dynamic_cast<CBurnPage*>(widget))
             page->onBurnerReady(&again);
@@ -361,7 +368,7 @@ TEST_F(BurnPageTest, BurnsARowWithoutANumberAndGoesOnToTheNext) {
     expectCount(2);
 }
 
-TEST_F(BurnPageTest, TellsTheRunLogOnceOfWhatHasNeverBegunOrWasCutOff) {
+TEST_F(BurnPageTest, TellsLogAndRecordOnceOfWhatHasNeverBegunOrWasCutOff) {
     prepare();
     importNumbers(row(1));
     ASSERT_TRUE(hands->press("开始烧录"));
@@ -380,8 +387,17 @@ TEST_F(BurnPageTest, TellsTheRunLogOnceOfWhatHasNeverBegunOrWasCutOff) {
     ASSERT_TRUE(hands->press("停止烧录"));
     EXPECT_TRUE(endsLike(3, "not burned: SN=SN-1: stopped or unplugged at "));
     // The stop told of none a second time.
-    for (int i = 1; i <= 4; ++i)
+    for (int i = 1; i <= 4; ++i) {
         EXPECT_EQ(endsAt(i).size(), 1U) << i;
+        const auto rows = recordedAt(deviceAt(i));
+        ASSERT_EQ(rows.size(), 1U) << i;
+        EXPECT_THAT(rows[0], testing::HasSubstr("\"失败\"")) << i;
+    }
+    EXPECT_THAT(recordedAt(deviceAt(1))[0], testing::EndsWith("\"设备已插入！\""));
+    EXPECT_THAT(recordedAt(deviceAt(3))[0],
+                testing::StartsWith("\"\",\"SN-1\",\"0x7ff004\",\"失败\",\"正在写入"));
+    EXPECT_THAT(recordedAt(deviceAt(4))[0],
+                testing::StartsWith("\"\",\"\",\"\",\"失败\",\"SN号已耗尽"));
 }
 
 TEST_F(BurnPageTest, TellsOfANumberThatIsInADeviceButNotInItsFile) {
@@ -570,6 +586,18 @@ TEST_F(BurnPageTest, GoesOnInADirectoryThatCannotBeWritten) {
     EXPECT_THAT(log, testing::HasSubstr("cannot be saved to tag_map"));
 }
 
+TEST_F(BurnPageTest, BurnsOnWithoutARecordAndTellsSoOnce) {
+    prepareAndStart();
+    std::filesystem::create_directories("log/record.csv");
+    for (int i = 1; i <= 2; ++i) {
+        plug(i);
+        ASSERT_TRUE(reads(i, kBurned));
+    }
+    EXPECT_TRUE(hasBox("生产记录 log\\record.csv 无法写入！\n原因："));
+    EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>());
+    EXPECT_EQ(occurrences(contentOf("log/run.log"), "not in the record: USB\\VID"), 2U);
+}
+
 TEST_F(BurnPageTest, OutOfDescriptorsItBurnsNothingAndLosesNothing) {
     if (!NoDescriptors::isPossible())
         GTEST_SKIP();
@@ -681,6 +709,8 @@ TEST_F(BurnPageTest, AsksBeforeTheWindowCloses) {
     saved.load();
     EXPECT_EQ(saved.findTag(L"\\0-1").tag, L"left bench");
     EXPECT_EQ(directory_.read("numbers.csv"), row(1));
+    EXPECT_THAT(recordedAt(deviceAt(1)),
+                testing::ElementsAre(testing::StartsWith("\"left bench\",\"SN-1\"")));
 }
 
 TEST_F(BurnPageTest, KeepsTheLabelsOfPortsOverARestart) {
@@ -804,6 +834,7 @@ TEST_F(BurnPageTest, TellsOfASeventeenthPortWithoutHoldingUpTheOthers) {
     EXPECT_EQ(prompts_.takeBoxes(), std::vector<Box>({{"avatar is empty", "", BoxType::kPlain}}));
     EXPECT_EQ(tile(17).name, "");
     EXPECT_TRUE(endsLike(17, "not burned: no number: all sixteen tiles belong to other ports"));
+    EXPECT_EQ(recordedAt(deviceAt(17)), std::vector<std::string>{"\"\",\"\",\"\",\"失败\",\"\""});
     expectCount(17);
 }
 
