@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing: install-packages.sh GROUP...
-# Groups: build (compiler, libraries), test (test libraries and tools), bench, lint.
+# Groups: build (compiler, libraries), test (test libraries and tools), bench, package, lint.
 set -euo pipefail
 
 declare -A groups=(
@@ -8,6 +8,7 @@ declare -A groups=(
              libmd-dev libudev-dev zlib1g-dev qt6-base-dev qt6-translations-l10n fonts-wqy-microhei"
     [test]="libgtest-dev libgmock-dev umockdev libumockdev-dev libglib2.0-dev unzip"
     [bench]="libbenchmark-dev unzip"
+    [package]="dpkg-dev debhelper fakeroot lintian desktop-file-utils appstream git"
     [lint]="clang clang-format clang-tidy libclang-rt-14-dev"
 )
 
