@@ -33,8 +33,6 @@ class SerialDevice : public testing::Test {
         return *device_;
     }
 
-    void stop() { device_.reset(); }
-
     // A host that has just opened the port.
     std::unique_ptr<UartContext> open() {
         std::unique_ptr<UartContext> host = uart_context_create();
@@ -59,11 +57,13 @@ TEST_F(SerialDevice, HearsEachHostThatFollowsAnother) {
 // A port that has just been closed leaves its lock file standing for a moment in which the number
 // of its pty is free already.
 TEST_F(SerialDevice, ComesUpOnAPtyThatNobodyHasLocked) {
-    const std::filesystem::path before =
-        std::filesystem::canonical(start({.start = SerialStart::kProxy}).portPath());
-    const std::string lock = "/run/lock/LCK..pts_" + before.filename().string();
-    stop();
-    std::ofstream(lock) << ::getpid() << '\n';
+    std::string lock = "/run/lock/LCK..pts_";
+    {
+        // As long as it lives the pty is nobody else's.
+        const PseudoTerminal before;
+        lock += std::filesystem::path(before.portPath()).filename();
+        std::ofstream(lock) << ::getpid() << '\n';
+    }
     start({.start = SerialStart::kProxy});
     EXPECT_EQ(flash_loader_handshake(open().get()), kUartOk);
     PseudoTerminal terminal;
