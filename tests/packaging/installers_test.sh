@@ -92,6 +92,17 @@ $usb 644" "$(installed)"
 
 same "nothing to tell" "" "$(cat "$SHOWN")"
 
+# And away again, also where there is none.
+for time in first second; do
+    same "removed the $time time" "0: " "$(run "$odd/InstallDriver" --remove)"
+    same "the other stays" "$uart 644" "$(installed)"
+    same "udev hears of it" "control --reload
+trigger --action=change --subsystem-match=usb" "$(cat "$CALLS")"
+done
+same "a wrong argument" "2: usage: InstallDriver [--remove], InstallUartDriver [--remove]" \
+    "$(run "$odd/InstallDriver" --now)"
+same "USB again" "0: " "$(run "$odd/InstallDriver")"
+
 # What goes wrong is told, on the screen too, and nothing is half done.
 rm "$RULES/$usb"
 # The window begins with that text and goes on with commands that do what the installer could not.
@@ -117,6 +128,10 @@ REFUSAL=127
 same "refused by the system" "127: $usb: not installed: pkexec refused" \
     "$(run "$odd/InstallDriver")"
 shows "refused by the system" "驱动未安装：系统没有给予管理员权限。" "$odd/$usb" usb
+same "removal refused" "127: $usb: not removed: pkexec refused" \
+    "$(run "$odd/InstallDriver" --remove)"
+same "removal refused on the screen" "驱动未移除：系统没有给予管理员权限。" "$(head -n 1 "$SHOWN")"
+same "removal by hand" "rm -f /etc/udev/rules.d/$usb" "$(grep "^rm" "$SHOWN")"
 same "UART refused" "127: $uart: not installed: pkexec refused" \
     "$(cd "$drivers" && run ./InstallUartDriver)"
 shows "UART refused" "驱动未安装：系统没有给予管理员权限。" "$drivers/$uart" tty
