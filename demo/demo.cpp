@@ -4,7 +4,6 @@
 #include <QTimer>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 
 using namespace std::chrono_literals;
 
@@ -16,15 +15,6 @@ constexpr int kPausesBetweenRoads = 6;
 
 std::string inCurrentDirectory(const char* name) {
     return (std::filesystem::current_path() / name).string();
-}
-
-// Where the program looks for it.
-bool writeFlashProxy() {
-    std::filesystem::create_directories("ramloader");
-    std::ofstream file("ramloader/flash_proxy.img", std::ios::binary);
-    for (const std::uint8_t byte : demoProxy())
-        file.put(static_cast<char>(byte));
-    return file.flush().good();
 }
 
 // Plays a road and reports the time that it took.
@@ -81,8 +71,7 @@ bool Demo::prepare() {
     // What an earlier run has left would be loaded.
     for (const char* const name : {"tag_map", "global_storage"})
         std::filesystem::remove(name);
-    std::ofstream(csvPath_, std::ios::binary) << demoSerialNumbers(kSerialNumbers);
-    return (writeFlashProxy() && package_.writeZip(packagePath_)) ||
+    return writeDemoFiles(package_, packagePath_, csvPath_, kSerialNumbers) ||
            report_.fail("the sample package cannot be written");
 }
 

@@ -1,6 +1,8 @@
 #include "demo/demopackage.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 namespace simulator {
 namespace {
@@ -31,14 +33,28 @@ std::vector<std::uint8_t> demoProxy() {
     return sampleBytes(7, 10 * 2048 + 333);
 }
 
+std::string demoSerialNumber(unsigned index) {
+    char number[32];
+    std::snprintf(number, sizeof number, "VRL2600%08u", index);
+    return number;
+}
+
 std::string demoSerialNumbers(unsigned count) {
     std::string rows;
-    for (unsigned i = 1; i <= count; ++i) {
-        char row[32];
-        std::snprintf(row, sizeof row, "VRL2600%08u,0\r\n", i);
-        rows += row;
-    }
+    for (unsigned i = 1; i <= count; ++i)
+        rows += demoSerialNumber(i) + ",0\r\n";
     return rows;
+}
+
+bool writeDemoFiles(const SamplePackage& package, const std::string& packagePath,
+                    const std::string& csvPath, unsigned serialNumbers) {
+    std::ofstream csv(csvPath, std::ios::binary);
+    csv << demoSerialNumbers(serialNumbers);
+    std::filesystem::create_directories("ramloader");
+    std::ofstream proxy("ramloader/flash_proxy.img", std::ios::binary);
+    for (const std::uint8_t byte : demoProxy())
+        proxy.put(static_cast<char>(byte));
+    return csv.flush().good() && proxy.flush().good() && package.writeZip(packagePath);
 }
 
 }  // namespace simulator

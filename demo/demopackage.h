@@ -16,7 +16,15 @@ SamplePackage demoPackage();
 // The flash proxy, which is no part of the package.
 std::vector<std::uint8_t> demoProxy();
 
-// The rows of a serial number file, as bytes.
+// Number `index`, from 1 on.
+std::string demoSerialNumber(unsigned index);
+
+// The rows of a serial number file with so many of them, as bytes.
 std::string demoSerialNumbers(unsigned count);
+
+// Writes package, serial number file and the flash proxy, which the program looks for below the
+// current directory. False if that fails.
+bool writeDemoFiles(const SamplePackage& package, const std::string& packagePath,
+                    const std::string& csvPath, unsigned serialNumbers);
 
 }  // namespace simulator

@@ -29,7 +29,7 @@ for package in "$first"/*.deb; do
 done
 
 lintian --fail-on error,warning,info --display-info --tag-display-limit 0 "$first"/*.changes
-desktop-file-validate packaging/*.desktop
+desktop-file-validate packaging/*.desktop demo/*.desktop
 appstreamcli validate --no-net "$first"/*/obj-*/packaging/*.metainfo.xml
 mv "$first"/*.deb build/package/
 rm -rf "$first" build/package/second

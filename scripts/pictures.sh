@@ -10,6 +10,6 @@ scripts/build.sh demo demo
 station=${TMPDIR:-/tmp}/station
 mkdir "$station"
 trap 'rm -rf "$station"' EXIT
-scripts/run-demo.sh "$station"
+demo/vorlanfactorytool-demo --headless "$station"
 mkdir -p docs/pictures
 cp "$station"/usb-page-burning.png docs/pictures/
