@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing: install-packages.sh GROUP...
-# Groups: build (compiler, libraries), test (test libraries and tools), bench, package, lint.
+# Groups: build (compiler, libraries), test (test libraries and tools), bench, package, try, lint.
 set -euo pipefail
 
 declare -A groups=(
@@ -9,6 +9,7 @@ declare -A groups=(
     [test]="libgtest-dev libgmock-dev umockdev libumockdev-dev libglib2.0-dev unzip"
     [bench]="libbenchmark-dev unzip"
     [package]="dpkg-dev debhelper fakeroot lintian desktop-file-utils appstream git"
+    [try]="debootstrap dpkg-dev"
     [lint]="clang clang-format clang-tidy libclang-rt-14-dev"
 )
 
