@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include "adminfixture.h"
+#include "support/documentedbytes.h"
 
 using namespace std::chrono_literals;
 using simulator::UsbFault;
@@ -144,4 +145,34 @@ TEST_P(FwDownloadTest, AMissingImageIsToldToNobodyAndAnEmptyOneIs) {
     EXPECT_EQ(listener.count("error"), 0U);
     bus.unplug("0-1");
     EXPECT_TRUE(listener.waitFor("remove 0-1"));
+}
+
+using DocumentedBurnTest = AdminFixture;
+
+TEST_F(DocumentedBurnTest, GoesOverTheWireAsTheDocumentTells) {
+    burnerPath = directory.write("burner.img", "abc");
+    const std::wstring image = text::widen(directory.write("image.bin", "123456789"));
+    listener.burn = [&](SesHandle session) {
+        RecordingListener quiet;
+        BurnAgent agent(session->device_id);
+        agent.run({{image, 0x100000}}, &quiet, CMD_CODE_FLASH_WRITE);
+        EXPECT_TRUE(agent.is_done());
+    };
+    start();
+    const auto device = plug(port(1), {.recordsTransfers = true});
+    ASSERT_TRUE(listener.waitFor("burned"));
+
+    std::vector<std::string> said;
+    for (const simulator::UsbTransfer& transfer : device->transfers()) {
+        const std::string bytes(transfer.bytes.begin(), transfer.bytes.end());
+        const bool fromHost = (transfer.endpoint & 0x80) == 0;
+        if (fromHost && (said.empty() || said.back() != bytes))
+            said.push_back(bytes);
+    }
+    auto told = documentedBytes("usb-");
+    EXPECT_EQ(said, std::vector<std::string>({told["usb-mem-begin"], told["usb-mem-data"],
+                                              told["usb-mem-end"], told["usb-sync"],
+                                              told["usb-set-crc64"], told["usb-flash-write"],
+                                              told["usb-chunk"], told["usb-get-result"]}));
+    EXPECT_EQ(told.size(), said.size());
 }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "scriptedpeer.h"
+#include "support/documentedbytes.h"
 #include "support/pseudoterminal.h"
 #include "utils/interruption.h"
 
@@ -30,15 +31,29 @@ class UartPacketTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(UartPacketTest, TheWorkedPackets) {
-    EXPECT_EQ(send_sync(context_.get()), kUartOk);
-    const std::string sync =
-        "\x00\x08\x24\x00\x00\x00\x00\x00\x07\x07\x12\x20"s + std::string(32, 0x55);
-    EXPECT_EQ(peer_.requests().back().frame, "\xC0" + sync + "\xC0");
-
-    EXPECT_EQ(send_ram_data(context_.get(), bytesOf("abc"), 3), kUartOk);
-    EXPECT_EQ(peer_.requests().back().packet,
-              "\x00\x07\x13\x00\x8F\x00\x00\x00\x03\x00\x00\x00"s + std::string(12, '\0') + "abc");
+TEST_F(UartPacketTest, GoesOverTheWireAsTheDocumentTells) {
+    auto told = documentedBytes("uart-");
+    std::size_t checked = 0;
+    const auto sends = [&](const char* name, int result) {
+        EXPECT_EQ(result, kUartOk) << name;
+        EXPECT_EQ(peer_.requests().back().frame, told[name]) << name;
+        ++checked;
+    };
+    UartContext* const context = context_.get();
+    peer_.answer(UART_SYNC, told["uart-sync-answer"]);
+    sends("uart-sync", send_sync(context));
+    sends("uart-ram-begin", send_ram_begin(context, 0, 3));
+    sends("uart-ram-data", send_ram_data(context, bytesOf("abc"), 3));
+    sends("uart-ram-end", send_ram_end(context, 0, 0));
+    sends("uart-change-baudrate", send_change_baudrate(context, 3'000'000, 115'200));
+    sends("uart-flash-begin", send_flash_begin(context, 0x100000, 3));
+    peer_.refuse(UART_FLASH_DATA, 1);
+    EXPECT_EQ(send_flash_data(context, bytesOf("abc"), 3), kUartRefused);
+    EXPECT_EQ(peer_.requests().back().frame, told["uart-flash-data"]);
+    sends("uart-flash-data-again", send_flash_data(context, bytesOf("abc"), 3));
+    sends("uart-md5", send_md5(context, 0x80100000, 3));
+    sends("uart-flash-end", send_flash_end(context, 2));
+    EXPECT_EQ(told.size(), checked + 2);
 }
 
 TEST_F(UartPacketTest, EveryCommandsData) {
