@@ -8,6 +8,7 @@ scripts/install-packages.sh build package
 version=$(sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' CMakeLists.txt)
 head -n 1 packaging/debian/changelog | grep -qF "($version)" ||
     { echo "packaging/debian/changelog is not about version $version" >&2; exit 1; }
+revision=$(git rev-parse HEAD)
 rm -rf build/package
 mkdir -p build/package
 
@@ -15,7 +16,7 @@ mkdir -p build/package
 build() {
     local tree=$1/vorlanfactorytool-$version
     mkdir -p "$tree"
-    git archive HEAD | tar -x -C "$tree"
+    git archive "$revision" | tar -x -C "$tree"
     cp -R "$tree/packaging/debian" "$tree/debian"
     (cd "$tree" && dpkg-buildpackage --build=binary --no-sign) >"$1/build.log" 2>&1 ||
         { tail -n 50 "$1/build.log"; exit 1; }

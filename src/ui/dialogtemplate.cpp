@@ -38,7 +38,15 @@ QLineEdit* DialogTemplate::readOnlyEdit(const QRect& rectangle, const QString& n
 }
 
 QPushButton* DialogTemplate::button(const QRect& rectangle, const QString& text) const {
-    auto* const button = new QPushButton(text, dialog_);
+    return placed(new QPushButton(text, dialog_), rectangle);
+}
+
+QPushButton* DialogTemplate::button(const QRect& rectangle, const QString& text,
+                                    const Pictogram& pictogram) const {
+    return placed(new PictogramButton(pictogram, text, dialog_), rectangle);
+}
+
+QPushButton* DialogTemplate::placed(QPushButton* button, const QRect& rectangle) const {
     button->setGeometry(toPixels(rectangle));
     // A scanner ends what it types with Enter; that must not press a button somewhere else.
     button->setAutoDefault(false);

@@ -11,6 +11,7 @@
 #include <QWidget>
 
 #include "ui/dialogunits.h"
+#include "ui/pictogrambutton.h"
 
 class DialogTemplate {
   public:
@@ -25,8 +26,12 @@ class DialogTemplate {
     QLineEdit* edit(const QRect& rectangle, const QString& name) const;
     QLineEdit* readOnlyEdit(const QRect& rectangle, const QString& name) const;
     QPushButton* button(const QRect& rectangle, const QString& text) const;
+    QPushButton* button(const QRect& rectangle, const QString& text,
+                        const Pictogram& pictogram) const;
 
   private:
+    QPushButton* placed(QPushButton* button, const QRect& rectangle) const;
+
     QWidget* dialog_;
     DialogUnits units_;
 };

@@ -20,17 +20,19 @@ CMainPage::CMainPage(PageSheet& sheet) : Page(QStringLiteral("主页")), sheet_(
 
 void CMainPage::OnInitDialog() {
     const DialogTemplate controls(this, fontPoints(), {kWidth, kHeight});
-    const auto add = [&](const QRect& rectangle, const QString& text, auto action) {
-        connect(controls.button(rectangle, text), &QPushButton::clicked, this, action);
+    const auto add = [&](const QRect& rectangle, const QString& text, const Pictogram& pictogram,
+                         auto action) {
+        connect(controls.button(rectangle, text, pictogram), &QPushButton::clicked, this, action);
     };
-    add({139, 90, 60, 60}, QStringLiteral("安装USB驱动"),
+    add({139, 90, 60, 60}, QStringLiteral("安装USB驱动"), pictograms::installUsb(),
         [this] { launchInstaller(L"InstallDriver"); });
-    add({249, 90, 60, 60}, QStringLiteral("安装串口驱动"),
+    add({249, 90, 60, 60}, QStringLiteral("安装串口驱动"), pictograms::installSerial(),
         [this] { launchInstaller(L"InstallUartDriver"); });
-    add({359, 90, 60, 60}, QStringLiteral("USB烧录"), [this] { sheet_.setActivePage(kUsbPage); });
-    add({139, 179, 60, 60}, QStringLiteral("串口烧录"),
+    add({359, 90, 60, 60}, QStringLiteral("USB烧录"), pictograms::burnUsb(),
+        [this] { sheet_.setActivePage(kUsbPage); });
+    add({139, 179, 60, 60}, QStringLiteral("串口烧录"), pictograms::burnSerial(),
         [this] { sheet_.setActivePage(kSerialPage); });
-    add({249, 180, 60, 60}, QStringLiteral("串口测试"), [this] {
+    add({249, 180, 60, 60}, QStringLiteral("串口测试"), pictograms::testSerial(), [this] {
         prompts().showBox(this, QStringLiteral("功能开发中！"), strings::kNotice.toString(),
                           BoxType::kWarning);
     });

@@ -610,6 +610,7 @@ TEST_F(BurnPageTest, OutOfDescriptorsItBurnsNothingAndLosesNothing) {
         ASSERT_TRUE(reads(1, "设备已插入！"));
         EXPECT_TRUE(hasBox("设置无法保存到 global_storage：Too many open files"));
         EXPECT_TRUE(hasBox("打不开burner镜像，设备将无法烧录！"));
+        EXPECT_TRUE(hasBox("生产记录 log\\record.csv 无法写入！\n原因：Too many open files"));
     }
     EXPECT_TRUE(endsLike(1, "not burned: no number: CANNOT open file"));
     bus.unplug(port(1));
