@@ -84,7 +84,8 @@ QWidget* Floor::makeRoad(std::size_t first) {
 }
 
 void Floor::press(Place& place) {
-    if (place.socket->isPlugged())
+    // As the button said: the device may have left by itself since.
+    if (place.plugged)
         place.socket->unplug();
     else
         plug(place);

@@ -65,7 +65,8 @@ class FloorTest : private TurnedClock, public FirstStartFixture {
         for (const Lesson& lesson : lessons) {
             choice->setCurrentText(lesson.trouble);
             ASSERT_EQ(choice->currentText(), lesson.trouble);
-            ASSERT_TRUE(trainer_.press("插入 " + socket)) << lesson.trouble;
+            ASSERT_TRUE(WindowOperator::waitFor([&] { return trainer_.press("插入 " + socket); }))
+                << lesson.trouble;
             EXPECT_TRUE(tileReads(1, lesson.tile)) << lesson.trouble;
             EXPECT_TRUE(WindowOperator::waitFor([&] { return holds(lesson.holds); }))
                 << lesson.trouble;
@@ -136,7 +137,7 @@ TEST_F(FloorTest, EachTroubleOfASerialDeviceShowsItsText) {
            {"中途无应答", "出错, code=-1, des=RECEIVE OVERTIME......", "已写入"},
            {"拒绝校验", "出错, code=-", "示例固件完整"},
            {"MD5不符", "出错, code=-5, des=MD5 CHECK ERROR", "示例固件完整"},
-           {"拒绝结束", "出错, code=-2, des=END COMMAND FORMAT ERROR", "已写入"},
+           {"拒绝结束", "出错, code=-2, des=END COMMAND FORMAT ERROR", "示例固件完整"},
            {"线路有噪声", "烧录成功！", "示例固件完整"},
            {"中途断开", "设备已移除！", "已写入"},
            {"无故障", "烧录成功！SN=SN-3", "示例固件完整，SN=SN-3"}});
