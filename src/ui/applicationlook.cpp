@@ -8,6 +8,7 @@
 #include <QThreadPool>
 #include <QTranslator>
 
+#include "ui/runningburn.h"
 #include "utils/logutil.h"
 
 #define LOG_TAG "ApplicationLook"
@@ -51,6 +52,7 @@ void setUpApplication(QApplication& application) {
     QApplication::setStyle(QStringLiteral("Fusion"));
     QApplication::setPalette(lightColours());
     keepOnePainter();
+    connectTaskBar();
 
     auto* const translator = new QTranslator(&application);
     if (translator->load(QStringLiteral("qtbase_zh_CN"),
