@@ -1,12 +1,13 @@
 // The demo: the program's own window over simulated devices.
 //
 //     demo REPORT [--watched]
-//     demo --floor
+//     demo --floor [PICTURE]
 //
 // Worked by a script, it runs in the current directory, writes its report to the file REPORT, and
 // exits 0 only if every flash and every serial number is as it must be. Watched, it takes its time,
 // and the window is the onlooker's when the script has ended. With the floor beside it the window
-// is a trainer's from the beginning.
+// is a trainer's from the beginning; or, with PICTURE, only a picture of the floor with some
+// devices is taken.
 #include <QApplication>
 #include <cstdio>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "demo/demo.h"
 #include "demo/demopackage.h"
 #include "demo/floor/floor.h"
+#include "demo/operator/windowoperator.h"
 #include "demo/report.h"
 #include "ui/applicationlook.h"
 #include "window/vorlanfactorytooldlg.h"
@@ -24,6 +26,7 @@ namespace fs = std::filesystem;
 using simulator::Audience;
 using simulator::Demo;
 using simulator::Report;
+using simulator::WindowOperator;
 
 namespace {
 
@@ -41,7 +44,8 @@ void tell(Report& report, Demo::Result result) {
     }
 }
 
-int openFloor() {
+// `picture` may be null.
+int openFloor(const char* picture) {
     constexpr unsigned kSerialNumbers = 100;
     constexpr int kGap = 8;  // pixels
     simulator::FloorGoods goods{simulator::demoPackage(), {}};
@@ -56,6 +60,12 @@ int openFloor() {
     CVorlanFactoryToolDlg window;
     window.OnInitDialog();
     floor.show();
+    if (picture != nullptr) {
+        WindowOperator hands(floor);
+        for (const char* const socket : {"插入 USB 1", "插入 USB 2", "插入 USB 5"})
+            hands.press(QString::fromUtf8(socket));
+        return floor.grab().save(QString::fromUtf8(picture)) ? 0 : 1;
+    }
     window.move(0, 0);
     floor.move(window.frameGeometry().topRight() + QPoint(kGap, 0));
     return QApplication::exec();
@@ -71,7 +81,7 @@ int main(int argc, char** argv) {
     }
     setUpApplication(application);
     if (std::string_view(argv[1]) == "--floor")
-        return openFloor();
+        return openFloor(argc > 2 ? argv[2] : nullptr);
     const bool watched = argc > 2 && std::string_view(argv[2]) == "--watched";
     Report report(argv[1]);
     if (!report.isOpen()) {

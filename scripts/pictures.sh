@@ -11,5 +11,9 @@ station=${TMPDIR:-/tmp}/station
 mkdir "$station"
 trap 'rm -rf "$station"' EXIT
 demo/vorlanfactorytool-demo --headless "$station"
+(cd "$station" && QT_QPA_PLATFORM=offscreen XDG_RUNTIME_DIR=$station/runtime \
+    "$OLDPWD/build/demo/bin/demo" --floor floor.png 2>floor.txt)
 mkdir -p docs/pictures
-cp "$station"/usb-page-burning.png docs/pictures/
+for picture in main-page usb-page-burning serial-page-burning floor; do
+    cp "$station/$picture.png" docs/pictures/
+done
