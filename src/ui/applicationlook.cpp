@@ -22,16 +22,6 @@ QIcon programIcon() {
     return icon;
 }
 
-// The style's light colours, but with greyed texts that can be read: a tile that is greyed out
-// still tells why its burn failed.
-QPalette lightColours() {
-    QPalette palette = QApplication::style()->standardPalette();
-    for (const QPalette::ColorRole text :
-         {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
-        palette.setColor(QPalette::Disabled, text, QColor(0x6e, 0x6e, 0x6e));
-    return palette;
-}
-
 // The toolkit paints on threads of its pool, which come and go, and ends the program if one comes
 // at a time without descriptors. So there is one, from the beginning to the end.
 void keepOnePainter() {
@@ -43,6 +33,24 @@ void keepOnePainter() {
 
 }  // namespace
 
+QPalette legible(QPalette palette) {
+    constexpr double kStrength = 0.65;  // of the plain text
+    const QColor window = palette.color(QPalette::Active, QPalette::Window);
+    for (const QPalette::ColorRole role :
+         {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+        const QColor text = palette.color(QPalette::Active, role);
+        const auto between = [&](float plain, float ground) {
+            return static_cast<float>(kStrength) * plain +
+                   static_cast<float>(1 - kStrength) * ground;
+        };
+        palette.setColor(QPalette::Disabled, role,
+                         QColor::fromRgbF(between(text.redF(), window.redF()),
+                                          between(text.greenF(), window.greenF()),
+                                          between(text.blueF(), window.blueF())));
+    }
+    return palette;
+}
+
 void setUpApplication(QApplication& application) {
     // Not the display name, which would follow the caption of every box.
     QApplication::setApplicationName(QStringLiteral("VorlanFactoryTool"));
@@ -50,7 +58,7 @@ void setUpApplication(QApplication& application) {
     QGuiApplication::setDesktopFileName(QStringLiteral("vorlanfactorytool"));
     QApplication::setWindowIcon(programIcon());
     QApplication::setStyle(QStringLiteral("Fusion"));
-    QApplication::setPalette(lightColours());
+    QApplication::setPalette(legible(QApplication::style()->standardPalette()));
     keepOnePainter();
     connectTaskBar();
 

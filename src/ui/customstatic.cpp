@@ -4,9 +4,12 @@
 
 CCustomStatic::CCustomStatic(QWidget* parent) : QLabel(parent) {
     setTextFormat(Qt::PlainText);
-    QPalette white = palette();
-    white.setColor(QPalette::Window, Qt::white);
-    setPalette(white);
+    QPalette sameWhenGrey = palette();
+    sameWhenGrey.setColor(QPalette::Disabled, QPalette::Base,
+                          sameWhenGrey.color(QPalette::Active, QPalette::Base));
+    setPalette(sameWhenGrey);
+    setBackgroundRole(QPalette::Base);
+    setForegroundRole(QPalette::Text);
     setAutoFillBackground(true);
 }
 

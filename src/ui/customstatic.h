@@ -1,4 +1,5 @@
-// A white field with plain text in it: the tile area of a burn page and the status line of a tile.
+// A field, white in a light desktop, with plain text in it: the tile area of a burn page and the
+// status line of a tile.
 #pragma once
 
 #include <QLabel>

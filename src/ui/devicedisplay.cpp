@@ -21,7 +21,7 @@ constexpr int kEditIndent = 2;  // of an edit's text, by the toolkit
 
 // The style's own frame is so thick that a row's text would be cut off.
 const QString kThinFrameStyle = QStringLiteral(
-    "QLineEdit { border: 1px solid #b4b4b4; background: white; }"
+    "QLineEdit { border: 1px solid palette(mid); background: palette(base); }"
     "QLineEdit:focus { border-color: palette(highlight); }"
     "QLineEdit:disabled { background: palette(window); }");
 

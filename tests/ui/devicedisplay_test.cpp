@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <QAccessible>
+#include <QApplication>
 #include <QImage>
 #include <QPainter>
 #include <QTest>
 #include <QTextDocumentFragment>
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdlib>
+
+#include "ui/applicationlook.h"
 
 namespace {
 
@@ -201,6 +206,50 @@ TEST_F(DeviceDisplayTest, GreysAllButTheName) {
         EXPECT_EQ(status()->isEnabled(), active);
         EXPECT_EQ(status()->grab().toImage().pixelColor(0, 0), QColor(Qt::white));
     }
+}
+
+// The strongest contrast of a picture's pixels with its background, from 1 on (WCAG 2.1).
+double contrastOf(const QImage& picture) {
+    const auto luminance = [](const QColor& colour) {
+        const auto linear = [](double value) {
+            return value <= 0.04045 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
+        };
+        return 0.2126 * linear(colour.redF()) + 0.7152 * linear(colour.greenF()) +
+               0.0722 * linear(colour.blueF());
+    };
+    const double ground = luminance(picture.pixelColor(picture.width() - 1, 0));
+    double contrast = 1;
+    for (int y = 0; y < picture.height(); ++y) {
+        for (int x = 0; x < picture.width(); ++x) {
+            const double ink = luminance(picture.pixelColor(x, y));
+            contrast =
+                std::max(contrast, (std::max(ink, ground) + 0.05) / (std::min(ink, ground) + 0.05));
+        }
+    }
+    return contrast;
+}
+
+TEST_F(DeviceDisplayTest, CanBeReadInALightDesktopAndInADarkOne) {
+    const QPalette light = QApplication::palette();
+    QPalette dark = light;
+    for (const auto group : {QPalette::Active, QPalette::Inactive, QPalette::Disabled}) {
+        for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+            dark.setColor(group, role, QColor(0xEE, 0xEE, 0xEC));
+        for (const auto role : {QPalette::Window, QPalette::Base, QPalette::Button})
+            dark.setColor(group, role, QColor(0x32, 0x32, 0x32));
+    }
+    for (const QPalette& palette : {light, dark}) {
+        QApplication::setPalette(legible(palette));
+        QCoreApplication::processEvents();
+        create();
+        display_.setStatus(L"MMMM");
+        for (const bool active : {true, false}) {
+            display_.setActive(active);
+            settle();
+            EXPECT_GE(contrastOf(status()->grab().toImage()), 4.5) << active;
+        }
+    }
+    QApplication::setPalette(light);
 }
 
 TEST_F(DeviceDisplayTest, CueIsThereWhileTheBoxIsNotInUseAndNobodyTypesIntoTheNextTile) {

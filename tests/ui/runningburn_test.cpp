@@ -67,6 +67,7 @@ TEST(RunningBurnTest, TheTaskBarShowsHowManyBurnsRun) {
         EXPECT_TRUE(taskBar.reads(1, true));
         std::vector<std::jthread> workers;
         std::atomic<bool> over = false;
+        workers.reserve(15);
         for (int i = 0; i < 15; ++i) {
             workers.emplace_back([&] {
                 const RunningBurn burn;
