@@ -15,7 +15,7 @@ namespace {
 constexpr std::string_view kFile = "log\\record.csv";
 constexpr std::string_view kTornRows = "log\\record.torn";
 constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
-constexpr std::size_t kLongestRow = 64 * 1024;  // bytes, far above any
+constexpr std::size_t kLongestRow = std::size_t{64} << 10;  // bytes, far above any
 
 std::string monthOf(const std::tm& time) {
     char text[16];

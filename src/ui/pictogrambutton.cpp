@@ -3,7 +3,6 @@
 #include <QStyleOptionButton>
 #include <QStylePainter>
 #include <algorithm>
-#include <utility>
 
 namespace {
 
@@ -107,8 +106,8 @@ Pictogram pictograms::testSerial() {
     return both(serial(), magnifier());
 }
 
-PictogramButton::PictogramButton(Pictogram pictogram, const QString& text, QWidget* parent)
-    : QPushButton(text, parent), pictogram_(std::move(pictogram)) {}
+PictogramButton::PictogramButton(const Pictogram& pictogram, const QString& text, QWidget* parent)
+    : QPushButton(text, parent), pictogram_(pictogram) {}
 
 void PictogramButton::paintEvent(QPaintEvent* /*event*/) {
     QStylePainter painter(this);

@@ -20,7 +20,7 @@ Pictogram testSerial();
 
 class PictogramButton final : public QPushButton {
   public:
-    PictogramButton(Pictogram pictogram, const QString& text, QWidget* parent);
+    PictogramButton(const Pictogram& pictogram, const QString& text, QWidget* parent);
 
   private:
     void paintEvent(QPaintEvent* event) override;

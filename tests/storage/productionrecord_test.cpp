@@ -47,7 +47,7 @@ class ProductionRecordTest : public testing::Test {
 }  // namespace
 
 TEST_F(ProductionRecordTest, TellsAllOfABurnInOneRowOfQuotedFields) {
-    ::setenv("TZ", "CST-8", 1);
+    ::setenv("TZ", "CST-8", 1);  // NOLINT(concurrency-mt-unsafe)
     ::tzset();
     EXPECT_EQ(record_.append({.place = "USB\\VID_1234&PID_5678\\2-1",
                               .label = L"\u5DE6 \"1\"\n\u4E0A",
@@ -64,7 +64,7 @@ TEST_F(ProductionRecordTest, TellsAllOfABurnInOneRowOfQuotedFields) {
                               .reason = "stopped",
                               .tileText = L"\u51FA\u9519"}),
               "");
-    ::unsetenv("TZ");
+    ::unsetenv("TZ");  // NOLINT(concurrency-mt-unsafe)
     ::tzset();
     const std::string content = contentOf(kFile);
     ASSERT_TRUE(content.starts_with(kHeader));
@@ -162,6 +162,7 @@ TEST_F(ProductionRecordTest, TellsWhyThereIsNone) {
 TEST_F(ProductionRecordTest, SixteenBurnsThatEndTogetherAreSixteenRows) {
     {
         std::vector<std::jthread> workers;
+        workers.reserve(16);
         for (int worker = 0; worker < 16; ++worker) {
             workers.emplace_back([this] {
                 for (int i = 0; i < 20; ++i)
