@@ -51,7 +51,7 @@ fail() { echo "FAILED: $*"; exit 1; }
 must_be() { [ -e "$1" ] || fail "$1 is missing $2"; }
 must_not_be() { [ ! -e "$1" ] || fail "$1 is there $2"; }
 
-station=/home/operator/.local/share/vorlanfactorytool
+station=/home/worker/.local/share/vorlanfactorytool
 maker=/var/lib/vorlanfactorytool
 # As the desktop entry does it.
 start() {
@@ -61,7 +61,7 @@ start() {
     local screen=$!
     until [ -S /tmp/.X11-unix/X9 ]; do sleep 0.1; done
     command=$(sed -n 's/^Exec=//p' /usr/share/applications/vorlanfactorytool.desktop | head -n 1)
-    runuser -u operator -- env -C / HOME=/home/operator DISPLAY=:9 "$command" \
+    runuser -u worker -- env -C / HOME=/home/worker DISPLAY=:9 "$command" \
         >/tmp/program.log 2>&1 &
     for ((i = 0; i < 300; ++i)); do
         [ ! -e "$station/log/run.log" ] || break
@@ -77,7 +77,7 @@ start() {
 
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends ./old/*.deb xvfb procps >/dev/null
-useradd -m operator
+useradd -m worker
 must_be /usr/lib/udev/rules.d/70-vorlanfactorytool-usb.rules "where it is in force"
 must_be /usr/lib/udev/rules.d/70-vorlanfactorytool-uart.rules "where it is in force"
 echo proxy >"$maker/ramloader/flash_proxy.img"
@@ -86,7 +86,7 @@ start first
 must_be "$station/drivers/InstallDriver" "within reach"
 echo "installed and started"
 
-runuser -u operator -- env -C / HOME=/home/operator vorlanfactorytool-demo --headless |
+runuser -u worker -- env -C / HOME=/home/worker vorlanfactorytool-demo --headless |
     tee /tmp/demo.log | tail -n 3
 grep -q '^PASSED' /tmp/demo.log || fail "the demo"
 
@@ -107,7 +107,8 @@ for gone in /usr/bin/vorlanfactorytool /usr/lib/vorlanfactorytool \
     must_not_be "$gone" "after the removal"
 done
 must_be "$station/numbers.csv" "after the removal"
-apt-get purge -y -qq vorlanfactorytool vorlanfactorytool-demo >/dev/null
+# Of packages without settings nothing may be left by now; apt would not know them any more.
+dpkg --purge vorlanfactorytool vorlanfactorytool-demo >/dev/null 2>&1
 must_be "$maker/ramloader/flash_proxy.img" "after the purge, and it is not ours"
 must_not_be "$maker/images" "after the purge"
 must_be "$station/numbers.csv" "after the purge"
