@@ -69,8 +69,8 @@ start() {
     done
     must_be "$station/log/run.log" "after the $1 start: $(cat /tmp/program.log)"
     sleep 1 # for the picture alone
-    pkill -x vorlanfactoryto || fail "the program has ended by itself: $(cat /tmp/program.log)"
     cp /tmp/screen/Xvfb_screen0 /root/screen.xwd
+    pkill -x vorlanfactoryto || fail "the program has ended by itself: $(cat /tmp/program.log)"
     kill "$screen"
     wait
 }
