@@ -11,6 +11,7 @@
 #include "ui/longwork.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
+#include "ui/taskbar.h"
 #include "ui/tooltip.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
@@ -35,6 +36,16 @@ class WaitCursor {
 };
 
 }  // namespace
+
+BurnPageBase::RunningBurn::RunningBurn(BurnPageBase& page) : page_(page) {
+    ++runningBurns_;
+    page_.refresher_.request();
+}
+
+BurnPageBase::RunningBurn::~RunningBurn() {
+    --runningBurns_;
+    page_.refresher_.request();
+}
 
 BurnPageBase::BurnPageBase(Layout layout)
     : Page(layout.caption), layout_(std::move(layout)), refresher_([this] { refresh(); }) {}
@@ -216,6 +227,7 @@ void BurnPageBase::refreshBurnCount() {
 void BurnPageBase::refresh() {
     const Centre centre = centre_;
     burnCountBox_->setText(QString::number(GlobalStorage::getInstance().getFlashCount()));
+    showInTaskBar(runningBurns_);
     for (const auto& tile : tiles_)
         tile->refresh();
     // After the tiles, which let go of the focus: else it would go to the tabs.

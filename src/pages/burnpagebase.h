@@ -31,6 +31,20 @@ class BurnPageBase : public Page {
 
     bool isBurning() const { return burning_; }
 
+    // While one lives, a burn of the page is running. Any thread; waits for nothing.
+    class RunningBurn {
+      public:
+        explicit RunningBurn(BurnPageBase& page);
+        ~RunningBurn();
+        RunningBurn(const RunningBurn&) = delete;
+        RunningBurn& operator=(const RunningBurn&) = delete;
+
+      private:
+        BurnPageBase& page_;
+    };
+    // Of all pages.
+    static int runningBurns() { return runningBurns_; }
+
     // Starts burning, or stops it.
     void toggleBurn();
 
@@ -111,6 +125,8 @@ class BurnPageBase : public Page {
     const FirmwareManager& firmware() const { return firmware_; }
 
   private:
+    static inline std::atomic<int> runningBurns_{0};
+
     enum class Centre { kNothing, kHint, kTiles };
 
     struct Notice {

@@ -8,7 +8,7 @@
 #include <QThreadPool>
 #include <QTranslator>
 
-#include "ui/runningburn.h"
+#include "ui/taskbar.h"
 #include "utils/logutil.h"
 
 #define LOG_TAG "ApplicationLook"

@@ -6,7 +6,6 @@
 #include "pages/tiletexts.h"
 #include "platform/serialdevice.h"
 #include "storage/globalstorage.h"
-#include "ui/runningburn.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
 #include "vorlan/uart/flash_loader.h"
@@ -60,7 +59,7 @@ SerialRun::SerialRun(SerialSlot slot, SnReservation sn, std::uint32_t snAddr)
 }
 
 void SerialRun::serve() {
-    const RunningBurn running;
+    const BurnPageBase::RunningBurn running(slot_.page);
     const std::string port = text::narrow(slot_.portName);
     LOG_I("start serve thread, port=%s", port.c_str());
     onTile([](DeviceDisplay& tile) {

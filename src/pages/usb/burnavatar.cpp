@@ -6,7 +6,6 @@
 #include "pages/tiletexts.h"
 #include "storage/globalstorage.h"
 #include "storage/usbtagmap.h"
-#include "ui/runningburn.h"
 #include "utils/interruption.h"
 #include "utils/logutil.h"
 #include "utils/text.h"
@@ -28,7 +27,7 @@ void BurnAvatar::setConnected(bool connected) {
 void BurnAvatar::startBurn(std::vector<BurnItem> items) {
     if (agent_ != nullptr)
         return;
-    const RunningBurn running;
+    const BurnPageBase::RunningBurn running(page_);
     const std::string deviceId = text::narrow(deviceId_);
     GlobalStorage& storage = GlobalStorage::getInstance();
     if (storage.getSnFile().isLoaded() != 0) {

@@ -789,7 +789,9 @@ TEST_F(BurnPageTest, StopsWithDevicesAndTakesThemUpAgainAfterANewStart) {
     ASSERT_TRUE(readsLike(2, kBurned));
     ASSERT_TRUE(readsLike(1, "正在写入"));
     const QString burnedWith = tile(2).status;
+    EXPECT_TRUE(WindowOperator::waitFor([] { return BurnPageBase::runningBurns() == 1; }));
     ASSERT_TRUE(hands->press("停止烧录"));
+    EXPECT_EQ(BurnPageBase::runningBurns(), 0);
     EXPECT_TRUE(hintReads(kStopped));
     EXPECT_TRUE(hands->tiles().empty());
     EXPECT_TRUE(hands->isEnabled("开始烧录"));
