@@ -26,7 +26,7 @@ bool Refresher::event(QEvent* event) {
     if (elapsed >= kPeriodMs)
         refreshNow();
     else
-        timer_.start(static_cast<int>(kPeriodMs - elapsed), this);
+        timer_.start(static_cast<int>(kPeriodMs - elapsed), Qt::PreciseTimer, this);
     return true;
 }
 
