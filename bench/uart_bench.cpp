@@ -25,7 +25,6 @@ constexpr double kEncodeBudget = 1e9;      // bytes a second
 
 constexpr std::uint32_t kLineRate = 3000000;
 constexpr double kBitsPerByte = 10;            // start, 8 data and stop bit
-constexpr double kReadGap = 0.010;             // s of silence that end each read
 constexpr std::uint32_t kImageSize = 4 << 20;  // bytes
 constexpr std::uint32_t kBlocks = kImageSize / kFlashBlockSize;
 constexpr std::uint32_t kAddress = 0x10000;
@@ -90,11 +89,8 @@ class Port {
         return result == kUartOk;
     }
 
-    // How long the line alone takes for that: all bytes of both directions, and the reads' ends.
-    double floor() const {
-        constexpr double kReads = kBlocks + 3;  // and those of the begin, the digest and the end
-        return bytes_ * kBitsPerByte / kLineRate + kReads * kReadGap;
-    }
+    // How long the line alone takes for that: all bytes of both directions.
+    double floor() const { return bytes_ * kBitsPerByte / kLineRate; }
 
     double ratio() const { return time_ / floor(); }
 

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stop_token>
 #include <string>
@@ -53,7 +54,16 @@ class SerialDevice {
     // one, or when wanted * readPerByte + readConstant have passed. Gives the number of bytes, 0
     // for a silent line, -1 on a failure with no byte before it. A port that has been pulled out is
     // a failure. `wanted` is above 0.
-    virtual int read(std::uint8_t* buffer, int wanted) = 0;
+    int read(std::uint8_t* buffer, int wanted) {
+        return readUntil(buffer, wanted, [](const std::uint8_t*, int) { return false; });
+    }
+
+    // The same, but it may end earlier, as soon as `isWhole` says so of what has come. finishRead()
+    // then goes on with it from there to its end, and drops what comes; behind any other read it
+    // does nothing.
+    using IsWhole = std::function<bool(const std::uint8_t* bytes, int count)>;
+    virtual int readUntil(std::uint8_t* buffer, int wanted, const IsWhole& isWhole) = 0;
+    virtual void finishRead() = 0;
 
     // Gives the number of bytes that the port has taken in size * writePerByte + writeConstant, -1
     // on a failure. `size` is above 0.

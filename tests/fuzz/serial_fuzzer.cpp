@@ -44,38 +44,46 @@ class Peer final : public platform::SerialDevice {
     bool setTimeouts(const platform::SerialTimeouts&) override { return true; }
 
     int write(const std::uint8_t* bytes, int size) override {
-        require(++requests_ < 5000, "a burn ends");
         using Event = simulator::SlipReader::Event;
-        simulator::SlipReader reader;
-        for (int i = 0; i < size; ++i)
-            require((reader.take(bytes[i]) == Event::kFrame) == (i == size - 1),
-                    "a request is one sound frame");
-        const Bytes& frame = reader.frame();
+        if (!reader_.inFrame()) {
+            require(++requests_ < 5000, "a burn ends");
+            answer_.clear();
+            readFails_ = false;
+            action_ = static_cast<Action>(script_.next(restOfTime_) % kActions);
+            if (action_ != kAcknowledge)
+                turn_ = {.inStep = false, .mayRestart = true, .corruptOffset = {}};
+            if (action_ == kFailToWrite) {
+                errno = EIO;
+                return -1;
+            }
+            if (action_ == kTakeHalf)
+                return size / 2;
+        }
+        bool whole = false;
+        for (int i = 0; i < size; ++i) {
+            require(!whole, "a request is one sound frame");
+            whole = reader_.take(bytes[i]) == Event::kFrame;
+        }
+        // The end of a block may come by itself.
+        require(whole || size > 1, "a request is whole with its last byte");
+        if (!whole)
+            return size;
+        const Bytes& frame = reader_.frame();
         simulator::Refusal refusal = simulator::Refusal::kNone;
         const std::optional<SerialRequest> request =
             simulator::parseRequest(frame, packetErrors_, refusal);
         require(request && packetErrors_.texts().empty(), "a request keeps the rules of packets");
 
-        answer_.clear();
-        readFails_ = false;
-        const auto action = static_cast<Action>(script_.next(restOfTime_) % kActions);
-        if (action != kAcknowledge)
-            turn_ = {.inStep = false, .mayRestart = true, .corruptOffset = {}};
-        if (action == kFailToWrite) {
-            errno = EIO;
-            return -1;
-        }
-        if (action == kTakeHalf)
-            return size / 2;
-        if (action == kStopAndAcknowledge)
+        if (action_ == kStopAndAcknowledge)
             context_.stop = true;
-        if (hostRate_ == rate_ && action != kKeepSilent)
-            answer(*request, frame, action);
+        if (hostRate_ == rate_ && action_ != kKeepSilent)
+            answer(*request, frame, action_);
         return size;
     }
 
-    int read(std::uint8_t* buffer, int wanted) override {
+    int readUntil(std::uint8_t* buffer, int wanted, const IsWhole& isWhole) override {
         require(wanted == kRxBufferSize, "reads ask for 64 bytes");
+        require(!std::exchange(endsEarly_, false), "a read comes to its end before the next");
         if (readFails_) {
             errno = EIO;
             return -1;
@@ -87,9 +95,18 @@ class Peer final : public platform::SerialDevice {
             early_.insert(early_.begin(), line.begin() + kRxBufferSize, line.end());
             line.resize(kRxBufferSize);
         }
-        std::copy(line.begin(), line.end(), buffer);
+        // Byte by byte; what is behind the end is dropped before the next answer.
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            buffer[i] = line[i];
+            const int count = static_cast<int>(i) + 1;
+            endsEarly_ = isWhole(buffer, count);
+            if (endsEarly_)
+                return count;
+        }
         return static_cast<int>(line.size());
     }
+
+    void finishRead() override { endsEarly_ = false; }
 
     // Whether what the host was told can be relied on: a made-up answer may be a good one.
     bool isHonest() const { return honest_; }
@@ -189,9 +206,12 @@ class Peer final : public platform::SerialDevice {
     std::uint32_t hostRate_ = simulator::kFirstRate;  // as the port was opened
     std::uint32_t rate_ = simulator::kFirstRate;
     int requests_ = 0;
-    Bytes answer_;  // to the request
-    Bytes early_;   // comes before it
-    Bytes late_;    // comes with the next one
+    simulator::SlipReader reader_;
+    Action action_ = kAcknowledge;
+    bool endsEarly_ = false;  // the last read
+    Bytes answer_;            // to the request
+    Bytes early_;             // comes before it
+    Bytes late_;              // comes with the next one
     bool readFails_ = false;
     bool honest_ = true;
     bool inRom_ = true;

@@ -121,6 +121,39 @@ TEST_F(SerialDeviceTest, AReadEndsByNumberOrGapOrTotal) {
     EXPECT_LT(silentTime, kLong);
 }
 
+TEST_F(SerialDeviceTest, AReadThatEndsEarlyIsFinishedAsIfItHadNot) {
+    const auto holdsB = [](const std::uint8_t* bytes, int count) {
+        return std::count(bytes, bytes + count, 'b') != 0;
+    };
+    ASSERT_TRUE(port_->setTimeouts({.readGap = 30ms, .readConstant = kLong}));
+    port_->finishRead();  // there was none
+    terminal_.send("ab");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(port_->readUntil(buffer_, 64, holdsB), 2);
+    // Only what the read had room for belongs to it, and that ends it.
+    terminal_.send(std::string(62, 'x') + "next");
+    port_->finishRead();
+    EXPECT_EQ(port_->readUntil(buffer_, 4, holdsB), 4);
+    EXPECT_EQ(std::string(buffer_, buffer_ + 4), "next");
+    port_->finishRead();  // that one has not ended early
+
+    terminal_.send("ab");
+    EXPECT_EQ(port_->readUntil(buffer_, 64, holdsB), 2);
+    terminal_.send("x");
+    port_->finishRead();  // with the silence behind the last byte
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kLong);
+    // The next read takes the place of the rest.
+    terminal_.send("ab");
+    EXPECT_EQ(port_->readUntil(buffer_, 64, holdsB), 2);
+    terminal_.send("c");
+    EXPECT_EQ(port_->read(buffer_, 1), 1);
+    terminal_.send("d");
+    port_->finishRead();
+    EXPECT_EQ(port_->read(buffer_, 1), 1);
+    EXPECT_EQ(buffer_[0], 'd');
+}
+
 TEST_F(SerialDeviceTest, AWriteGivesUpWithWhatThePortHasTaken) {
     const std::vector<std::uint8_t> bytes(4 << 20, 0x55);
     const int size = static_cast<int>(bytes.size());

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -108,34 +109,38 @@ class LinuxSerialDevice final : public SerialDevice {
         return true;
     }
 
-    int read(std::uint8_t* buffer, int wanted) override {
-        Clock::time_point end =
+    int readUntil(std::uint8_t* buffer, int wanted, const IsWhole& isWhole) override {
+        rest_ = {};
+        const Clock::time_point total =
             Clock::now() + timeouts_.readConstant + wanted * timeouts_.readPerByte;
-        const Clock::time_point total = end;
+        Clock::time_point end = total;
         int count = 0;
-        while (count < wanted && !isInterrupted()) {
-            const ssize_t result =
-                ::read(port_.get(), buffer + count, static_cast<std::size_t>(wanted - count));
-            if (result > 0) {
-                count += static_cast<int>(result);
-                end = std::min(total, Clock::now() + timeouts_.readGap);
-                continue;
+        while (count < wanted) {
+            const int came = readSome(buffer + count, wanted - count, end);
+            // What has come before a failure is worth its read; the next one finds the failure.
+            if (came <= 0)
+                return count > 0 ? count : came;
+            count += came;
+            end = std::min(total, Clock::now() + timeouts_.readGap);
+            if (isWhole(buffer, count)) {
+                rest_ = {wanted - count, end, total};
+                break;
             }
-            if (result == 0)
-                errno = ENODEV;
-            if (result < 0 && errno == EINTR)
-                continue;
-            if (result < 0 && errno == EAGAIN) {
-                const Wait wait = waitFor(POLLIN, end);
-                if (wait == Wait::kReady)
-                    continue;
-                if (wait == Wait::kTimedOut)
-                    return count;
-            }
-            break;
         }
-        // What has come is worth its read; the failure is there for the next one.
-        return count > 0 ? count : -1;
+        return count;
+    }
+
+    void finishRead() override {
+        std::array<std::uint8_t, 64> dropped;
+        ReadRest rest = std::exchange(rest_, {});
+        while (rest.wanted > 0) {
+            const int room = std::min(rest.wanted, static_cast<int>(dropped.size()));
+            const int came = readSome(dropped.data(), room, rest.end);
+            if (came <= 0)
+                return;
+            rest.wanted -= came;
+            rest.end = std::min(rest.total, Clock::now() + timeouts_.readGap);
+        }
     }
 
     int write(const std::uint8_t* bytes, int size) override {
@@ -166,6 +171,33 @@ class LinuxSerialDevice final : public SerialDevice {
         void operator()() const { ::eventfd_write(wakeup, 1); }
     };
     enum class Wait { kReady, kTimedOut, kFailed };
+    // What is left of a read that ended early.
+    struct ReadRest {
+        int wanted = 0;
+        Clock::time_point end;    // if nothing more comes
+        Clock::time_point total;  // whatever comes
+    };
+
+    // What has come, as soon as anything has; 0 if nothing has until `end`, -1 on a failure.
+    int readSome(std::uint8_t* buffer, int room, Clock::time_point end) const {
+        while (!isInterrupted()) {
+            const ssize_t result = ::read(port_.get(), buffer, static_cast<std::size_t>(room));
+            if (result > 0)
+                return static_cast<int>(result);
+            if (result == 0)
+                errno = ENODEV;
+            if (result < 0 && errno == EINTR)
+                continue;
+            if (result == 0 || errno != EAGAIN)
+                return -1;
+            const Wait wait = waitFor(POLLIN, end);
+            if (wait == Wait::kTimedOut)
+                return 0;
+            if (wait == Wait::kFailed)
+                return -1;
+        }
+        return -1;
+    }
 
     // Drivers take rates that they cannot make without a word.
     bool hasRate(std::uint32_t asked) {
@@ -208,6 +240,7 @@ class LinuxSerialDevice final : public SerialDevice {
     termios2 settings_{};
     std::uint32_t offeredRate_ = 0;
     SerialTimeouts timeouts_;
+    ReadRest rest_;
     std::stop_token interruption_;
     std::stop_callback<Interrupt> interrupt_;
 };

@@ -49,6 +49,12 @@ bool setTimeouts(const SerialPort& port, const platform::SerialTimeouts& timeout
     return report(isOpen(port) && port->setTimeouts(timeouts), "SetCommTimeouts");
 }
 
+int endRead(int count, std::uint8_t* buffer) {
+    report(count >= 0, "ReadFile");
+    buffer[std::max(count, 0)] = 0;
+    return count;
+}
+
 }  // namespace
 
 SerialPort serial_open(const std::string& path, std::uint32_t baudrate, std::uint32_t stopBits,
@@ -86,10 +92,17 @@ int serial_set_timeouts(const SerialPort& port, std::uint32_t baudrate,
 }
 
 int serial_read(const SerialPort& port, std::uint8_t* buffer, int wanted) {
-    const int count = isOpen(port) ? port->read(buffer, wanted) : -1;
-    report(count >= 0, "ReadFile");
-    buffer[std::max(count, 0)] = 0;
-    return count;
+    return endRead(isOpen(port) ? port->read(buffer, wanted) : -1, buffer);
+}
+
+int serial_read_until(const SerialPort& port, std::uint8_t* buffer, int wanted,
+                      const platform::SerialDevice::IsWhole& isWhole) {
+    return endRead(isOpen(port) ? port->readUntil(buffer, wanted, isWhole) : -1, buffer);
+}
+
+void serial_finish_read(const SerialPort& port) {
+    if (port != nullptr)
+        port->finishRead();
 }
 
 int serial_write(const SerialPort& port, const std::uint8_t* bytes, int size) {

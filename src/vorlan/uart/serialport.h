@@ -32,6 +32,12 @@ int serial_set_timeouts(const SerialPort& port, std::uint32_t baudrate,
 // has room beyond `wanted`.
 int serial_read(const SerialPort& port, std::uint8_t* buffer, int wanted);
 
+// The same, but ends as soon as `isWhole` says so; serial_finish_read then waits for the read's
+// proper end and drops what comes until then. Behind any other read it does nothing.
+int serial_read_until(const SerialPort& port, std::uint8_t* buffer, int wanted,
+                      const platform::SerialDevice::IsWhole& isWhole);
+void serial_finish_read(const SerialPort& port);
+
 // Bytes written, fewer than `size` if time has run out, -1 on a failure.
 int serial_write(const SerialPort& port, const std::uint8_t* bytes, int size);
 

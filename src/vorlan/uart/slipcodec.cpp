@@ -101,3 +101,10 @@ SlipCodec::Result SlipCodec::slip_decode(const std::uint8_t* raw, int count,
     }
     return Result::kIncomplete;
 }
+
+bool SlipCodec::wouldComplete(const std::uint8_t* raw, int count) const {
+    SlipCodec trial = *this;
+    const std::uint8_t* input = nullptr;
+    std::size_t inputLength = 0;
+    return trial.slip_decode(raw, count, input, inputLength) == Result::kComplete;
+}

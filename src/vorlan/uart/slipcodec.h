@@ -30,6 +30,9 @@ class SlipCodec {
     Result slip_decode(const std::uint8_t* raw, int count, const std::uint8_t*& input,
                        std::size_t& inputLength);
 
+    // Whether slip_decode would give kComplete for these bytes.
+    bool wouldComplete(const std::uint8_t* raw, int count) const;
+
   private:
     enum class State { kIdle, kStart, kInFrame, kEscape, kEnd };
 

@@ -4,9 +4,13 @@
 #include <array>
 #include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "utils/littleendian.h"
+#include "utils/logutil.h"
 #include "vorlan/uart/uarttrace.h"
+
+#define LOG_TAG "UartProtocol"
 
 namespace {
 
@@ -45,7 +49,9 @@ const std::uint8_t* answerTo(UartContext* context, const std::uint8_t* data, Uar
     std::size_t outputLength = 0;
     if (context->slip.slip_encode(context->txBuffer.data(), size, output, outputLength) < 0)
         return nullptr;
-    const int received = uart_exchange(context, output, outputLength);
+    const bool eager = command == UART_FLASH_DATA && context->eagerBlocks;
+    const int received = eager ? uart_exchange_eagerly(context, output, outputLength)
+                               : uart_exchange(context, output, outputLength);
     const std::uint8_t* input = nullptr;
     std::size_t inputLength = 0;
     if (context->slip.slip_decode(context->rxBuffer.data(), received, input, inputLength) ==
@@ -108,9 +114,26 @@ std::size_t pack_command(UartContext* context, const std::uint8_t* data, UartCom
 }
 
 int uart_exchange(UartContext* context, const std::uint8_t* bytes, std::size_t length) {
+    serial_finish_read(context->port);
     if (serial_write(context->port, bytes, static_cast<int>(length)) < 1)
         return -1;
     return serial_read(context->port, context->rxBuffer.data(), kRxBufferSize);
+}
+
+int uart_exchange_eagerly(UartContext* context, const std::uint8_t* bytes, std::size_t length) {
+    // No device answers a frame that has no end yet. So the end is held back until the silence is
+    // over, by which time a block at its full rate is still on the wire.
+    const int open = static_cast<int>(length) - 1;
+    const int written = serial_write(context->port, bytes, open);
+    if (written < 1)
+        return -1;
+    serial_finish_read(context->port);
+    if (written == open && serial_write(context->port, bytes + open, 1) < 1)
+        return -1;
+    return serial_read_until(context->port, context->rxBuffer.data(), kRxBufferSize,
+                             [context](const std::uint8_t* raw, int count) {
+                                 return context->slip.wouldComplete(raw, count);
+                             });
 }
 
 int check_response(UartContext* context, const std::uint8_t* frame, UartCommand command) {
@@ -169,6 +192,9 @@ int send_flash_data(UartContext* context, const std::uint8_t* block, std::uint16
     if (result == kUartOk) {
         context->flash.sent += length;
         ++context->flash.seq;
+    } else if (std::exchange(context->eagerBlocks, false) && context->port != nullptr) {
+        LOG_W("%s: block %u was not acknowledged at once; behind each answer there is a pause now",
+              context->port->path().c_str(), context->flash.seq);
     }
     return result;
 }

@@ -43,8 +43,14 @@ std::uint8_t xor_checksum(const std::uint8_t* block, std::size_t length);
 std::size_t pack_command(UartContext* context, const std::uint8_t* data, UartCommand command,
                          std::uint16_t length);
 
-// Writes a frame and reads once. Gives the bytes now in rxBuffer, or -1.
+// Writes a frame and reads once, to the silence behind the answer. Gives the bytes now in rxBuffer,
+// or -1.
 int uart_exchange(UartContext* context, const std::uint8_t* bytes, std::size_t length);
+
+// The same, but ends with the byte that closes the answer's frame. The silence behind that is heard
+// out while the next frame is on the wire, before it if that is not sent eagerly too: what comes in
+// it is dropped all the same.
+int uart_exchange_eagerly(UartContext* context, const std::uint8_t* bytes, std::size_t length);
 
 // kUartOk if the frame acknowledges the command, kUartRefused otherwise. Its length is not looked
 // at: behind a short frame the codec's buffer still has the bytes of earlier ones.

@@ -44,6 +44,8 @@ struct UartContext {
 
     Md5Digest md5{};                        // from the last answer to UART_MD5
     bool resend = false;                    // the last UART_FLASH_DATA was not acknowledged
+    bool eagerBlocks = true;                // see uart_exchange_eagerly; every block was so far
+                                            // acknowledged at its first try
     SerialPort port;                        // null if it could not be opened
     const std::uint8_t* rxFrame = nullptr;  // last decoded frame, in the codec's buffer
 

@@ -52,9 +52,12 @@ class ScriptedPeer::Port final : public platform::SerialDevice {
 
     int write(const std::uint8_t* bytes, int size) override {
         const int written = real_->write(bytes, size);
+        frame_ += peer_.terminal_.receive(static_cast<std::size_t>(size));
         SeenRequest request;
-        request.frame = peer_.terminal_.receive(static_cast<std::size_t>(size));
-        request.packet = unframed(request.frame);
+        request.packet = unframed(frame_);
+        if (request.packet.empty())
+            return written;  // its end is still to come
+        request.frame = std::exchange(frame_, {});
         request.command = static_cast<std::uint8_t>(request.packet.at(1));
         request.rate = peer_.terminal_.rate();
         request.silentRead = timeouts_.readConstant + 64 * timeouts_.readPerByte;
@@ -66,18 +69,21 @@ class ScriptedPeer::Port final : public platform::SerialDevice {
         return written;
     }
 
-    int read(std::uint8_t* buffer, int wanted) override {
+    int readUntil(std::uint8_t* buffer, int wanted, const IsWhole& isWhole) override {
         if (answered_)
-            return real_->read(buffer, wanted);
+            return real_->readUntil(buffer, wanted, isWhole);
         EXPECT_TRUE(real_->setTimeouts({.readGap = timeouts_.readGap, .readConstant = 1ms}));
-        const int count = real_->read(buffer, wanted);
+        const int count = real_->readUntil(buffer, wanted, isWhole);
         EXPECT_TRUE(real_->setTimeouts(timeouts_));
         return count;
     }
 
+    void finishRead() override { real_->finishRead(); }
+
   private:
     ScriptedPeer& peer_;
     SerialPort real_;
+    std::string frame_;  // of the request that has begun to come
     platform::SerialTimeouts timeouts_;
     bool answered_ = false;
 };
