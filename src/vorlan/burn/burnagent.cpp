@@ -1,12 +1,8 @@
 #include "vorlan/burn/burnagent.h"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
-#include <cerrno>
 #include <chrono>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "platform/dynamiclibrary.h"
@@ -30,9 +26,6 @@ constexpr const char* kBurnOperation = "BurnAgent::vorlan_burn";
 constexpr const char* kVerifyOperation = "BurnAgent::vorlan_verify_only";
 constexpr const char* kEraseOperation = "BurnAgent::vorlan_erase_only";
 
-// An image is taken in chunks; fetched in chunks, 16 images at once would keep the disk too busy.
-constexpr std::size_t kReadAhead = 0x40000;  // bytes
-
 // Whole seconds, as the limit for a chunk counts them.
 std::int64_t secondsNow() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -45,23 +38,14 @@ bool isUsable(const FileImage& image, const char* operation) {
     return image.isUsable();
 }
 
-// Takes the image's next bytes, all that are wanted unless it ends before.
-bool readChunk(ImageSource& image, std::uint8_t* buffer, std::uint32_t wanted,
-               std::uint32_t& count) {
-    count = 0;
+ImageSource::Chunk nextChunk(ImageSource& image, std::uint32_t left) {
+    const std::uint32_t wanted = std::min(kChunkSize, left);
     for (;;) {
-        std::uint32_t got = 0;
-        const ImageSource::Result result = image.read(buffer + count, wanted - count, got);
-        count += got;
-        if (result == ImageSource::Result::kOk)
-            return true;
-        if (result == ImageSource::Result::kError) {
-            LOG_E("\n%s: error(%08Xh) occurs in reading image file! readBytes = %u\n",
-                  kBurnOperation, static_cast<unsigned>(errno), count);
-            return false;
-        }
-        std::printf("\n%s: no end & no error, but read %u (< %u) bytes!\n", kBurnOperation, got,
-                    wanted);
+        const ImageSource::Chunk chunk = image.next(wanted);
+        if (chunk.result != ImageSource::Result::kIncomplete)
+            return chunk;
+        std::printf("\n%s: no end & no error, but read %u (< %u) bytes!\n", kBurnOperation,
+                    chunk.count, wanted);
     }
 }
 
@@ -125,15 +109,11 @@ bool BurnAgent::runItems(unsigned mode) {
 
 bool BurnAgent::runItem(const BurnItem& item, unsigned mode) {
     const std::string path = text::narrow(item.file);
-    // Outlives the file, which reads into it.
-    const std::unique_ptr<char[]> readAhead(new (std::nothrow) char[kReadAhead]);
     const fileutil::FilePtr file = fileutil::openFile(path, "rb");
     if (file == nullptr) {
         reportError(-3, "Open file failed! path=" + path);
         return false;
     }
-    if (readAhead != nullptr)
-        std::setvbuf(file.get(), readAhead.get(), _IOFBF, kReadAhead);
     switch (mode) {
         case CMD_CODE_FLASH_WRITE:
             return vorlan_burn(pVorDev_, item.addr, file.get(), flags_);
@@ -266,16 +246,21 @@ bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, const std::s
         if (const auto percent = progress.due())
             reportProgress(tag, *percent);
     };
-    std::array<std::uint8_t, kChunkSize> chunk;
+    ImageSource::Chunk chunk = nextChunk(image, image.size());
     for (std::uint32_t sent = 0; sent < image.size();) {
-        std::uint32_t count = 0;
-        if (!readChunk(image, chunk.data(), std::min(kChunkSize, image.size() - sent), count))
+        if (chunk.result == ImageSource::Result::kError) {
+            LOG_E("\n%s: error(%08Xh) occurs in reading image file! readBytes = %u\n",
+                  kBurnOperation, static_cast<unsigned>(chunk.error), chunk.count);
             return false;
-        if (count == 0)
+        }
+        if (chunk.count == 0)
             break;  // the file has become shorter: the device's check decides
-        if (vorlan_device_write(device, chunk.data(), count, EP_ADDR_DATA_RESP_OUT,
-                                kTransferTimeoutMs, nullptr) < count)
+        if (vorlan_device_write(device, chunk.bytes, chunk.count, EP_ADDR_DATA_RESP_OUT,
+                                kTransferTimeoutMs, nullptr) < chunk.count)
             return false;
+        sent += chunk.count;
+        // Fetched while the device programs.
+        chunk = nextChunk(image, image.size() - sent);
 
         // The device answers once it has programmed the chunk. Until then it answers SYNC.
         Record answer{};
@@ -314,7 +299,6 @@ bool BurnAgent::sendData(VORLAN_DEVICE* device, ImageSource& image, const std::s
         }
         if (response.respcode != RESP_CODE_READY)
             return false;
-        sent += count;
         progress.dataSent(sent);
         reportIfDue();
     }

@@ -1,50 +1,62 @@
 #include "vorlan/burn/imagesource.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
+#include <cerrno>
+#include <utility>
 
 #include "utils/fileutil.h"
 #include "utils/interruption.h"
 #include "vorlan/burn/crc64.h"
 #include "vorlan/burn/usb_protocol.h"
 
-ImageSource::Result MemoryImage::read(std::uint8_t* buffer, std::uint32_t size,
-                                      std::uint32_t& count) {
-    count = std::min(size, size_ - position_);
-    std::memcpy(buffer, data_ + position_, count);
+ImageSource::Chunk MemoryImage::next(std::uint32_t wanted) {
+    const std::uint32_t count = std::min(wanted, size_ - position_);
+    const std::uint8_t* const bytes = data_ + position_;
     position_ += count;
-    return Result::kOk;
+    return {Result::kOk, bytes, count, 0};
 }
 
+// The rest of the block is filled in by reading.
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
 FileImage::FileImage(std::FILE* file) : file_(file), size_(fileutil::sizeOf(file)) {}
 
 void FileImage::rewind() {
     std::rewind(file_);
+    begin_ = end_ = 0;
 }
 
-ImageSource::Result FileImage::read(std::uint8_t* buffer, std::uint32_t size,
-                                    std::uint32_t& count) {
-    count = static_cast<std::uint32_t>(std::fread(buffer, 1, size, file_));
-    if (count == size || std::feof(file_) != 0)
-        return Result::kOk;
-    return std::ferror(file_) != 0 ? Result::kError : Result::kIncomplete;
+ImageSource::Chunk FileImage::next(std::uint32_t wanted) {
+    int error = 0;
+    if (end_ - begin_ < wanted) {
+        std::copy(block_.begin() + begin_, block_.begin() + end_, block_.begin());
+        end_ -= std::exchange(begin_, 0);
+        end_ += std::fread(block_.data() + end_, 1, block_.size() - end_, file_);
+        error = errno;
+    }
+    const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(wanted, end_ - begin_));
+    Chunk chunk{Result::kOk, block_.data() + begin_, count, 0};
+    if (count < wanted && std::ferror(file_) != 0)
+        chunk = {Result::kError, chunk.bytes, count, error};
+    else if (count < wanted && std::feof(file_) == 0)
+        return {Result::kIncomplete, chunk.bytes, count, 0};
+    begin_ += count;
+    return chunk;
 }
 
 bool imageCrc64(ImageSource& image, std::uint64_t& crc) {
-    std::array<std::uint8_t, kChunkSize> buffer;
     crc = 0;
     image.rewind();
     for (std::uint32_t left = image.size(); left > 0;) {
         const std::uint32_t wanted = std::min(left, kChunkSize);
-        std::uint32_t count = 0;
-        if (interruption::requested() ||
-            image.read(buffer.data(), wanted, count) != ImageSource::Result::kOk)
+        if (interruption::requested())
             return false;
-        crc = crc64(crc, buffer.data(), count);
-        if (count < wanted)
+        const ImageSource::Chunk chunk = image.next(wanted);
+        if (chunk.result != ImageSource::Result::kOk)
+            return false;
+        crc = crc64(crc, chunk.bytes, chunk.count);
+        if (chunk.count < wanted)
             break;
-        left -= count;
+        left -= chunk.count;
     }
     return true;
 }

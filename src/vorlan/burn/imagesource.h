@@ -1,6 +1,7 @@
 // Where the bytes of a flash write come from: an image file, or memory for a serial number.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -9,16 +10,23 @@
 class ImageSource {
   public:
     enum class Result {
-        kOk,          // the buffer is full, or holds all that is left
-        kError,       // the file cannot be read
-        kIncomplete,  // neither end nor error: there is more to come
+        kOk,          // all that was wanted, or all that is left
+        kError,       // the file cannot be read any further
+        kIncomplete,  // neither end nor error: asked again, it reads on
+    };
+    struct Chunk {
+        Result result;
+        const std::uint8_t* bytes;  // valid until the next call
+        std::uint32_t count;
+        int error;  // errno of kError
     };
 
     virtual std::uint32_t size() const = 0;
     // Back to the first byte.
     virtual void rewind() = 0;
-    // Puts the next bytes into the buffer; `count` tells how many.
-    virtual Result read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t& count) = 0;
+    // The next bytes, which are not taken again unless the result is kIncomplete. `wanted` is at
+    // most kChunkSize.
+    virtual Chunk next(std::uint32_t wanted) = 0;
 
   protected:
     ~ImageSource() = default;
@@ -31,7 +39,7 @@ class MemoryImage final : public ImageSource {
 
     std::uint32_t size() const override { return size_; }
     void rewind() override { position_ = 0; }
-    Result read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t& count) override;
+    Chunk next(std::uint32_t wanted) override;
 
   private:
     const std::uint8_t* data_;
@@ -49,11 +57,17 @@ class FileImage final : public ImageSource {
     bool isUsable() const { return size_.has_value(); }
     std::uint32_t size() const override { return size_.value_or(0); }
     void rewind() override;
-    Result read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t& count) override;
+    Chunk next(std::uint32_t wanted) override;
 
   private:
+    // Fetched in chunks, 16 images at once would keep the disk too busy.
+    static constexpr std::size_t kReadAhead = 0x10000;  // bytes
+
     std::FILE* file_;
     std::optional<std::uint32_t> size_;
+    std::array<std::uint8_t, kReadAhead> block_;  // of the file
+    std::size_t begin_ = 0;                       // of what has not been taken
+    std::size_t end_ = 0;
 };
 
 // CRC-64 of the whole image, taken 4096 bytes at a time from its start. False if it cannot be read
