@@ -113,8 +113,7 @@ class WindowFixture : public FirstStartFixture {
     // Whether the operator is shown a box that begins so, before or behind others.
     bool hasBox(const QString& beginning) {
         return simulator::WindowOperator::waitFor([&] {
-            for (const Box& box : prompts_.takeBoxes())
-                boxes_.push_back(box.text);
+            otherBoxes();
             const auto box = std::find_if(boxes_.begin(), boxes_.end(), [&](const QString& text) {
                 return text.startsWith(beginning);
             });
@@ -123,6 +122,13 @@ class WindowFixture : public FirstStartFixture {
                 boxes_.erase(box);
             return found;
         });
+    }
+
+    // Those that nobody has asked for so far.
+    const std::vector<QString>& otherBoxes() {
+        for (const Box& box : prompts_.takeBoxes())
+            boxes_.push_back(box.text);
+        return boxes_;
     }
 
     // What the record of production tells of the burns at a place: the label before the package,

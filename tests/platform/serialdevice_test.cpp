@@ -143,6 +143,23 @@ TEST_F(SerialDeviceTest, AReadThatEndsEarlyIsFinishedAsIfItHadNot) {
     port_->finishRead();  // with the silence behind the last byte
     EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
     EXPECT_LT(std::chrono::steady_clock::now() - start, kLong);
+    {
+        const TurnedClock clock;
+        std::thread slow([this] {
+            for (int i = 0; i < 3; ++i) {
+                std::this_thread::sleep_for(20s);
+                terminal_.send("x");
+            }
+        });
+        std::thread([&] {
+            ASSERT_TRUE(port_->setTimeouts({.readGap = 30s, .readConstant = 5 * kLong}));
+            EXPECT_EQ(port_->readUntil(buffer_, 3, [](auto...) { return true; }), 1);
+            port_->finishRead();
+            EXPECT_EQ(port_->read(buffer_, 1), 0);
+        }).join();
+        slow.join();
+    }
+
     // The next read takes the place of the rest.
     terminal_.send("ab");
     EXPECT_EQ(port_->readUntil(buffer_, 64, holdsB), 2);

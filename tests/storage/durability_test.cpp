@@ -76,6 +76,7 @@ TEST(Durability, TheRecordOfAGoodBurnIsSyncedWhenItReturns) {
     std::string atSync;
     atDataSync = [&] { atSync = directory.read("log/record.csv"); };
     EXPECT_EQ(record.append({.place = "A", .good = true}), "");
+    EXPECT_EQ(dataSyncs, before + 1);
     EXPECT_EQ(record.append({.place = "B"}), "");
     atDataSync = nullptr;
     EXPECT_EQ(dataSyncs, before + 1);
