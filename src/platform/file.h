@@ -49,11 +49,14 @@ class File {
     bool isFileAt(const std::string& path) const;
     bool isSameFile(const File& other) const;
 
-    // Differs from an earlier one if anybody has written to the file in between.
+    // Differs from an earlier one if anybody has written to the file in between, and from that of
+    // any other file.
     struct Stamp {
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
         std::uint64_t size = 0;     // in bytes
-        std::int64_t modified = 0;  // in ns
-        std::int64_t changed = 0;   // in ns
+        std::int64_t modified = 0;  // in ns since 1970, as is the next
+        std::int64_t changed = 0;
         bool operator==(const Stamp&) const = default;
     };
     // Nothing on an error.
@@ -80,6 +83,9 @@ class File {
 
 // As fopen.
 std::FILE* openStream(const std::string& path, const char* mode);
+
+// Of the file behind an open stream; nothing on an error.
+std::optional<File::Stamp> stampOf(std::FILE* stream);
 
 // Writes `bytes` to `path` + ".new", syncs it and renames it over `path`, so that whoever looks,
 // after whatever end of the process, finds the old content or the new one. What an end in between

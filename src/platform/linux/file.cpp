@@ -52,6 +52,17 @@ void syncDirectoryOf(const std::string& path) {
     }
 }
 
+std::optional<File::Stamp> stampOfDescriptor(int descriptor) {
+    struct stat info {};
+    if (::fstat(descriptor, &info) != 0)
+        return std::nullopt;
+    const auto nanoseconds = [](const timespec& time) {
+        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+    };
+    return File::Stamp{info.st_dev, info.st_ino, static_cast<std::uint64_t>(info.st_size),
+                       nanoseconds(info.st_mtim), nanoseconds(info.st_ctim)};
+}
+
 }  // namespace
 
 std::string lastErrorText() {
@@ -134,14 +145,7 @@ bool File::isSameFile(const File& other) const {
 }
 
 std::optional<File::Stamp> File::stamp() const {
-    struct stat info {};
-    if (::fstat(descriptor_, &info) != 0)
-        return std::nullopt;
-    const auto nanoseconds = [](const timespec& time) {
-        return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-    };
-    return Stamp{static_cast<std::uint64_t>(info.st_size), nanoseconds(info.st_mtim),
-                 nanoseconds(info.st_ctim)};
+    return stampOfDescriptor(descriptor_);
 }
 
 std::optional<std::size_t> File::readAt(std::uint64_t offset, char* buffer,
@@ -175,6 +179,10 @@ bool File::syncData() const {
 
 std::FILE* openStream(const std::string& path, const char* mode) {
     return std::fopen(path.c_str(), (std::string(mode) + "e").c_str());
+}
+
+std::optional<File::Stamp> stampOf(std::FILE* stream) {
+    return stampOfDescriptor(::fileno(stream));
 }
 
 bool replaceFile(const std::string& path, std::string_view bytes) {

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <optional>
 
+#include "platform/file.h"
+
 class ImageSource {
   public:
     enum class Result {
@@ -22,6 +24,8 @@ class ImageSource {
     };
 
     virtual std::uint32_t size() const = 0;
+    // Of a file, as it is now.
+    virtual std::optional<platform::File::Stamp> stamp() const { return std::nullopt; }
     // Back to the first byte.
     virtual void rewind() = 0;
     // The next bytes, which are not taken again unless the result is kIncomplete. `wanted` is at
@@ -56,6 +60,7 @@ class FileImage final : public ImageSource {
     // Whether the file has a size that an image can have.
     bool isUsable() const { return size_.has_value(); }
     std::uint32_t size() const override { return size_.value_or(0); }
+    std::optional<platform::File::Stamp> stamp() const override { return platform::stampOf(file_); }
     void rewind() override;
     Chunk next(std::uint32_t wanted) override;
 
@@ -71,5 +76,6 @@ class FileImage final : public ImageSource {
 };
 
 // CRC-64 of the whole image, taken 4096 bytes at a time from its start. False if it cannot be read
-// or the calling thread is interrupted.
+// or the calling thread is interrupted. That of a file is remembered, so that not every device has
+// it read for this; a file that anybody has written to since is read again. Any thread.
 bool imageCrc64(ImageSource& image, std::uint64_t& crc);
