@@ -11,7 +11,7 @@ scripts/build.sh bench
 results=build/bench/results
 mkdir -p "$results"
 status=0
-for program in build/bench/bin/bench/*; do
+for program in build/bench/bin/bench/*_bench; do
     name=$(basename "$program")
     echo "== $name"
     json=$results/$name.json

@@ -1,11 +1,15 @@
 // What the benchmarks measure and burn.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <string>
 #include <vector>
 
 inline double median(std::vector<double> values) {
@@ -28,6 +32,31 @@ double secondsOf(Work work) {
 inline double processorTime() {
     return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }
+
+// Runs another program, for a look at how long that takes; false if it failed or is not there.
+inline bool runCommand(const std::string& command) {
+    // Nothing else runs in a benchmark.
+    return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe)
+}
+
+// Sees to it that a cost grows no faster than what it is the cost of: the benchmark is run with
+// growing sizes, and each may cost half as much again per unit as the cheapest before it, since
+// memory gets slower the more of it is in use.
+class Growth {
+  public:
+    void check(benchmark::State& state, double units, double cost) {
+        constexpr double kMost = 1.5;
+        const double perUnit = cost / units;
+        if (cheapest_ != 0 && perUnit > kMost * cheapest_)
+            state.SkipWithError(("grows faster than its input: " +
+                                 std::to_string(perUnit / cheapest_) + " times as much a unit")
+                                    .c_str());
+        cheapest_ = cheapest_ == 0 ? perUnit : std::min(cheapest_, perUnit);
+    }
+
+  private:
+    double cheapest_ = 0;
+};
 
 // An image of so many bytes. They are spread evenly, so that about one in 128 needs an escape on a
 // serial line.

@@ -1,4 +1,5 @@
-// The serial number file at a million rows. Every benchmark checks its budget.
+// The serial number file at a million rows, and its load from a thousand to ten million. Every
+// benchmark checks its budget.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "measure.h"
@@ -41,7 +43,8 @@ class NumberFile {
     NumberFile(const NumberFile&) = delete;
     NumberFile& operator=(const NumberFile&) = delete;
 
-    std::wstring path() const { return text::widen(path_.string()); }
+    std::string file() const { return path_.string(); }
+    std::wstring path() const { return text::widen(file()); }
 
   private:
     std::filesystem::path path_;
@@ -72,6 +75,61 @@ void load(benchmark::State& state) {
     }
 }
 BENCHMARK(load)->Arg(15)->Arg(kNumberSize)->Arg(32)->Unit(benchmark::kMillisecond);
+
+// A plain read of the file, and its columns.
+std::size_t readAndSplit(const std::wstring& path) {
+    std::ifstream file(text::narrow(path), std::ios::binary);
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t comma = line.find(',');
+        rows.emplace_back(line.substr(0, comma), line.substr(comma + 1));
+    }
+    return rows.size();
+}
+
+void loadBesidePlainRead(benchmark::State& state) {
+    constexpr std::size_t kShortNumber = 15;  // characters
+    static Growth growth;
+    const auto rows = static_cast<std::size_t>(state.range(0));
+    const NumberFile source(rows, kShortNumber);
+    std::vector<double> ours;
+    std::vector<double> plain;
+    std::vector<double> wc;
+    double bytesPerRow = 0;
+    bool sound = true;
+    while (state.KeepRunning()) {
+        plain.push_back(secondsOf([&] { sound = readAndSplit(source.path()) == rows && sound; }));
+        wc.push_back(secondsOf(
+            [&] { sound = runCommand("wc -l " + source.file() + " >/dev/null") && sound; }));
+        SerialNumFile file;
+        const std::size_t before = heapInUse();
+        ours.push_back(secondsOf([&] { sound = file.load(source.path()) && sound; }));
+        bytesPerRow = static_cast<double>(heapInUse() - before) / static_cast<double>(rows);
+        state.SetIterationTime(ours.back());
+    }
+    const double ratio = median(ours) / median(plain);
+    state.counters["ours_ms"] = 1000 * median(ours);
+    state.counters["plain_ms"] = 1000 * median(plain);
+    state.counters["wc_ms"] = 1000 * median(wc);
+    state.counters["ratio"] = ratio;
+    state.counters["bytes_per_row"] = bytesPerRow;
+    if (!sound)
+        state.SkipWithError("not loaded, or there is no wc");
+    else if (ratio > 1.5)
+        state.SkipWithError(("over 1.5 times a plain read: " + std::to_string(ratio)).c_str());
+    else if (bytesPerRow > 100)
+        state.SkipWithError("more than 100 bytes per row");
+    else
+        growth.check(state, static_cast<double>(rows), median(ours));
+}
+BENCHMARK(loadBesidePlainRead)
+    ->ArgName("rows")
+    ->Arg(1000)
+    ->Arg(100'000)
+    ->Arg(10'000'000)
+    ->Iterations(7)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 void handOutAll(benchmark::State& state) {
     const NumberFile source;

@@ -2,19 +2,17 @@
 // the agent, libusbK.so and the real libusb; only the kernel's bus and the chip are made up.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <iterator>
-#include <limits>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "simulator/kernelusb/mockusbbus.h"
-#include "simulator/usb/virtualusbdevice.h"
+#include "simulator/kernelusb/wireddevice.h"
 #include "support/helpers.h"
 #include "support/temporarydirectory.h"
 #include "utils/text.h"
@@ -25,37 +23,6 @@ namespace {
 
 constexpr auto kPatience = std::chrono::seconds(60);
 const std::string kNumber = "VRL260000000001";
-
-// A virtual chip behind a fake device's endpoints.
-class Wired {
-  public:
-    // It takes so many writes and is mute from then on.
-    explicit Wired(int writes = std::numeric_limits<int>::max()) : writesLeft_(writes) {}
-
-    void connect(MockUsbDevice& wire) {
-        chip.powerOn();
-        chip.opened();
-        wire.setReceiver([this, &wire](std::uint8_t endpoint, const Bytes& bytes) {
-            if (--writesLeft_ < 0)
-                return;
-            chip.hostWrites(endpoint, bytes);
-            for (const std::uint8_t in : {EP_ADDR_CMD_RESP_IN, EP_ADDR_DATA_RESP_IN}) {
-                while (const std::size_t waiting = chip.unreadBytes(in)) {
-                    Bytes answer(waiting);
-                    chip.hostReads(in, answer, 0);
-                    wire.send(in, answer);
-                }
-            }
-        });
-    }
-
-    bool isMute() const { return writesLeft_ < 0; }
-
-    simulator::VirtualUsbDevice chip;
-
-  private:
-    std::atomic<int> writesLeft_;
-};
 
 // Burns each device as it gets ready, and tells when it has come so far.
 class Burner final : public UsbListener {
@@ -114,7 +81,7 @@ class WholeBurn : public testing::Test {
     }
     ~WholeBurn() override { BurnAdmin::destroyInstance(); }
 
-    MockUsbDevice& plugIn(Wired& device) {
+    MockUsbDevice& plugIn(WiredDevice& device) {
         return bus.plugIn("2.4", [&](MockUsbDevice& wire) { device.connect(wire); });
     }
 
@@ -130,7 +97,7 @@ class WholeBurn : public testing::Test {
 };
 
 TEST_F(WholeBurn, FromPlugInToRemovalOverTheRealLibusb) {
-    Wired device;
+    WiredDevice device;
     MockUsbDevice& wire = plugIn(device);
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");
@@ -148,7 +115,7 @@ TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
     const std::ptrdiff_t open = openDescriptors();
     std::set<std::string> ends;
     for (int pulls = 1; pulls <= 100; ++pulls) {
-        Wired device(pulls % 18);  // so many are the writes of a burn
+        WiredDevice device(pulls % 18);  // so many are the writes of a burn
         MockUsbDevice& wire = plugIn(device);
         EXPECT_EQ(burner.next(), "plug");
         ASSERT_TRUE(eventually([&] { return device.isMute(); }));
@@ -163,7 +130,7 @@ TEST_F(WholeBurn, PulledAHundredTimesInMidTransferNothingIsLeftOpen) {
             << openDescriptors() - open << " more after " << pulls;
     }
     EXPECT_EQ(ends, std::set<std::string>({"failed"}));
-    Wired sound;
+    WiredDevice sound;
     plugIn(sound);
     EXPECT_EQ(burner.next(), "plug");
     EXPECT_EQ(burner.next(), "done");
