@@ -4,6 +4,7 @@
 
 #include "platform/file.h"
 #include "storage/globalstorage.h"
+#include "ui/longwork.h"
 #include "ui/prompts.h"
 #include "ui/stringtable.h"
 #include "ui/tooltip.h"
@@ -57,6 +58,17 @@ void saveSettings(QWidget* parent) {
 
 }  // namespace
 
+SnLoad loadSnFile(QWidget& parent, const std::wstring& path) {
+    bool loaded = false;
+    const bool finished =
+        runLongWork(parent, QStringLiteral("正在读取SN号……"), [&](const PercentReport&) {
+            loaded = GlobalStorage::getInstance().getSnFile().load(path);
+        });
+    if (loaded)
+        return SnLoad::kLoaded;
+    return finished ? SnLoad::kFailed : SnLoad::kCancelled;
+}
+
 void importSnFile(QWidget* parent) {
     GlobalStorage& storage = GlobalStorage::getInstance();
     SerialNumFile& snFile = storage.getSnFile();
@@ -70,10 +82,11 @@ void importSnFile(QWidget* parent) {
     const std::wstring path = chosen->toStdWString();
     if (!fileutil::fileExists(path))
         return;
-    if (!snFile.load(path)) {
+    const SnLoad end = loadSnFile(*parent, path);
+    if (end == SnLoad::kFailed)
         tell(parent, kWrongFormat);
+    if (end != SnLoad::kLoaded)
         return;
-    }
     storage.setSnFilePath(path);
     saveSettings(parent);
     tell(parent, kImported);

@@ -4,6 +4,13 @@
 
 #include <QLineEdit>
 #include <QWidget>
+#include <string>
+
+enum class SnLoad { kLoaded, kFailed, kCancelled };
+
+// Loads the CSV file as the pool of serial numbers; the window lives on meanwhile. The operator may
+// cancel what takes longer than a moment, and then has no list.
+SnLoad loadSnFile(QWidget& parent, const std::wstring& path);
 
 // Lets the operator choose a CSV file, loads it as the pool of serial numbers and remembers it for
 // the next start of the program. Tells the operator the outcome. Not while a page is burning.

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "utils/fileutil.h"
+#include "utils/interruption.h"
 #include "utils/logutil.h"
 
 #define LOG_TAG "SerialNumFile"
@@ -22,6 +23,8 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 // No row is that long; a line beyond it is that of a file of another kind.
 constexpr std::size_t kLineLimit = std::size_t{1} << 20;  // bytes, with the line end
+
+constexpr std::size_t kLinesBetweenLooks = 4096;  // for an interruption
 
 // The lines of a file with their line ends, read in large blocks.
 class LineReader {
@@ -95,6 +98,8 @@ std::string forEachRow(const platform::File& file, const Visit& visit) {
             return "no CR LF at the end of line " + std::to_string(lineNumber);
         if (size > kLineLimit || (!line.empty() && std::count(line.begin(), line.end(), ',') != 1))
             return "not two columns in line " + std::to_string(lineNumber);
+        if (lineNumber % kLinesBetweenLooks == 0 && interruption::requested())
+            return "cancelled";
         if (!line.empty())
             visit(offset, line, lineNumber);
         offset += size;

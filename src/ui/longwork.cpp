@@ -22,7 +22,7 @@ constexpr auto kStep = 50ms;  // between two looks at the percentage
 bool runLongWork(QWidget& parent, const QString& text,
                  const std::function<void(const PercentReport& report)>& work) {
     QEventLoop loop;
-    std::atomic<int> percent = 0;
+    std::atomic<int> percent = -1;  // nothing told
     std::atomic<bool> ended = false;
     std::jthread worker([&](std::stop_token token) {
         const interruption::Scope scope(std::move(token));
@@ -39,7 +39,7 @@ bool runLongWork(QWidget& parent, const QString& text,
         loop.exec(QEventLoop::ExcludeUserInputEvents);
     bool cancelled = false;
     if (!ended && momentOver) {
-        QProgressDialog box(text, QStringLiteral("取消"), 0, 100, &parent);
+        QProgressDialog box(text, QStringLiteral("取消"), 0, 0, &parent);
         box.setWindowModality(Qt::ApplicationModal);
         box.setAutoClose(false);
         box.setAutoReset(false);
@@ -48,7 +48,12 @@ bool runLongWork(QWidget& parent, const QString& text,
             worker.request_stop();
         });
         QTimer look;
-        QObject::connect(&look, &QTimer::timeout, [&] { box.setValue(percent); });
+        QObject::connect(&look, &QTimer::timeout, [&] {
+            if (percent < 0)
+                return;
+            box.setMaximum(100);
+            box.setValue(percent);
+        });
         look.start(kStep);
         box.show();
         loop.exec();

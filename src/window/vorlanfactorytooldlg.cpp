@@ -129,7 +129,7 @@ void CVorlanFactoryToolDlg::loadSettings() {
     storage.load();
     const std::wstring path = storage.getSnFilePath();
     if (!path.empty() && fileutil::fileExists(path))
-        storage.getSnFile().load(path);
+        loadSnFile(*this, path);
     tellSnFindings(this);
 }
 

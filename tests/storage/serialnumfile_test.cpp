@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <set>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "storage/snreservation.h"
 #include "support/recordinglog.h"
 #include "support/temporarydirectory.h"
+#include "utils/interruption.h"
 #include "utils/text.h"
 
 using testing::AllOf;
@@ -449,6 +451,22 @@ TEST_F(SerialNumFileTest, AByteOrderMarkBelongsToNoRow) {
         load("\xEF\xBB"
              ",0\r\n"));
     EXPECT_EQ(next(), "\xEF\xBB");
+}
+
+TEST_F(SerialNumFileTest, AnImportThatIsCancelledLeavesNoList) {
+    ASSERT_TRUE(load("A,0\r\n"));
+    std::string rows;
+    for (int i = 0; i < 5000; ++i)
+        rows += std::to_string(i) + ",0\r\n";
+    std::stop_source operatorCancels;
+    operatorCancels.request_stop();
+    {
+        const interruption::Scope scope(operatorCancels.get_token());
+        EXPECT_FALSE(load(rows));
+    }
+    EXPECT_EQ(file_.isLoaded(), 0);
+    EXPECT_EQ(file_.takeNext(), nullptr);
+    EXPECT_TRUE(load(rows));
 }
 
 TEST_F(SerialNumFileTest, SixteenWorkersGetEveryNumberOnce) {
