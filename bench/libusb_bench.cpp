@@ -100,7 +100,10 @@ void burnBesideBareLibusb(benchmark::State& state) {
     std::vector<double> bare;
     bool sound = LibusbkBinding::isBound();
     for (auto _ : state) {
-        bare.push_back(secondsOf([&] { sound = BareLoop().run(image, crc) && sound; }));
+        {
+            BareLoop loop;
+            bare.push_back(secondsOf([&] { sound = loop.run(image, crc) && sound; }));
+        }
         burns.push_back(secondsOf([&] {
             BurnAgent agent(id);
             agent.run({{text::widen(file), kAddress}}, nullptr, CMD_CODE_FLASH_WRITE);

@@ -40,12 +40,12 @@ inline bool runCommand(const std::string& command) {
 }
 
 // Sees to it that a cost grows no faster than what it is the cost of: the benchmark is run with
-// growing sizes, and each may cost half as much again per unit as the cheapest before it, since
-// memory gets slower the more of it is in use.
+// growing sizes, and each may cost twice as much per unit as the cheapest before it, since memory
+// gets slower the more of it is in use.
 class Growth {
   public:
     void check(benchmark::State& state, double units, double cost) {
-        constexpr double kMost = 1.5;
+        constexpr double kMost = 2;
         const double perUnit = cost / units;
         if (cheapest_ != 0 && perUnit > kMost * cheapest_)
             state.SkipWithError(("grows faster than its input: " +

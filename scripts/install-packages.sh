@@ -6,8 +6,8 @@ set -euo pipefail
 declare -A groups=(
     [build]="cmake ninja-build ccache g++ pkg-config libusb-1.0-0-dev libcjson-dev libminizip-dev
              libmd-dev libudev-dev zlib1g-dev qt6-base-dev qt6-translations-l10n fonts-wqy-microhei"
-    [test]="dbus libgtest-dev libgmock-dev umockdev libumockdev-dev libglib2.0-dev unzip"
-    [bench]="gnuplot-nox jq libarchive-tools libbenchmark-dev liblzma-dev unzip"
+    [test]="dbus libgtest-dev libgmock-dev umockdev libumockdev-dev libglib2.0-dev perl unzip"
+    [bench]="gnuplot-nox libarchive-tools libbenchmark-dev liblzma-dev linux-perf unzip"
     [package]="dpkg-dev debhelper fakeroot lintian desktop-file-utils appstream git"
     [try]="debootstrap dpkg-dev"
     [lint]="clang clang-format clang-tidy libclang-rt-14-dev"
