@@ -50,7 +50,7 @@ class LineReader {
     bool failed() const { return failed_; }
 
   private:
-    static constexpr std::size_t kBlockSize = 256 * std::size_t{1024};
+    static constexpr std::size_t kBlockSize = 64 * std::size_t{1024};
 
     std::string_view take(std::size_t size) {
         const std::string_view line = std::string_view(buffer_).substr(start_, size);

@@ -4,7 +4,6 @@
 #include <QFileDialog>
 #include <QGuiApplication>
 #include <QMessageBox>
-#include <utility>
 
 #include "ui/filecolumns.h"
 
@@ -37,7 +36,7 @@ class ScreenPrompts final : public Prompts {
             return std::nullopt;
         QString path = dialog.selectedFiles().value(0);
         lastDirectory_ = QFileInfo(path).path();
-        return path.isEmpty() ? std::nullopt : std::optional(std::move(path));
+        return path;
     }
 
   private:

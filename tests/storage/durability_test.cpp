@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <latch>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "storage/globalstorage.h"
@@ -24,6 +26,7 @@ namespace fs = std::filesystem;
 namespace {
 
 std::atomic<int> dataSyncs{0};
+bool diskFails = false;            // once
 std::function<void()> atDataSync;  // called while the disk is at work
 int fileSyncs = 0;
 int directorySyncs = 0;
@@ -38,6 +41,10 @@ int __real_fsync(int descriptor);
 
 int __wrap_fdatasync(int descriptor) {
     ++dataSyncs;
+    if (std::exchange(diskFails, false)) {
+        errno = EIO;
+        return -1;
+    }
     if (atDataSync)
         atDataSync();
     return __real_fdatasync(descriptor);
@@ -67,6 +74,18 @@ TEST(Durability, MarkIsSyncedWhenItReturns) {
         file.markBurned(file.takeNext());
         EXPECT_EQ(dataSyncs, before + 1);
     }
+}
+
+TEST(Durability, AMarkThatIsNotOnTheDiskIsTold) {
+    const TemporaryDirectory directory;
+    SerialNumFile file;
+    ASSERT_TRUE(file.load(text::widen(directory.write("sn.csv", "A,0\r\nB,0\r\nC,0\r\n"))));
+    diskFails = true;
+    const auto unmarked = file.markBurned(file.takeNext());
+    ASSERT_EQ(unmarked.size(), 1U);
+    EXPECT_EQ(unmarked[0].sn, "A");
+    EXPECT_TRUE(unmarked[0].reason.ends_with("cannot be written: Input/output error"));
+    EXPECT_TRUE(file.markBurned(file.takeNext()).empty());
 }
 
 TEST(Durability, TheRecordOfAGoodBurnIsSyncedWhenItReturns) {

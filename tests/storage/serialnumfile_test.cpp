@@ -88,6 +88,9 @@ TEST_F(SerialNumFileTest, ReleasedNumbersComeAgainLowestFirst) {
     EXPECT_EQ(next(), "-");
     file_.releaseRecord(b);
     EXPECT_EQ(next(), "B");
+    file_.releaseRecord(a);
+    file_.releaseRecord(c);
+    EXPECT_EQ(next(), "A");
 }
 
 TEST_F(SerialNumFileTest, ANumberGoesBackWithItsLastHolder) {

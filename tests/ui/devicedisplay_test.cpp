@@ -103,6 +103,14 @@ int firstInkedColumn(const QImage& picture) {
 
 }  // namespace
 
+TEST_F(DeviceDisplayTest, EachChangeShowsByItself) {
+    create();
+    display_.setName(L"1-2");
+    EXPECT_TRUE(QTest::qWaitFor([&] { return title()->text() == "1-2"; }));
+    display_.setProgress(40);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return bar()->value() == 40; }));
+}
+
 TEST_F(DeviceDisplayTest, MatchesToThePixel) {
     const struct {
         QRect rectangle;

@@ -60,4 +60,6 @@ TEST(RefresherTest, RequestDuringARefreshLeadsToAnother) {
     self = &refresher;
     refresher.request();
     EXPECT_TRUE(QTest::qWaitFor([&] { return refreshes == 2; }));
+    QTest::qWait(250);
+    EXPECT_EQ(refreshes, 2) << "nobody has asked for more";
 }
