@@ -11,7 +11,6 @@
 #include <latch>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "storage/globalstorage.h"
@@ -26,8 +25,8 @@ namespace fs = std::filesystem;
 namespace {
 
 std::atomic<int> dataSyncs{0};
-bool diskFails = false;            // once
-std::function<void()> atDataSync;  // called while the disk is at work
+std::atomic<bool> diskFails = false;  // once
+std::function<void()> atDataSync;     // called while the disk is at work
 int fileSyncs = 0;
 int directorySyncs = 0;
 std::string atFileSync;  // what the state file holds when the new one is synced
@@ -41,7 +40,7 @@ int __real_fsync(int descriptor);
 
 int __wrap_fdatasync(int descriptor) {
     ++dataSyncs;
-    if (std::exchange(diskFails, false)) {
+    if (diskFails.exchange(false)) {
         errno = EIO;
         return -1;
     }
