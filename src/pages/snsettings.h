@@ -9,7 +9,7 @@
 enum class SnLoad { kLoaded, kFailed, kCancelled };
 
 // Loads the CSV file as the pool of serial numbers; the window lives on meanwhile. The operator may
-// cancel what takes longer than a moment, and then has no list.
+// cancel what takes longer than a moment; the list before stays then.
 SnLoad loadSnFile(QWidget& parent, const std::wstring& path);
 
 // Lets the operator choose a CSV file, loads it as the pool of serial numbers and remembers it for

@@ -303,6 +303,8 @@ std::string SerialNumFile::reload(const std::string& path) {
     }
     std::vector<SnRecord> records;
     std::string problem = readRecords(*file, records);
+    if (!problem.empty() && interruption::requested())
+        return problem;
     const std::lock_guard guard(lock_);
     discardRecords();
     marks_.clear();

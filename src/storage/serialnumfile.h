@@ -59,8 +59,8 @@ class SerialNumFile {
     // Opens the file, locks it against a second copy of the program (not against readers) and reads
     // it whole. If it cannot be opened or locked, the file that was loaded before stays in use. If
     // it cannot be read or a row is not in the format, nothing is loaded afterwards. To be called
-    // while nothing is burning. An interruption of the calling thread is heeded as a file that
-    // cannot be read. False if the file is not loaded; the run log says why. A byte order mark at
+    // while nothing is burning. An interruption of the calling thread leaves everything as it was.
+    // False if the file is not loaded; the run log says why. A byte order mark at
     // the file's start belongs to no row.
     bool load(const std::wstring& path);
 
