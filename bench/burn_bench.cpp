@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "bareburn.h"
 #include "measure.h"
 #include "simulator/usb/virtualusbbus.h"
 #include "simulator/usb/virtualusbdevice.h"
@@ -26,8 +27,6 @@ constexpr std::uint32_t kImageSize = 8 * 1024 * 1024;  // bytes, where nothing e
 constexpr std::uint32_t kAddress = 0x10000;
 // The CRC of an image is remembered only if its file is not that new.
 constexpr auto kUntilSettled = std::chrono::milliseconds(2100);
-// What a burn of one image waits by rule: after the first SYNC, and before the first chunk.
-constexpr double kFixedWaits = 0.001 + 0.010;  // s
 
 // A floor of devices that run the burner image and answer at once.
 class Floor {
@@ -100,25 +99,10 @@ class BareLoop {
     BareLoop& operator=(const BareLoop&) = delete;
 
     bool run(const std::vector<std::uint8_t>& image, std::uint64_t crc) {
-        command(encode({.cmdcode = CMD_CODE_SYNC}));
-        command(encodeSetCrc64(BURN_FLAG_CRC64, crc));
-        command(encode({.cmdcode = CMD_CODE_FLASH_WRITE,
-                        .flags = BURN_FLAG_CRC64,
-                        .address = kAddress,
-                        .size = static_cast<std::uint32_t>(image.size())}));
-        for (std::size_t sent = 0; sent < image.size(); sent += kChunkSize) {
-            write(EP_ADDR_DATA_RESP_OUT, image.data() + sent, kChunkSize);
-            read(EP_ADDR_DATA_RESP_IN);
-        }
-        command(encode({.cmdcode = CMD_CODE_GET_RESULT}));
-        return good_ && decodeResponse(answer_).respcode == RESP_CODE_SUCCESS;
+        return bareBurn(*this, image, kAddress, crc) && good_;
     }
 
-  private:
-    void command(const Record& record) {
-        write(EP_ADDR_CMD_RESP_OUT, record.data(), kRecordSize);
-        read(EP_ADDR_CMD_RESP_IN);
-    }
+    const Record& answer() const { return answer_; }
 
     void write(std::uint8_t endpoint, const std::uint8_t* data, std::uint32_t size) {
         std::uint32_t count = 0;
@@ -137,6 +121,7 @@ class BareLoop {
             count == kRecordSize && good_;
     }
 
+  private:
     const LibusbkTable& usb_ = libusbkTable();
     libusbk::UsbHandle* handle_ = nullptr;
     libusbk::OverlappedPool* pool_ = nullptr;

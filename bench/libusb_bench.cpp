@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "bareburn.h"
 #include "measure.h"
 #include "simulator/kernelusb/mockusbbus.h"
 #include "simulator/kernelusb/wireddevice.h"
@@ -23,9 +24,7 @@ namespace {
 
 constexpr std::uint32_t kImageSize = 1 << 20;  // bytes
 constexpr std::uint32_t kAddress = 0x10000;
-// What a burn of one image waits by rule: after the first SYNC, and before the first chunk.
-constexpr double kFixedWaits = 0.001 + 0.010;  // s
-constexpr double kMost = 1.1;                  // times the bare transfers and the waits
+constexpr double kMost = 1.1;  // times the bare transfers and the waits
 
 // The transfers of one burn of the image by libusb's own synchronous calls.
 class BareLoop {
@@ -47,30 +46,18 @@ class BareLoop {
     BareLoop& operator=(const BareLoop&) = delete;
 
     bool run(const std::vector<std::uint8_t>& image, std::uint64_t crc) {
-        command(encode({.cmdcode = CMD_CODE_SYNC}));
-        command(encodeSetCrc64(BURN_FLAG_CRC64, crc));
-        command(encode({.cmdcode = CMD_CODE_FLASH_WRITE,
-                        .flags = BURN_FLAG_CRC64,
-                        .address = kAddress,
-                        .size = kImageSize}));
-        for (std::uint32_t sent = 0; good_ && sent < kImageSize; sent += kChunkSize) {
-            write(EP_ADDR_DATA_RESP_OUT, image.data() + sent, kChunkSize);
-            read(EP_ADDR_DATA_RESP_IN);
-        }
-        command(encode({.cmdcode = CMD_CODE_GET_RESULT}));
-        return good_ && decodeResponse(answer_).respcode == RESP_CODE_SUCCESS;
+        return bareBurn(*this, image, kAddress, crc) && good_;
     }
 
-  private:
-    void command(const Record& record) {
-        write(EP_ADDR_CMD_RESP_OUT, record.data(), kRecordSize);
-        read(EP_ADDR_CMD_RESP_IN);
-    }
+    const Record& answer() const { return answer_; }
+
     void write(std::uint8_t endpoint, const std::uint8_t* bytes, std::uint32_t size) {
         // libusb does not change what it sends.
         transfer(endpoint, const_cast<std::uint8_t*>(bytes), size);
     }
     void read(std::uint8_t endpoint) { transfer(endpoint, answer_.data(), kRecordSize); }
+
+  private:
     void transfer(std::uint8_t endpoint, std::uint8_t* bytes, std::uint32_t size) {
         int count = 0;
         good_ = good_ &&
